@@ -1,0 +1,45 @@
+#pragma once
+
+#include <sys/stat.h>
+
+#include <cstddef>
+#include <string>
+
+#include "hds/common/HDSExport.h"
+
+class HDS_API CZoError {
+ public:
+  CZoError() = default;
+  explicit CZoError(int err, std::string what = "");
+  bool IsError() const { return m_iErrno != 0; }
+  int Errno() const { return m_iErrno; }
+  std::string AsString() const;  // "" when no error
+
+ private:
+  int m_iErrno = 0;
+  std::string m_sWhat;
+};
+
+// A file opened with O_CLOEXEC | O_NOFOLLOW always: a planted symlink at a script, response or
+// HORCM path is refused, never followed.
+class HDS_API CZoFile {
+ public:
+  CZoFile() = default;
+  ~CZoFile();  // closes
+  CZoFile(const CZoFile&) = delete;
+  CZoFile& operator=(const CZoFile&) = delete;
+
+  static CZoError Stat(const std::string& path, struct stat* st = nullptr);
+  CZoError Open(const std::string& path, int flags, int mode);
+  // Writes everything (retrying short writes and EINTR); *written gets the count.
+  CZoError Write(const void* data, size_t len, size_t* written = nullptr);
+  CZoError Flush();  // fsync
+  CZoError Close();
+  bool IsOpen() const { return m_iFd >= 0; }
+  int Fd() const { return m_iFd; }
+
+  static CZoError ReadWholeFile(const std::string& path, std::string& content);
+
+ private:
+  int m_iFd = -1;
+};

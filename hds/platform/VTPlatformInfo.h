@@ -1,0 +1,36 @@
+#pragma once
+
+#include <cstddef>
+#include <functional>
+#include <string>
+
+#include "hds/common/HDSExport.h"
+
+// The client settings store: a plain INI file at $HDS_SETTINGS_FILE (default
+// /etc/hds/settings.conf). "[section]" lines name sections literally ("[~iHarbor]" is the section
+// "~iHarbor"); "key=value" lines with blanks around key and value trimmed; lines starting with
+// '#' or ';' are comments. Keys are case-sensitive. A missing file means nothing is set; a number
+// that does not parse is not set. Every write is a read-modify-write under an exclusive lock on a
+// separate, never-replaced "<file>.lock", ending in write temp + fsync + rename in the same
+// directory, so concurrent writers lose nothing and readers never see a torn file.
+class HDS_API VTPlatformInfo {
+ public:
+  static bool getRegInt(const char* section, const char* key, int* value);
+  static bool setRegInt(const char* section, const char* key, int value);
+  // Copies the value, always terminated within size; false when not set.
+  static bool getString(const char* section, const char* key, char* buf, size_t size);
+  static bool setString(const char* section, const char* key, const std::string& value);
+  static bool getNumber(const char* section, const char* key, unsigned long* value);
+  static bool removeKey(const char* section, const char* key);
+
+  // Atomic read-modify-write of one integer: fn gets (present, current value) and returns the new
+  // value. false when the file could not be rewritten (old content kept).
+  static bool updateRegInt(const char* section, const char* key,
+                           const std::function<int(bool present, int current)>& fn);
+
+  // Host name for HORCM files: "sClientHostName" in section "iHarbor", else false.
+  static bool getClientHostName(const std::string& clientName, std::string& hostName);
+
+  // Path in use ($HDS_SETTINGS_FILE or /etc/hds/settings.conf).
+  static std::string settingsFile();
+};

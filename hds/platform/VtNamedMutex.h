@@ -1,0 +1,32 @@
+#pragma once
+
+#include <string>
+
+#include "hds/common/HDSExport.h"
+
+// Host-wide mutex by name: excludes other threads of this process as well as other processes,
+// and is released by the kernel when the holder dies. Backed by a file in $HDS_LOCK_DIR
+// (default /run/lock/hds), created with safe permissions and never followed through a symlink.
+// One object is used by one thread at a time; lock and unlock come from the same thread.
+class HDS_API VtNamedMutex {
+ public:
+  explicit VtNamedMutex(const std::string& name);
+  ~VtNamedMutex();  // releases the mutex if this object holds it
+  VtNamedMutex(const VtNamedMutex&) = delete;
+  VtNamedMutex& operator=(const VtNamedMutex&) = delete;
+
+  // false when the backing file could not be made; lastError() says why.
+  bool isValid() const;
+  const std::string& lastError() const;
+
+  // Waits at most ms milliseconds (scaled by ZoSetTimeScale) without sleep-polling.
+  bool lock(unsigned long ms);
+  void unlock();
+
+  // Directory the lock files live in ($HDS_LOCK_DIR or /run/lock/hds).
+  static std::string lockDirectory();
+
+ private:
+  struct Impl;
+  Impl* m_pImpl;
+};

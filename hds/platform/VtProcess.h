@@ -1,0 +1,47 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+
+#include "hds/common/HDSExport.h"
+
+// One child process: "/bin/sh -c LINE" (or any argument vector) in its own process group, with
+// stdout and stderr trapped through close-on-exec pipes that are read concurrently, stdin from
+// /dev/null, LC_ALL=C in its environment. A time-out kills the whole group (TERM, short grace,
+// KILL), reaps it and reports the error text "timedout". Safe to use from many threads at once
+// (one object per call).
+class HDS_API VtProcess {
+ public:
+  VtProcess();
+  ~VtProcess();  // kills and reaps a child that is still running
+  VtProcess(const VtProcess&) = delete;
+  VtProcess& operator=(const VtProcess&) = delete;
+
+  void TrapIO(bool trapStdout, bool trapStderr);
+  void SetSilence(bool silent);
+
+  // argv is null-terminated; argv[0] is the program path. false, with *error set, when the child
+  // could not be started. flags is reserved (0).
+  bool StartProcess(char* const argv[], std::string* error, int flags);
+
+  // Waits until the child ends or timeoutSec passes (<= 0: no time-out). true when the child
+  // ended and its exit code is in *exitCode (128 + signal number when a signal ended it). false
+  // with *error "timedout" on a time-out; false with another text when the end was not observed.
+  bool WaitForProcessToEnd(int* exitCode, std::string* error, int timeoutSec);
+  // The same with a deadline in milliseconds.
+  bool WaitForProcessToEndMs(int* exitCode, std::string* error, long timeoutMs);
+
+  // What the child wrote; valid after WaitForProcessToEnd.
+  void GetIO(std::string* out, std::string* err);
+
+  // Runs "/bin/sh -c cmd" to its end without a time-out. Returns the exit code, or -1 when it
+  // could not be run (*err then holds why). flags is reserved (0).
+  int system(const char* cmd, std::string* out, std::string* err, int flags, bool trapIO);
+
+  pid_t pid() const;
+
+ private:
+  struct Impl;
+  Impl* m_pImpl;
+};

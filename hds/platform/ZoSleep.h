@@ -1,0 +1,11 @@
+#pragma once
+
+#include "hds/common/HDSExport.h"
+
+// Sleep in milliseconds, scaled by the process-wide time scale.
+HDS_API void ZOSLEEP_InTeRnAl(unsigned long ms);
+// 1.0 by default; 0.001 makes a 5-second wait last 5 ms. Also scales VtNamedMutex timed waits.
+HDS_API void ZoSetTimeScale(double factor);
+HDS_API double ZoGetTimeScale();
+// ms scaled by the time scale, never below 1 when ms > 0.
+HDS_API unsigned long ZoScaledMs(unsigned long ms);
