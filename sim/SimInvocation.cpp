@@ -190,7 +190,6 @@ void Invocation::settle() {
   if (!due) return;
   int64_t now = nowMs();
   if (std::atoll(due->c_str()) > now) return;
-  m_rStore.run("DELETE FROM pairs WHERE due<=? AND next='SMPL'", now);
   m_rStore.run("UPDATE pairs SET status=next, next=NULL, since=due, due=NULL WHERE due<=?", now);
   m_rStore.run("DELETE FROM snapshots WHERE due<=? AND next='SMPL'", now);
   m_rStore.run("UPDATE snapshots SET status=next, next=NULL, since=due, due=NULL WHERE due<=?",
