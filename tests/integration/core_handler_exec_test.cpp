@@ -250,6 +250,23 @@ TEST_F(HandlerExec, PlantedSymlinksAreNotFollowed) {
   EXPECT_EQ(readFile(victim), "precious\n");
 }
 
+TEST_F(HandlerExec, OverlongTemporaryDirectoryGivesNoFileName) {
+  std::string dir = h.env.root();
+  while (dir.size() < 1030) dir += "/" + std::string(100, 'd');
+  h.env.setEnv("HDS_TEMP_DIR", dir.c_str());
+  expectInChild([&] {
+    auto handler = h.handler();
+    ASSERT_EQ(handler->ready(), 1);
+    EXPECT_EQ(handler->formInputScriptFileName(), "");
+    EXPECT_EQ(handler->formOutputFileName(), "");
+    std::string output;
+    int exitCode = -1;
+    EXPECT_EQ(handler->executeScriptFile("#!/bin/sh\necho x\n", output, exitCode), 1);
+    EXPECT_EQ(handler->errorText(), "Failed to create script file []");
+    EXPECT_EQ(h.log.count("Will retry"), 0u);
+  });
+}
+
 TEST_F(HandlerExec, RaidcomErrorDetection) {
   expectInChild([&] {
     auto handler = h.handler();
