@@ -5,11 +5,14 @@
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/mman.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cstdint>
 #include <cstring>
 #include <vector>
 
@@ -25,6 +28,8 @@ constexpr long kDrainAfterExitMs = 200;
 // Between SIGTERM and SIGKILL for the group of a child that timed out.
 constexpr long kTermGraceMs = 100;
 constexpr size_t kReadChunk = 1 << 16;
+constexpr size_t kHugePage = 2 << 20;
+constexpr size_t kHugeAdviceFrom = 8 << 20;
 
 long long nowMs() {
   timespec ts;
@@ -193,15 +198,41 @@ bool VtProcess::Impl::start(char* const argv[], std::string* error) {
   return true;
 }
 
+namespace {
+
+// Grows buf to hold at least need bytes. Past a few MiB the new buffer is advised onto huge
+// pages before first use: faulting in output 4 KiB at a time otherwise costs more than reading it.
+void reserveFor(std::string& buf, size_t need) {
+  if (need <= buf.capacity()) return;
+  size_t cap = std::max(need, buf.capacity() * 2);
+  if (cap < kHugeAdviceFrom) {
+    buf.reserve(cap);
+    return;
+  }
+  std::string bigger;
+  bigger.reserve(cap);
+  uintptr_t begin = reinterpret_cast<uintptr_t>(&bigger[0]);
+  uintptr_t first = (begin + kHugePage - 1) & ~(kHugePage - 1);
+  uintptr_t last = (begin + cap) & ~(kHugePage - 1);
+  if (last > first) madvise(reinterpret_cast<void*>(first), last - first, MADV_HUGEPAGE);
+  bigger.append(buf);
+  buf.swap(bigger);
+}
+
+}  // namespace
+
 void VtProcess::Impl::readSome(int& fd, std::string& buf) {
-  size_t used = buf.size();
-  buf.resize(used + kReadChunk);  // grows geometrically: one copy of the output overall
+  char chunk[kReadChunk];
   ssize_t n;
   do {
-    n = read(fd, &buf[used], buf.size() - used);
+    n = read(fd, chunk, sizeof(chunk));
   } while (n < 0 && errno == EINTR);
-  buf.resize(used + (n > 0 ? static_cast<size_t>(n) : 0));
-  if (n <= 0) closeFd(fd);
+  if (n <= 0) {
+    closeFd(fd);
+    return;
+  }
+  reserveFor(buf, buf.size() + static_cast<size_t>(n));
+  buf.append(chunk, static_cast<size_t>(n));
 }
 
 // Collects the exit status. false while the child is still running (block == false only).
