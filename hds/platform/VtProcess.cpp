@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <climits>
 #include <cstdint>
 #include <cstring>
 #include <vector>
@@ -309,7 +310,7 @@ bool VtProcess::Impl::wait(int* exitCode, std::string* error, long timeoutMs) {
         timedOut = !exited;
         break;
       }
-      timeout = static_cast<int>(until - now);
+      timeout = static_cast<int>(std::min<long long>(until - now, INT_MAX));
     }
     // Without a pidfd (old kernels) the end of the child is noticed by asking now and then.
     if (!exited && iPidFd < 0 && (timeout < 0 || timeout > 20)) timeout = 20;
