@@ -15,6 +15,7 @@
 #include <climits>
 #include <cstdint>
 #include <cstring>
+#include <memory>
 #include <vector>
 
 #include "hds/platform/PlatformInternal.h"
@@ -111,6 +112,7 @@ struct VtProcess::Impl {
   int iExitCode = -1;
   std::string sOut;
   std::string sErr;
+  std::unique_ptr<char[]> pChunk;
 
   bool start(char* const argv[], std::string* error);
   bool wait(int* exitCode, std::string* error, long timeoutMs);
@@ -226,10 +228,12 @@ void reserveFor(std::string& buf, size_t need) {
 }  // namespace
 
 void VtProcess::Impl::readSome(int& fd, std::string& buf) {
-  char chunk[kReadChunk];
+  // On the heap: the host's threads may have small stacks.
+  if (!pChunk) pChunk.reset(new char[kReadChunk]);
+  char* chunk = pChunk.get();
   ssize_t n;
   do {
-    n = read(fd, chunk, sizeof(chunk));
+    n = read(fd, chunk, kReadChunk);
   } while (n < 0 && errno == EINTR);
   if (n <= 0) {
     closeFd(fd);
@@ -281,8 +285,8 @@ bool VtProcess::Impl::wait(int* exitCode, std::string* error, long timeoutMs) {
   };
   if (iPid <= 0) return fail("No process was started");
   long long deadline = timeoutMs > 0 ? nowMs() + timeoutMs : -1;
-  long long drainUntil = -1;
   bool exited = bEnded;
+  long long drainUntil = exited ? nowMs() + kDrainAfterExitMs : -1;
   bool timedOut = false;
 
   while (iOutFd >= 0 || iErrFd >= 0 || !exited) {
