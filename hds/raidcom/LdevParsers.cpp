@@ -1,7 +1,8 @@
 #include <cstdint>
-#include <cstring>
+#include <map>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "hds/common/HDSConstants.h"
 #include "hds/common/HDSText.h"
@@ -11,8 +12,18 @@ namespace {
 
 using hds::text::LastLine;
 using hds::text::Separator;
+using namespace std::string_view_literals;
 
-const char* const kWhiteSpace = " \t\n\v\f\r";
+// The white space of Separator::Space, spelled out inline: the LDEV listing of a full array runs
+// two million lines through the loops that test it.
+inline bool isWhiteSpace(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
+
+bool hasWhiteSpace(std::string_view text) {
+  for (char c : text) {
+    if (isWhiteSpace(c)) return true;
+  }
+  return false;
+}
 
 // atoi without its undefined overflow: listings fed from anywhere must not be able to crash us.
 int64_t toInt64(std::string_view text) {
@@ -42,13 +53,13 @@ int toInt(std::string_view text) {
 // scan of its own.
 void assignCompact(std::string& target, std::string_view text) {
   text = hds::text::trim(text);
-  if (text.find_first_of(kWhiteSpace) == std::string_view::npos) {
+  if (!hasWhiteSpace(text)) {
     target.assign(text.data(), text.size());
     return;
   }
   target.clear();
   for (char c : text) {
-    if (!hds::text::isSeparator(c, Separator::Space)) target.push_back(c);
+    if (!isWhiteSpace(c)) target.push_back(c);
   }
 }
 
@@ -61,6 +72,25 @@ std::string compact(std::string_view text) {
 std::string_view cut(std::string_view line, size_t start, size_t length) {
   if (start >= line.size()) return std::string_view();
   return line.substr(start, length);
+}
+
+// Every line of the text, split in blocks of some 64 KiB that each end at a line end: the views
+// of all lines of a large listing never exist at once.
+template <typename Fn>
+void forEachLine(std::string_view text, Fn&& fn) {
+  const size_t kBlock = size_t(1) << 16;
+  size_t start = 0;
+  while (start < text.size()) {
+    size_t end = text.size();
+    if (text.size() - start > kBlock) {
+      const size_t lineEnd = text.find('\n', start + kBlock);
+      if (lineEnd != std::string_view::npos) end = lineEnd + 1;
+    }
+    for (const std::string_view line : hds::text::splitLines(text.substr(start, end - start))) {
+      fn(line);
+    }
+    start = end;
+  }
 }
 
 // Lines after the header that carry something; a blank line is no record.
@@ -79,7 +109,7 @@ int volumeAttributemap(std::string const& volAttr) {
   if (volAttr == "NOT DEFINED") return VT_HDS_VOL_NOT_DEFINED;
 
   struct Word {
-    const char* text;
+    std::string_view text;
     int bit;
   };
   // Plain substring tests: "HA" anywhere sets the GAD bit, "MRCF" and "QS" side by side set both.
@@ -95,7 +125,7 @@ int volumeAttributemap(std::string const& volAttr) {
   };
   int bits = VT_HDS_VOL_NOT_FOUND;
   for (const Word& word : kWords) {
-    if (volAttr.find(word.text) != std::string::npos) bits |= word.bit;
+    if (std::string_view(volAttr).find(word.text) != std::string_view::npos) bits |= word.bit;
   }
   return bits;
 }
@@ -130,8 +160,9 @@ void parsePortList(std::string const& text, std::vector<hdsLun_t>& luns) {
   }
 }
 
-// Runs over tens of megabytes for a full array (65,280 LDEVs of some 33 lines each), so keys are
-// matched in place and only the values of the keys kept are copied.
+// Runs over tens of megabytes for a full array (65,280 LDEVs of some 33 lines each), so most
+// lines are passed over on their first character, keys are matched in place and only the values
+// of the keys kept are copied.
 void parseGetLdevOutput(std::string const& output, std::vector<hdsLdev_t>& ldevs,
                         std::map<int, std::string> const& filters) {
   const auto labelFilter = filters.find(VT_HDS_LDEV_FILTER_LABEL);
@@ -139,6 +170,7 @@ void parseGetLdevOutput(std::string const& output, std::vector<hdsLdev_t>& ldevs
 
   hdsLdev_t current;
   bool inHand = false;  // a record has begun; blank separator lines and empty output make none
+  bool reserved = false;
   auto finish = [&]() {
     if (inHand && !(filterByLabel && current.label != labelFilter->second)) {
       ldevs.push_back(std::move(current));
@@ -148,54 +180,90 @@ void parseGetLdevOutput(std::string const& output, std::vector<hdsLdev_t>& ldevs
   };
 
   std::string keyBuffer;
-  std::string value;
-  for (const std::string_view line : hds::text::splitLines(output)) {
-    const size_t colon = line.find(':');
-    if (colon == std::string_view::npos) continue;
-    std::string_view key = hds::text::trim(line.substr(0, colon));
-    if (key.find_first_of(kWhiteSpace) != std::string_view::npos) {
+  std::string value;  // scratch for values that are converted rather than kept
+  forEachLine(output, [&](const std::string_view line) {
+    size_t first = 0;
+    while (first < line.size() && isWhiteSpace(line[first])) ++first;
+    if (first == line.size()) return;
+    switch (line[first]) {  // the first letters of the keys kept
+      case 'B':
+      case 'L':
+      case 'M':
+      case 'P':
+      case 'Q':
+      case 'R':
+      case 'S':
+      case 'V':
+        break;
+      default:
+        return;
+    }
+    const size_t colon = line.find(':', first);
+    if (colon == std::string_view::npos) return;
+    std::string_view key = hds::text::trim(line.substr(first, colon - first));
+    if (hasWhiteSpace(key)) {
       keyBuffer = compact(key);
       key = keyBuffer;
     }
     const std::string_view rawValue = line.substr(colon + 1);
 
-    if (key == "Serial#") {
+    if (key == "Serial#"sv) {
+      if (inHand && !reserved) {
+        // A listing is mostly records of one shape: room for as many as the first one fits
+        // into the text saves growing the vector (and touching its memory twice) 16 times over.
+        const size_t firstRecord = static_cast<size_t>(line.data() - output.data());
+        if (firstRecord > 0) {
+          const size_t estimate = output.size() / firstRecord + 1;
+          ldevs.reserve(ldevs.size() + estimate + estimate / 8);
+        }
+        reserved = true;
+      }
       if (inHand) finish();
       assignCompact(current.serialNumber, rawValue);
-    } else if (key == "LDEV") {
-      assignCompact(value, rawValue);
-      const size_t virtualMark = value.find("VIR_LDEV");
+    } else if (key == "LDEV"sv) {
+      assignCompact(current.ldevId, rawValue);
+      const size_t virtualMark = current.ldevId.find("VIR_LDEV");
       if (virtualMark == std::string::npos) {
-        current.ldevId = value;
         current.virtualLdevId.clear();
       } else {
-        current.ldevId.assign(value, 0, virtualMark);
-        current.virtualLdevId =
-            virtualMark + 9 <= value.size() ? value.substr(virtualMark + 9) : std::string();
+        if (virtualMark + 9 <= current.ldevId.size()) {
+          current.virtualLdevId.assign(current.ldevId, virtualMark + 9, std::string::npos);
+        } else {
+          current.virtualLdevId.clear();
+        }
+        current.ldevId.resize(virtualMark);
       }
-    } else if (key == "VOL_TYPE") {
+    } else if (key == "VOL_TYPE"sv) {
       assignCompact(current.volType, rawValue);
-    } else if (key == "VOL_Capacity(BLK)") {
-      const int64_t blocks = toInt64(compact(rawValue));
+    } else if (key == "VOL_Capacity(BLK)"sv) {
+      assignCompact(value, rawValue);
+      const int64_t blocks = toInt64(value);
       current.capacity = blocks > 0 ? static_cast<uint64_t>(blocks) : 0;
-    } else if (key == "PORTs") {
+    } else if (key == "PORTs"sv) {
       parsePortList(std::string(line), current.lunPaths);
-    } else if (key == "B_POOLID") {
+    } else if (key == "B_POOLID"sv) {
       assignCompact(current.poolId, rawValue);
-    } else if (key == "VOL_ATTR") {
-      current.volAttr = volumeAttributemap(compact(rawValue));
-    } else if (key == "LDEV_NAMING") {
+    } else if (key == "VOL_ATTR"sv) {
+      assignCompact(value, rawValue);
+      current.volAttr = volumeAttributemap(value);
+    } else if (key == "LDEV_NAMING"sv) {
       assignCompact(current.label, rawValue);
-    } else if (key == "QRP_Serial#") {
+    } else if (key == "QRP_Serial#"sv) {
       assignCompact(current.remoteSerial, rawValue);
-    } else if (key == "RSGID") {
-      current.resourceGroupId = toInt(compact(rawValue));
-    } else if (key == "MP#") {
-      current.mpBladeId = toInt(compact(rawValue));
+    } else if (key == "RSGID"sv) {
+      assignCompact(value, rawValue);
+      current.resourceGroupId = toInt(value);
+    } else if (key == "MP#"sv) {
+      assignCompact(value, rawValue);
+      current.mpBladeId = toInt(value);
+    } else {
+      return;
     }
     inHand = true;
-  }
+  });
   finish();
+  // Records of uneven shape may have left the estimate far above the count.
+  if (reserved && ldevs.capacity() > ldevs.size() + ldevs.size() / 2) ldevs.shrink_to_fit();
 }
 
 // The fixed-width form of "get ldev -key front_end": serial 0-8, LDEV 9-13, volume type 23-41,

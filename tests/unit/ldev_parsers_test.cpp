@@ -112,6 +112,33 @@ TEST(LdevListing, SeparatorsLineEndingsAndEmptyOutput) {
   EXPECT_EQ(ldevs[0].ldevId, "4662");
 }
 
+TEST(LdevListing, LongListingsOfUnevenRecords) {
+  // Several hundred kilobytes, a short undefined record first and CRLF endings: no record may be
+  // lost or split wherever the text is cut for reading.
+  std::string text = "Serial#  : 412345\r\nLDEV : 0\r\nVOL_TYPE : NOT DEFINED\r\n\r\n";
+  for (int id = 1; id < 3000; ++id) {
+    text += "Serial#  : 412345\r\nLDEV : " + std::to_string(id) +
+            "\r\nSL : 0\r\nVOL_TYPE : OPEN-V-CVS\r\nVOL_Capacity(BLK) : 2097152\r\n"
+            "PORTs : CL1-A-1 " +
+            std::to_string(id) + " h\r\nVOL_ATTR : CVS : HDP\r\nLDEV_NAMING : KS_SVOL_" +
+            std::to_string(id) +
+            "\r\nCSV_Status : DISABLED\r\nDEDUPLICATION_DATA : DISABLED\r\n\r\n";
+  }
+  ASSERT_GT(text.size(), 300000u);
+  std::vector<hdsLdev_t> ldevs;
+  parseGetLdevOutput(text, ldevs, {});
+  ASSERT_EQ(ldevs.size(), 3000u);
+  for (int id = 1; id < 3000; ++id) {
+    const hdsLdev_t& ldev = ldevs[id];
+    ASSERT_EQ(ldev.ldevId, std::to_string(id));
+    ASSERT_EQ(ldev.label, "KS_SVOL_" + std::to_string(id));
+    ASSERT_EQ(ldev.capacity, 2097152u);
+    ASSERT_EQ(ldev.lunPaths.size(), 1u);
+    ASSERT_EQ(ldev.lunPaths[0].lunId, std::to_string(id));
+  }
+  EXPECT_LE(ldevs.capacity(), ldevs.size() * 2);
+}
+
 TEST(LdevListing, LabelFilterKeepsOnlyThatLabel) {
   std::vector<hdsLdev_t> ldevs;
   parseGetLdevOutput(kLdevListing, ldevs, {{VT_HDS_LDEV_FILTER_LABEL, "vol_a0"}});
