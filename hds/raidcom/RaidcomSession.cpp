@@ -192,7 +192,6 @@ int RaidcomCommandHandler::initialize(std::string const& serialNumber,
                      "Setting to perform prepare-create in single session is set. Value-[%d]",
                      delayedLogout);
   }
-  if (m_iOperationType != 2) delayedLogout = 0;
   // With delayed logout the create step works in the session the prepare step left open.
   if (delayedLogout == 0 && performLogin(false) != 0) return 1;
 
