@@ -42,4 +42,5 @@ class HDS_API CZoFile {
 
  private:
   int m_iFd = -1;
+  bool m_bExecLock = false;  // holds the process-wide lock that keeps spawns from ETXTBSY
 };

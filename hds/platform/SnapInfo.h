@@ -36,7 +36,7 @@ HDS_API extern const char* const SMCONFIG_NAME_HORCM_INSTALLATION_PATH;
 // its array-level settings from a map. Thread-safe.
 class HDS_API BasicSnapInfo : public VTSO::SnapInfo {
  public:
-  BasicSnapInfo();                           // logs nowhere
+  BasicSnapInfo();                            // logs nowhere
   explicit BasicSnapInfo(std::ostream* out);  // not owned; nullptr logs nowhere
   ~BasicSnapInfo() override;
 

@@ -25,6 +25,8 @@ class HDS_API VtNamedMutex {
 
   // Directory the lock files live in ($HDS_LOCK_DIR or /run/lock/hds).
   static std::string lockDirectory();
+  // The file backing the mutex of this name, in lockDirectory().
+  static std::string lockFilePath(const std::string& name);
 
  private:
   struct Impl;

@@ -32,7 +32,8 @@ class HDS_API VtProcess {
   // The same with a deadline in milliseconds.
   bool WaitForProcessToEndMs(int* exitCode, std::string* error, long timeoutMs);
 
-  // What the child wrote; valid after WaitForProcessToEnd.
+  // What the child wrote; valid after WaitForProcessToEnd. The text is handed over, not copied:
+  // a second call yields empty strings.
   void GetIO(std::string* out, std::string* err);
 
   // Runs "/bin/sh -c cmd" to its end without a time-out. Returns the exit code, or -1 when it

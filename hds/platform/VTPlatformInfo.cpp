@@ -1,0 +1,311 @@
+#include "hds/platform/VTPlatformInfo.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <vector>
+
+#include "hds/platform/CZoFile.h"
+#include "hds/platform/PlatformInternal.h"
+#include "hds/platform/SettingsText.h"
+
+namespace hdsplatform {
+
+namespace {
+
+std::atomic<SettingsFault> g_eFault{SettingsFault::kNone};
+
+std::string trim(const std::string& s) {
+  size_t b = s.find_first_not_of(" \t\r");
+  if (b == std::string::npos) return std::string();
+  size_t e = s.find_last_not_of(" \t\r");
+  return s.substr(b, e - b + 1);
+}
+
+enum class LineKind { kOther, kSection, kKey };
+
+struct Line {
+  LineKind eKind = LineKind::kOther;
+  std::string sName;  // section name or key
+  std::string sValue;
+};
+
+Line classify(const std::string& raw) {
+  Line line;
+  std::string t = trim(raw);
+  if (t.empty() || t[0] == '#' || t[0] == ';') return line;
+  if (t[0] == '[' && t.back() == ']') {
+    line.eKind = LineKind::kSection;
+    line.sName = t.substr(1, t.size() - 2);
+    return line;
+  }
+  size_t eq = t.find('=');
+  if (eq == std::string::npos) return line;
+  line.eKind = LineKind::kKey;
+  line.sName = trim(t.substr(0, eq));
+  line.sValue = trim(t.substr(eq + 1));
+  return line;
+}
+
+std::vector<std::string> splitLines(const std::string& text) {
+  std::vector<std::string> lines;
+  size_t start = 0;
+  while (start < text.size()) {
+    size_t nl = text.find('\n', start);
+    if (nl == std::string::npos) nl = text.size();
+    lines.push_back(text.substr(start, nl - start));
+    start = nl + 1;
+  }
+  return lines;
+}
+
+}  // namespace
+
+bool findSetting(const std::string& text, const std::string& section, const std::string& key,
+                 std::string& value) {
+  bool found = false;
+  bool inSection = section.empty();
+  for (const std::string& raw : splitLines(text)) {
+    Line line = classify(raw);
+    if (line.eKind == LineKind::kSection) {
+      inSection = line.sName == section;
+    } else if (line.eKind == LineKind::kKey && inSection && line.sName == key) {
+      value = line.sValue;
+      found = true;
+    }
+  }
+  return found;
+}
+
+std::string withSetting(const std::string& text, const std::string& section, const std::string& key,
+                        const std::string* value) {
+  std::vector<std::string> lines = splitLines(text);
+  std::vector<bool> drop(lines.size(), false);
+  long lastKey = -1;     // last line holding the key in the section
+  long sectionEnd = -1;  // last non-blank line of the last block of the section
+  bool inSection = section.empty();
+  for (size_t i = 0; i < lines.size(); ++i) {
+    Line line = classify(lines[i]);
+    if (line.eKind == LineKind::kSection) {
+      inSection = line.sName == section;
+      if (inSection) sectionEnd = static_cast<long>(i);
+      continue;
+    }
+    if (!inSection) continue;
+    if (!trim(lines[i]).empty()) sectionEnd = static_cast<long>(i);
+    if (line.eKind == LineKind::kKey && line.sName == key) {
+      if (value == nullptr) drop[i] = true;
+      lastKey = static_cast<long>(i);
+    }
+  }
+  std::string entry = value != nullptr ? key + "=" + *value : std::string();
+  std::string out;
+  out.reserve(text.size() + entry.size() + section.size() + 8);
+  bool placed = value == nullptr || lastKey >= 0;
+  for (size_t i = 0; i < lines.size(); ++i) {
+    if (drop[i]) continue;
+    out += value != nullptr && static_cast<long>(i) == lastKey ? entry : lines[i];
+    out += '\n';
+    if (!placed && static_cast<long>(i) == sectionEnd) {
+      out += entry + "\n";
+      placed = true;
+    }
+  }
+  if (!placed) {
+    if (!out.empty()) out += '\n';
+    if (!section.empty()) out += "[" + section + "]\n";
+    out += entry + "\n";
+  }
+  return out;
+}
+
+void setSettingsFaultForTest(SettingsFault fault) { g_eFault.store(fault); }
+
+}  // namespace hdsplatform
+
+namespace {
+
+using hdsplatform::SettingsFault;
+
+bool readSettings(std::string& text) {
+  CZoError err = CZoFile::ReadWholeFile(VTPlatformInfo::settingsFile(), text);
+  if (err.IsError()) {
+    text.clear();
+    return err.Errno() == ENOENT;
+  }
+  return true;
+}
+
+bool lookup(const char* section, const char* key, std::string& value) {
+  if (section == nullptr || key == nullptr) return false;
+  std::string text;
+  readSettings(text);
+  return hdsplatform::findSetting(text, section, key, value);
+}
+
+bool parseInt(const std::string& s, long long lo, long long hi, long long& out) {
+  if (s.empty()) return false;
+  errno = 0;
+  char* end = nullptr;
+  long long v = strtoll(s.c_str(), &end, 10);
+  if (errno != 0 || end == s.c_str() || *end != '\0' || v < lo || v > hi) return false;
+  out = v;
+  return true;
+}
+
+int injected(SettingsFault step) {
+  return hdsplatform::g_eFault.load(std::memory_order_relaxed) == step ? EIO : 0;
+}
+
+// Read-modify-write of the whole file. The lock is on a separate file that is never replaced:
+// a lock on the settings file itself would be lost with the inode that rename swaps out. The new
+// text goes to a temp file in the same directory, synced before the rename, so a reader sees the
+// old file or the new one and a crash leaves one of them whole.
+bool rewrite(const std::function<bool(std::string& text)>& modify) {
+  std::string path = VTPlatformInfo::settingsFile();
+  size_t slash = path.rfind('/');
+  std::string dir = slash == std::string::npos ? "." : (slash == 0 ? "/" : path.substr(0, slash));
+  if (hdsplatform::ensurePrivateDirectory(dir, 0755) != 0) return false;
+
+  int lockFd;
+  do {
+    lockFd = open((path + ".lock").c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
+  } while (lockFd < 0 && errno == EINTR);
+  if (lockFd < 0) return false;
+  while (flock(lockFd, LOCK_EX) != 0) {
+    if (errno != EINTR) {
+      close(lockFd);
+      return false;
+    }
+  }
+
+  bool ok = false;
+  std::string text;
+  std::string tmp = path + ".tmp";
+  if (readSettings(text)) {
+    std::string before = text;
+    if (!modify(text)) {
+      ok = false;
+    } else if (text == before) {
+      ok = true;
+    } else {
+      struct stat st;
+      int mode = lstat(path.c_str(), &st) == 0 ? static_cast<int>(st.st_mode & 0666) : 0644;
+      // A temp file a crashed writer left behind is ours to replace: we hold the lock.
+      unlink(tmp.c_str());
+      CZoFile file;
+      CZoError err = file.Open(tmp, O_WRONLY | O_CREAT | O_EXCL, mode);
+      if (!err.IsError()) {
+        err = file.Write(text.data(), text.size());
+        if (!err.IsError() && injected(SettingsFault::kWrite)) err = CZoError(EIO);
+        if (!err.IsError()) err = file.Flush();
+        if (!err.IsError() && injected(SettingsFault::kFsync)) err = CZoError(EIO);
+        CZoError closed = file.Close();
+        if (!err.IsError()) err = closed;
+        if (!err.IsError() && injected(SettingsFault::kRename)) err = CZoError(EIO);
+        if (!err.IsError() && rename(tmp.c_str(), path.c_str()) != 0) err = CZoError(errno);
+        if (err.IsError()) {
+          unlink(tmp.c_str());
+        } else {
+          int dirFd = open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+          if (dirFd >= 0) {
+            fsync(dirFd);
+            close(dirFd);
+          }
+          ok = true;
+        }
+      }
+    }
+  }
+  flock(lockFd, LOCK_UN);
+  close(lockFd);
+  return ok;
+}
+
+bool validValue(const std::string& value) {
+  return value.find_first_of("\r\n") == std::string::npos;
+}
+
+bool setValue(const char* section, const char* key, const std::string* value) {
+  if (section == nullptr || key == nullptr || *key == '\0') return false;
+  if (value != nullptr && !validValue(*value)) return false;
+  return rewrite([&](std::string& text) {
+    text = hdsplatform::withSetting(text, section, key, value);
+    return true;
+  });
+}
+
+}  // namespace
+
+bool VTPlatformInfo::getRegInt(const char* section, const char* key, int* value) {
+  std::string text;
+  long long v;
+  if (!lookup(section, key, text) || !parseInt(text, INT_MIN, INT_MAX, v)) return false;
+  if (value != nullptr) *value = static_cast<int>(v);
+  return true;
+}
+
+bool VTPlatformInfo::setRegInt(const char* section, const char* key, int value) {
+  std::string text = std::to_string(value);
+  return setValue(section, key, &text);
+}
+
+bool VTPlatformInfo::getString(const char* section, const char* key, char* buf, size_t size) {
+  std::string text;
+  if (!lookup(section, key, text) || buf == nullptr || size == 0) return false;
+  size_t n = std::min(text.size(), size - 1);
+  memcpy(buf, text.data(), n);
+  buf[n] = '\0';
+  return true;
+}
+
+bool VTPlatformInfo::setString(const char* section, const char* key, const std::string& value) {
+  return setValue(section, key, &value);
+}
+
+bool VTPlatformInfo::getNumber(const char* section, const char* key, unsigned long* value) {
+  std::string text;
+  if (!lookup(section, key, text) || text.empty() || text[0] == '-') return false;
+  errno = 0;
+  char* end = nullptr;
+  unsigned long v = strtoul(text.c_str(), &end, 10);
+  if (errno != 0 || end == text.c_str() || *end != '\0') return false;
+  if (value != nullptr) *value = v;
+  return true;
+}
+
+bool VTPlatformInfo::removeKey(const char* section, const char* key) {
+  return setValue(section, key, nullptr);
+}
+
+bool VTPlatformInfo::updateRegInt(const char* section, const char* key,
+                                  const std::function<int(bool present, int current)>& fn) {
+  if (section == nullptr || key == nullptr || *key == '\0' || !fn) return false;
+  return rewrite([&](std::string& text) {
+    std::string current;
+    long long v = 0;
+    bool present = hdsplatform::findSetting(text, section, key, current) &&
+                   parseInt(current, INT_MIN, INT_MAX, v);
+    std::string next = std::to_string(fn(present, present ? static_cast<int>(v) : 0));
+    text = hdsplatform::withSetting(text, section, key, &next);
+    return true;
+  });
+}
+
+bool VTPlatformInfo::getClientHostName(const std::string&, std::string& hostName) {
+  std::string text;
+  if (!lookup("iHarbor", "sClientHostName", text) || text.empty()) return false;
+  hostName = text;
+  return true;
+}
+
+std::string VTPlatformInfo::settingsFile() {
+  return hdsplatform::envOr("HDS_SETTINGS_FILE", "/etc/hds/settings.conf");
+}
