@@ -89,7 +89,7 @@ std::string withSetting(const std::string& text, const std::string& section, con
   std::vector<std::string> lines = splitLines(text);
   std::vector<bool> drop(lines.size(), false);
   long lastKey = -1;     // last line holding the key in the section
-  long sectionEnd = -1;  // last non-blank line of the last block of the section
+  long sectionEnd = -1;  // last key (or header) line of the last block of the section
   bool inSection = section.empty();
   for (size_t i = 0; i < lines.size(); ++i) {
     Line line = classify(lines[i]);
@@ -98,9 +98,9 @@ std::string withSetting(const std::string& text, const std::string& section, con
       if (inSection) sectionEnd = static_cast<long>(i);
       continue;
     }
-    if (!inSection) continue;
-    if (!trim(lines[i]).empty()) sectionEnd = static_cast<long>(i);
-    if (line.eKind == LineKind::kKey && line.sName == key) {
+    if (!inSection || line.eKind != LineKind::kKey) continue;
+    sectionEnd = static_cast<long>(i);
+    if (line.sName == key) {
       if (value == nullptr) drop[i] = true;
       lastKey = static_cast<long>(i);
     }

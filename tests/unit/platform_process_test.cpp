@@ -220,7 +220,8 @@ TEST(ProcessResources, NoZombiesAndNoForkCostFromALargeParent) {
   EXPECT_EQ(errno, ECHILD);
 
   const size_t size = size_t(2) << 30;
-  void* big = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_POPULATE, -1, 0);
+  void* big = mmap(nullptr, size, PROT_READ | PROT_WRITE,
+                   MAP_PRIVATE | MAP_ANONYMOUS | MAP_POPULATE, -1, 0);
   ASSERT_NE(big, MAP_FAILED);
   Result r = run("true", 5000);
   munmap(big, size);

@@ -1,0 +1,133 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstring>
+#include <sstream>
+
+#include "hds/platform/CZoFile.h"
+#include "hds/platform/SnapInfo.h"
+#include "hds/platform/VTClient.h"
+#include "hds/platform/VTPI_Base.h"
+#include "hds/platform/VTPassword.h"
+#include "hds/platform/VtProcess.h"
+#include "hds/platform/ZoSleep.h"
+#include "tests/support/TestEnv.h"
+
+TEST(ScriptAndResponseFiles, PlantedSymlinkIsNeverFollowed) {
+  hdstest::TestEnv env;
+  std::string victim = env.root() + "/victim";
+  hdstest::writeFile(victim, "original");
+  std::string script = env.tempDir() + "/1_2_3_1_script";
+  std::string resp = env.tempDir() + "/1_2_3_1_resp.log";
+  ASSERT_EQ(symlink(victim.c_str(), script.c_str()), 0);
+  ASSERT_EQ(symlink(victim.c_str(), resp.c_str()), 0);
+
+  CZoFile file;
+  CZoError err = file.Open(script, O_WRONLY | O_CREAT | O_TRUNC, 0777);
+  EXPECT_EQ(err.Errno(), ELOOP);
+  EXPECT_NE(err.AsString().find(script), std::string::npos);
+  EXPECT_FALSE(file.IsOpen());
+  EXPECT_EQ(file.Open(resp, O_WRONLY | O_CREAT | O_EXCL, 0777).Errno(), EEXIST);
+  std::string content;
+  EXPECT_EQ(CZoFile::ReadWholeFile(resp, content).Errno(), ELOOP);
+  EXPECT_EQ(hdstest::readFile(victim), "original");
+  // A dangling link still occupies its name.
+  unlink(victim.c_str());
+  EXPECT_FALSE(CZoFile::Stat(script).IsError());
+}
+
+TEST(ScriptAndResponseFiles, WrittenScriptRunsWithArgumentsLiterally) {
+  hdstest::TestEnv env;
+  std::string script = env.tempDir() + "/run_script";
+  std::string body = "#!/bin/sh\nprintf '%s\\n' \"$@\"\n";
+  CZoFile file;
+  ASSERT_FALSE(file.Open(script, O_WRONLY | O_CREAT | O_TRUNC, 0777).IsError());
+  size_t written = 0;
+  EXPECT_FALSE(file.Write(body.data(), body.size(), &written).IsError());
+  EXPECT_EQ(written, body.size());
+  EXPECT_FALSE(file.Flush().IsError());
+  EXPECT_FALSE(file.Close().IsError());
+  std::string readBack;
+  EXPECT_FALSE(CZoFile::ReadWholeFile(script, readBack).IsError());
+  EXPECT_EQ(readBack, body);
+
+  VtProcess proc;
+  std::string out, err;
+  EXPECT_EQ(proc.system((script + " 'a;b\"c' \"d'e\"").c_str(), &out, &err, 0, true), 0);
+  EXPECT_EQ(out, "a;b\"c\nd'e\n");
+}
+
+TEST(TempAndHorcmDirectories, CreatedPrivateAndRefusedWhenPlanted) {
+  hdstest::TestEnv env;
+  env.setEnv("HDS_TEMP_DIR", (env.root() + "/var/tmp/hds").c_str());
+  const char* dir = VTPI_Base::getOrreryTempDirectory();
+  ASSERT_NE(dir, nullptr);
+  EXPECT_EQ(std::string(dir), env.root() + "/var/tmp/hds");
+  struct stat st;
+  ASSERT_EQ(lstat(dir, &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0700u);
+
+  ASSERT_EQ(symlink(env.root().c_str(), (env.root() + "/planted").c_str()), 0);
+  env.setEnv("HDS_TEMP_DIR", (env.root() + "/planted").c_str());
+  EXPECT_EQ(VTPI_Base::getOrreryTempDirectory(), nullptr);
+  EXPECT_EQ(std::string(dir), env.root() + "/var/tmp/hds");  // earlier pointer still good
+
+  env.setEnv("HDS_HORCM_DIR", (env.root() + "/horcm").c_str());
+  EXPECT_EQ(VTPI_Base::getHorcmDirectory(), env.root() + "/horcm/");
+  env.setEnv("HDS_HORCM_DIR", nullptr);
+  EXPECT_EQ(VTPI_Base::getHorcmDirectory(), "/etc/");
+}
+
+TEST(TimeScale, ShortensSleepsButNeverToZero) {
+  ZoSetTimeScale(0.001);
+  EXPECT_EQ(ZoScaledMs(5000), 5u);
+  EXPECT_EQ(ZoScaledMs(1), 1u);
+  EXPECT_EQ(ZoScaledMs(0), 0u);
+  auto start = std::chrono::steady_clock::now();
+  ZOSLEEP_InTeRnAl(60000);
+  auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() -
+                                                                  start)
+                .count();
+  ZoSetTimeScale(1.0);
+  EXPECT_GE(ms, 59);
+  EXPECT_LT(ms, 3000);
+}
+
+TEST(ClientIdentity, NamesPasswordsAndLogLines) {
+  hdstest::TestEnv env;
+  EXPECT_EQ(EvDebug::getClientName(), "testclient");
+  env.setEnv("HDS_CLIENT_NAME", nullptr);
+  EXPECT_EQ(EvDebug::getClientName(), VTClient("x").getNetworkHostname());
+  EXPECT_EQ(EvDebug::getProcessId(), getpid());
+
+  char out[8];
+  int size = sizeof(out);
+  EXPECT_NE(VTPassword::decrypt("secret", out, &size), 0);
+  EXPECT_STREQ(out, "secret");
+  size = sizeof(out);
+  EXPECT_EQ(VTPassword::decrypt("too long for it", out, &size), 0);
+  VTPassword::setDecryptHook([](const char*, char* o, int*) {
+    strcpy(o, "plain");
+    return 1;
+  });
+  size = sizeof(out);
+  EXPECT_NE(VTPassword::decrypt("x", out, &size), 0);
+  VTPassword::setDecryptHook(nullptr);
+  EXPECT_STREQ(out, "plain");
+
+  std::ostringstream log;
+  BasicSnapInfo info(&log);
+  info.setMinLevel(1);
+  info.log(0, "HDS  ", "dropped %d", 1);
+  info.log(2, "HDS  ", "Failed to delete file [%s].", "/tmp/x");
+  EXPECT_EQ(log.str(), "2 HDS   Failed to delete file [/tmp/x].\n");
+  int v = 0;
+  char buf[4];
+  EXPECT_FALSE(info.getSnapConfigInt(SMCONFIG_NAME_ENABLE_COMMAND_LOGGING, v));
+  info.setConfigString(SMCONFIG_NAME_HORCM_INSTALLATION_PATH, "/HORCM");
+  EXPECT_TRUE(info.getSnapConfigString(SMCONFIG_NAME_HORCM_INSTALLATION_PATH, buf, sizeof(buf)));
+  EXPECT_STREQ(buf, "/HO");
+}
