@@ -22,11 +22,6 @@ const int kRemoteMirrorUnits = 3;
 const int kReplicationTypeActiveActive = 4;
 const char* const kVsmLockPrefix = "VT_HDS_VSM_OP_LOCK_";
 
-// The instance the handler's raidcom session runs on: a configured one wins over an allocated one.
-std::string sessionInstance(std::string const& custom, std::string const& allocated) {
-  return custom.empty() ? allocated : custom;
-}
-
 std::string membershipArgument(std::string const& id, HDSResourceType type) {
   switch (type) {
     case VT_HDS_RESOURCE_TYPE_LDEV:
@@ -149,10 +144,9 @@ int RaidcomCommandHandler::getRemotePairInfoForHostGroup(
     std::map<int, std::vector<hdsPairStatus_t>>& pairs) {
   pairs.clear();
   // Remote pairs are seen through the instance in HORC mode (-IH) rather than -IM.
-  const std::string instance = sessionInstance(m_sCustomHorcmInstance, m_sHorcmInstance);
   for (int mirrorUnit = 0; mirrorUnit < kRemoteMirrorUnits; ++mirrorUnit) {
     const std::string arguments = " -p " + portArgument(portOrHostGroup) + " -CLI -m " +
-                                  std::to_string(mirrorUnit) + " -IH" + instance + " -s " +
+                                  std::to_string(mirrorUnit) + " -IH" + m_sHorcmInstance + " -s " +
                                   m_sSerialNumber;
     std::string output;
     int exitCode = 0;
@@ -343,7 +337,7 @@ int RaidcomCommandHandler::unmapfromResourceGroup(std::string const& resourceId,
 int RaidcomCommandHandler::getResourceGroupInfo(std::map<std::string, ResourceGroupStatus>& groups,
                                                 bool withKeyOption) {
   const std::string savedArgs = m_sInstanceArgs;
-  m_sInstanceArgs = "-IM" + sessionInstance(m_sCustomHorcmInstance, m_sHorcmInstance);
+  m_sInstanceArgs = "-IM" + m_sHorcmInstance;
   if (getResourceGroup(groups, withKeyOption) != 0) {
     // The suffix is left without the serial on this path; later commands of this handler then
     // address the instance's array alone, which is the only one a raidcom instance serves.
