@@ -41,7 +41,7 @@ std::string causeIn(std::string const& output) {
 // What createSvol did to one new LDEV, so that a failed call can undo it.
 struct CreatedLdev {
   std::string ldevId;
-  std::string unmappedVirtualId;  // set when its own id mapping was cancelled
+  bool unmapped = false;  // its own id was taken away to make room for the virtual one
   bool addedToGroup = false;
   std::string mappedVirtualId;  // set when it was given its id in the virtual machine
 };
@@ -98,7 +98,7 @@ unsigned int RaidcomCommandHandler::createSvol(std::map<std::string, hdsLdev_t> 
     }
     rollbackScript += m_sCCIInstallPath + raidcom(" delete ldev -ldev_id ") + quoteArgument(id) +
                       m_sInstanceArgs + VT_HDS_NEW_LINE;
-    created.push_back(CreatedLdev{id, "", false, ""});
+    created.push_back(CreatedLdev{id, false, false, ""});
     if (m_sResourceGroupName == VT_HDS_META_RESOURCE_NAME) continue;
 
     // Each phase gets a few attempts: the array refuses resource moves for a while after the
@@ -128,7 +128,7 @@ unsigned int RaidcomCommandHandler::createSvol(std::map<std::string, hdsLdev_t> 
         failed = true;
         break;
       }
-      done.unmappedVirtualId = vid;
+      done.unmapped = true;
     }
     if (!phase(
             [&] { return addtoResourceGroup(id, VT_HDS_RESOURCE_TYPE_LDEV); },
@@ -150,9 +150,9 @@ unsigned int RaidcomCommandHandler::createSvol(std::map<std::string, hdsLdev_t> 
   }
   if (!failed) return 0;
 
-  // All or nothing. Resource moves are undone first, newest first: deleting an LDEV leaves its
-  // number in the resource group and its virtual id in place, which would strand the number in
-  // the virtual storage machine. The undo keeps the error of the failure that caused it.
+  // All or nothing. Resource moves are undone first, newest first: the array refuses to delete an
+  // LDEV that carries a virtual id in a virtual storage machine, and deleting one that sits in a
+  // resource group leaves its number reserved there. The caller sees the error that started it.
   int errorCode = 0;
   std::string errorText;
   getErrorCodeAndString(errorCode, errorText);
@@ -161,9 +161,7 @@ unsigned int RaidcomCommandHandler::createSvol(std::map<std::string, hdsLdev_t> 
       unmapfromResourceGroup(it->ldevId, it->mappedVirtualId, VT_HDS_RESOURCE_TYPE_LDEV);
     }
     if (it->addedToGroup) deleteFromResourceGroup(it->ldevId, VT_HDS_RESOURCE_TYPE_LDEV);
-    if (!it->unmappedVirtualId.empty()) {
-      maptoResourceGroup(it->ldevId, it->unmappedVirtualId, VT_HDS_RESOURCE_TYPE_LDEV);
-    }
+    if (it->unmapped) maptoResourceGroup(it->ldevId, it->ldevId, VT_HDS_RESOURCE_TYPE_LDEV);
   }
   if (!rollbackScript.empty()) {
     std::string output;
