@@ -34,11 +34,10 @@ const unsigned long kArrayLockRoundPauseMs = 5000;
 const char* const kStatusLocked = "Locked";
 const char* const kStatusUnlocked = "Unlocked";
 
-// The login lock is not recursive, not even for the thread that holds it. A command run while it
-// is held (the -login or -logout itself) that reports an expired session would otherwise ask for
-// a forced login, which waits for the same lock this thread holds until every attempt has timed
-// out. The flag marks the thread as inside the login lock, so such a nested login gives up at
-// once instead.
+// A login asked for while this thread holds the login lock (the -login itself, or a -logout,
+// found the session expired) cannot be served: the lock is not recursive, and asking for it again
+// would only be refused as a lock failure. The mark is per thread, so that a login running in
+// another thread is never taken for such a re-entry.
 thread_local bool t_bInsideLoginLock = false;
 
 class LoginLockScope {
@@ -193,7 +192,6 @@ int RaidcomCommandHandler::initialize(std::string const& serialNumber,
                      "Setting to perform prepare-create in single session is set. Value-[%d]",
                      delayedLogout);
   }
-  if (m_iOperationType != 2) delayedLogout = 0;
   // With delayed logout the create step works in the session the prepare step left open.
   if (delayedLogout == 0 && performLogin(false) != 0) return 1;
 
@@ -316,8 +314,6 @@ bool RaidcomCommandHandler::LogoutRaidcomHandler() { return performLogout() == 1
 int RaidcomCommandHandler::getArrayLockTimeoutVal() { return m_iCmdRetryWait; }
 
 int RaidcomCommandHandler::performLogin(bool forceLogin) {
-  // A login asked for from inside the login lock (the -login itself, or a -logout, found the
-  // session expired) cannot be served: see t_bInsideLoginLock.
   if (t_bInsideLoginLock) return 1;
 
   VTHDSLock loginLock(*m_pSnapInfo);
@@ -370,8 +366,6 @@ int RaidcomCommandHandler::performLogin(bool forceLogin) {
 }
 
 int RaidcomCommandHandler::performLogout() {
-  if (t_bInsideLoginLock) return 1;
-
   VTHDSLock loginLock(*m_pSnapInfo);
   if (!loginLock.lock(VT_HDS_RAIDCOM_LOGIN_LOCK, 0)) {
     m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to logout, unable to acquire lock.");
@@ -418,8 +412,6 @@ int RaidcomCommandHandler::performLogout() {
 }
 
 int RaidcomCommandHandler::getLoginCount() {
-  if (t_bInsideLoginLock) return -1;
-
   VTHDSLock loginLock(*m_pSnapInfo);
   if (!loginLock.lock(VT_HDS_RAIDCOM_LOGIN_LOCK, 0)) {
     m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Unable to acquire lock.");
