@@ -1,0 +1,88 @@
+#include "hds/common/HDSText.h"
+
+namespace hds {
+namespace text {
+
+bool isSeparator(char c, Separator sep) {
+  if (sep == Separator::Blank) return c == ' ';
+  // Spelled out rather than isspace(): tool output is read as printed in the C locale whatever
+  // locale the embedding process has set.
+  return c == ' ' || c == '\t' || c == '\n' || c == '\v' || c == '\f' || c == '\r';
+}
+
+std::vector<std::string_view> splitLines(std::string_view text, LastLine last) {
+  std::vector<std::string_view> lines;
+  size_t start = 0;
+  while (start < text.size()) {
+    size_t nl = text.find('\n', start);
+    if (nl == std::string_view::npos) {
+      if (last == LastLine::Drop) break;
+      nl = text.size();
+    }
+    std::string_view line = text.substr(start, nl - start);
+    if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
+    lines.push_back(line);
+    start = nl + 1;
+  }
+  return lines;
+}
+
+size_t skipSeparators(std::string_view text, size_t pos, Separator sep) {
+  while (pos < text.size() && isSeparator(text[pos], sep)) ++pos;
+  return pos < text.size() ? pos : text.size();
+}
+
+size_t skipValue(std::string_view text, size_t pos, Separator sep) {
+  while (pos < text.size() && !isSeparator(text[pos], sep)) ++pos;
+  return pos < text.size() ? pos : text.size();
+}
+
+std::string_view nextColumn(std::string_view text, size_t& pos, Separator sep) {
+  size_t start = skipSeparators(text, pos, sep);
+  pos = skipValue(text, start, sep);
+  return text.substr(start, pos - start);
+}
+
+std::vector<std::string_view> splitColumns(std::string_view line, Separator sep) {
+  std::vector<std::string_view> columns;
+  size_t pos = 0;
+  for (;;) {
+    std::string_view value = nextColumn(line, pos, sep);
+    if (value.empty()) break;
+    columns.push_back(value);
+  }
+  return columns;
+}
+
+std::string_view column(std::string_view line, size_t n, Separator sep) {
+  std::string_view rest = skipColumns(line, n, sep);
+  return rest.substr(0, skipValue(rest, 0, sep));
+}
+
+std::string_view skipColumns(std::string_view line, size_t n, Separator sep) {
+  size_t pos = skipSeparators(line, 0, sep);
+  for (size_t i = 0; i < n && pos < line.size(); ++i) {
+    pos = skipSeparators(line, skipValue(line, pos, sep), sep);
+  }
+  return line.substr(pos);
+}
+
+std::string_view trim(std::string_view text, Separator sep) {
+  size_t start = skipSeparators(text, 0, sep);
+  size_t end = text.size();
+  while (end > start && isSeparator(text[end - 1], sep)) --end;
+  return text.substr(start, end - start);
+}
+
+const char* skipSeparators(const char* p, Separator sep) {
+  while (p != nullptr && *p != '\0' && isSeparator(*p, sep)) ++p;
+  return p;
+}
+
+const char* skipValue(const char* p, Separator sep) {
+  while (p != nullptr && *p != '\0' && !isSeparator(*p, sep)) ++p;
+  return p;
+}
+
+}  // namespace text
+}  // namespace hds

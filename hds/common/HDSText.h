@@ -1,0 +1,53 @@
+#pragma once
+
+#include <cstddef>
+#include <string_view>
+#include <vector>
+
+// The one line splitter and the one column scanner of the library: every parser of tool output
+// goes through these, so \r\n endings, a last line without a newline and empty output are
+// handled in one place. Views point into the caller's text and live as long as it does.
+namespace hds {
+namespace text {
+
+// What separates two columns.
+enum class Separator {
+  Blank,  // the blank (character 32) only; tabs and newlines are part of a value
+  Space,  // every white-space character of the C locale: blank, \t, \n, \v, \f, \r
+};
+
+bool isSeparator(char c, Separator sep);
+
+// Some listings are read only up to their last newline; Drop ignores a final piece without one.
+enum class LastLine { Keep, Drop };
+
+// Lines cut at '\n', each without its '\n' and without a '\r' just before it. Empty input gives
+// no lines; a final newline does not start an empty line.
+std::vector<std::string_view> splitLines(std::string_view text, LastLine last = LastLine::Keep);
+
+// First position at or after pos that is not a separator (text.size() when none).
+size_t skipSeparators(std::string_view text, size_t pos, Separator sep = Separator::Space);
+// First separator at or after pos (text.size() when none).
+size_t skipValue(std::string_view text, size_t pos, Separator sep = Separator::Space);
+
+// The next column at or after pos; pos moves to the character just after it. Empty, with pos at
+// the end, when only separators are left.
+std::string_view nextColumn(std::string_view text, size_t& pos, Separator sep = Separator::Space);
+
+std::vector<std::string_view> splitColumns(std::string_view line, Separator sep = Separator::Space);
+
+// Column n, counting from 0; empty when the line has fewer columns.
+std::string_view column(std::string_view line, size_t n, Separator sep = Separator::Space);
+
+// The line from the start of column n (counting from 0) to its end: skipColumns(line, 0) drops
+// the leading separators only; past the last column the result is empty.
+std::string_view skipColumns(std::string_view line, size_t n, Separator sep = Separator::Space);
+
+std::string_view trim(std::string_view text, Separator sep = Separator::Space);
+
+// The same scans over a zero-terminated text, for parsers that walk a character pointer.
+const char* skipSeparators(const char* p, Separator sep = Separator::Space);
+const char* skipValue(const char* p, Separator sep = Separator::Space);
+
+}  // namespace text
+}  // namespace hds

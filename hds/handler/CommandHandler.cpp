@@ -1,0 +1,301 @@
+#include "hds/handler/CommandHandler.h"
+
+#include <unistd.h>
+
+#include <cctype>
+#include <cstdio>
+#include <cstring>
+#include <mutex>
+
+#include "hds/common/HDSConstants.h"
+#include "hds/platform/VTClient.h"
+#include "hds/platform/VTPI_Base.h"
+#include "hds/platform/VTPlatformInfo.h"
+
+std::string CommandHandler::m_sCCIInstallPath;
+std::string CommandHandler::m_sLocalHostName;
+std::string CommandHandler::m_sVTTempDir;
+std::string CommandHandler::m_sCCIVersion;
+
+namespace {
+
+// Several threads may construct the first handlers of a process at once; the class-wide values
+// are written only under this lock, and only while still empty.
+std::mutex g_oProcessWideInitMutex;
+
+const char* const kVersionFormatKey = "sVTHDSCCIVersionFormat";
+const char* const kDashedVersionFormat = "%d-%d-%d/%d";
+const char* const kDottedVersionFormat = "%d.%d.%d";
+
+// A version format comes from the settings file, so it is checked before it reaches sscanf:
+// only integer conversions, at most four of them, may appear.
+bool isSafeVersionFormat(const char* format) {
+  int conversions = 0;
+  for (const char* p = format; *p != '\0'; ++p) {
+    if (*p != '%') continue;
+    ++p;
+    if (*p == '%') continue;
+    const bool suppressed = *p == '*';
+    if (suppressed) ++p;
+    while (std::isdigit(static_cast<unsigned char>(*p))) ++p;
+    if (*p != 'd' && *p != 'i') return false;
+    if (!suppressed && ++conversions > 4) return false;
+  }
+  return true;
+}
+
+struct VersionQuad {
+  int part[4] = {-1, -1, -1, -1};
+
+  void scan(const std::string& text, const char* format) {
+    if (!isSafeVersionFormat(format)) return;
+    std::sscanf(text.c_str(), format, &part[0], &part[1], &part[2], &part[3]);
+  }
+
+  // Compared part by part, so a part the text did not supply (-1) never reaches a threshold of 0
+  // or more.
+  bool atLeast(int a, int b, int c, int d) const {
+    const int min[4] = {a, b, c, d};
+    for (int i = 0; i < 4; ++i) {
+      if (part[i] != min[i]) return part[i] > min[i];
+    }
+    return true;
+  }
+};
+
+bool readClientString(const char* section, const char* key, std::string& value) {
+  char buf[1024] = {};
+  if (!VTPlatformInfo::getString(section, key, buf, sizeof(buf))) return false;
+  buf[sizeof(buf) - 1] = '\0';
+  value = buf;
+  return true;
+}
+
+}  // namespace
+
+CommandHandler::CommandHandler(VTSO::SnapInfo& snapInfo, const HDSCLIInitParam& param)
+    : m_bKeepCmdOutput(false),
+      m_sSerialNumber(param.serialNumber),
+      m_sHorcmInstance(param.horcmInstance),
+      m_pSnapInfo(&snapInfo),
+      m_iReady(1),
+      m_iErrorCode(0),
+      m_iJobId(param.jobId),
+      m_iExecutionMode(param.executionMode),
+      m_iCommandTimeout(VT_HDS_COMMAND_TIMEOUT_DEFAULT),
+      m_sCopyGroupName(param.copyGroupName),
+      m_iOperationType(param.operationType) {
+  int timeout = 0;
+  if (VTPlatformInfo::getRegInt(VT_HDS_REG_SECTION_LOCAL, "nVTHDSCCICommandTimeoutInSec",
+                                &timeout)) {
+    if (timeout > VT_HDS_COMMAND_TIMEOUT_MIN) {
+      m_iCommandTimeout = timeout;
+    } else if (timeout > 0) {
+      m_iCommandTimeout = VT_HDS_COMMAND_TIMEOUT_MIN;
+    }
+  }
+  initialize();
+}
+
+CommandHandler::~CommandHandler() = default;
+
+void CommandHandler::getErrorCodeAndString(int& errorCode, std::string& errorString) {
+  errorCode = m_iErrorCode;
+  errorString = m_sErrorString;
+}
+
+void CommandHandler::setErrorCodeAndString(int errorCode, const std::string& errorString) {
+  m_iErrorCode = errorCode;
+  m_sErrorString = errorString;
+}
+
+int CommandHandler::initialize() {
+  if (m_iReady != 1) return 1;
+  m_iReady = 0;
+
+  if (initializeProcessWide() != 0) return 1;
+
+  int keepOutput = 0;
+  if (VTPlatformInfo::getRegInt(VT_HDS_REG_SECTION_LOCAL, "nVTHDSKeepCmdOutput", &keepOutput)) {
+    m_pSnapInfo->log(0, VT_HDS_LOG_MODULE, "Reg key to keep command output is set to [%d].",
+                     keepOutput);
+    m_bKeepCmdOutput = keepOutput != 0;
+  } else {
+    int arrayFlag = 0;
+    if (m_pSnapInfo->getSnapConfigInt(SMCONFIG_NAME_ENABLE_COMMAND_LOGGING, arrayFlag) &&
+        arrayFlag != 0) {
+      m_pSnapInfo->log(0, VT_HDS_LOG_MODULE, "Array Config [%s] to keep command output is set.",
+                       SMCONFIG_NAME_ENABLE_COMMAND_LOGGING);
+      m_bKeepCmdOutput = true;
+    }
+  }
+
+  m_iErrorCode = 0;
+  m_iReady = 1;
+  return 0;
+}
+
+int CommandHandler::initializeProcessWide() {
+  std::lock_guard<std::mutex> guard(g_oProcessWideInitMutex);
+
+  if (m_sCCIInstallPath.empty()) {
+    // The client setting wins over the array-level one when it is set.
+    std::string directory;
+    char arrayValue[1024] = {};
+    if (m_pSnapInfo->getSnapConfigString(SMCONFIG_NAME_HORCM_INSTALLATION_PATH, arrayValue,
+                                         sizeof(arrayValue))) {
+      arrayValue[sizeof(arrayValue) - 1] = '\0';
+      directory = arrayValue;
+    }
+    std::string clientValue;
+    if (readClientString(VT_HDS_REG_SECTION, "sVTHDSHorcmDirectory", clientValue) &&
+        !clientValue.empty()) {
+      directory = clientValue;
+    }
+    if (directory.empty()) directory = VT_HDS_DEFAULT_CCI_PATH;
+
+    if (access(directory.c_str(), F_OK) != 0) {
+      m_pSnapInfo->log(
+          2, VT_HDS_LOG_MODULE,
+          "Hitachi CCI CLI not found in [%s]. Ensure that the Hitachi CCI CLI is installed on "
+          "this client. If it is already installed in other folder, please set path in snap "
+          "configuration [%s] for Hitachi storage array [%s] in array management either at "
+          "array level or at client level.",
+          directory.c_str(), SMCONFIG_NAME_HORCM_INSTALLATION_PATH, m_sSerialNumber.c_str());
+      m_iErrorCode = VT_HDS_ERROR_COMMAND_FAILED;
+      m_sErrorString =
+          "Hitachi CCI CLI not found in " + directory +
+          ". Ensure that the Hitachi CCI CLI is installed on this client. If it is already "
+          "installed in other folder, please set path in snap configuration [" +
+          SMCONFIG_NAME_HORCM_INSTALLATION_PATH + "] for Hitachi storage array [" +
+          m_sSerialNumber +
+          "] in array management either at array level or at client level. Please refer to "
+          "Vantrel documentation on Hitachi storage array for more details.";
+      return 1;
+    }
+    if (directory.back() != '/') directory += '/';
+    m_pSnapInfo->log(0, VT_HDS_LOG_MODULE, "Running CCI commands from [%s]", directory.c_str());
+    m_sCCIInstallPath = directory;
+  }
+
+  if (m_iExecutionMode != 2 && m_sLocalHostName.empty()) {
+    const std::string clientName = EvDebug::getClientName();
+    std::string hostName;
+    if (!VTPlatformInfo::getClientHostName(clientName, hostName) || hostName.empty()) {
+      m_pSnapInfo->log(2, VT_HDS_LOG_MODULE,
+                       "Failed to read hostname for client [%s] from registry.",
+                       clientName.c_str());
+      hostName = VTClient(clientName).getNetworkHostname();
+      if (hostName.empty()) {
+        m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to get hostname for client [%s] from HQ.",
+                         clientName.c_str());
+        return 1;
+      }
+    }
+    m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Using hostname [%s] for client [%s].", hostName.c_str(),
+                     clientName.c_str());
+    m_sLocalHostName = hostName;
+  }
+
+  if (getCCIVersionInstalled(m_sCCIVersion) != 0) return 1;
+
+  if (m_sVTTempDir.empty()) {
+    const char* tempDir = VTPI_Base::getOrreryTempDirectory();
+    if (tempDir == nullptr) {
+      m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to get Orrery Temp directory");
+      return 1;
+    }
+    m_sVTTempDir = tempDir;
+  }
+  return 0;
+}
+
+int CommandHandler::getCCIVersionInstalled(std::string& version) {
+  if (!m_sCCIVersion.empty()) {
+    version = m_sCCIVersion;
+    m_pSnapInfo->log(0, VT_HDS_LOG_MODULE, "Got CCI version [%s] from cache.",
+                     m_sCCIVersion.c_str());
+    return 0;
+  }
+
+  std::string output;
+  int exitCode = 0;
+  if (executeCommand("raidqry", " -h ", output, exitCode) != 0) {
+    m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to get CCI version installed.");
+    m_iErrorCode = VT_HDS_ERROR_COMMAND_FAILED;
+    return 1;
+  }
+
+  // "Ver&Rev: 01-29-03/05": the version is the 11 characters after the label, its colon and
+  // one blank.
+  const size_t label = output.find("Ver&Rev");
+  std::string found;
+  if (label != std::string::npos && label + 9 < output.size()) {
+    for (char c : output.substr(label + 9, 11)) {
+      if (!std::isspace(static_cast<unsigned char>(c))) found += c;
+    }
+  }
+  // A label with nothing after it counts as missing: an empty version would not be cached and
+  // every later handler would run raidqry again.
+  if (found.empty()) {
+    m_pSnapInfo->log(2, VT_HDS_LOG_MODULE,
+                     "Failed to get CCI version installed. 'raidqry -h' output doesn't have "
+                     "'Ver&Rev' string.");
+    m_iErrorCode = VT_HDS_ERROR_COMMAND_FAILED;
+    m_sErrorString =
+        "Failed to get version of CCI command installed. Please check output of 'raidqry -h' "
+        "command";
+    return 1;
+  }
+  m_sCCIVersion = found;
+  version = m_sCCIVersion;
+  m_pSnapInfo->log(0, VT_HDS_LOG_MODULE, "CCI version [%s] is installed.", m_sCCIVersion.c_str());
+  return 0;
+}
+
+bool CommandHandler::isHTISupported() {
+  VersionQuad version;
+  std::string format;
+  if (readClientString(VT_HDS_REG_SECTION, kVersionFormatKey, format)) {
+    version.scan(m_sCCIVersion, format.c_str());
+  } else if (m_sCCIVersion.find('-') != std::string::npos) {
+    version.scan(m_sCCIVersion, kDashedVersionFormat);
+  } else if (m_sCCIVersion.find('.') != std::string::npos) {
+    version.scan(m_sCCIVersion, kDottedVersionFormat);
+  }
+  return version.atLeast(1, 29, 3, 5);
+}
+
+bool CommandHandler::isSISupported() { return isHTISupported(); }
+
+bool CommandHandler::isMultiLevelSnapSupported(const std::string& microcodeVersion) {
+  VersionQuad version;
+  // Unlike the CCI version, the microcode text's own shape wins over the configured format.
+  if (microcodeVersion.find('-') != std::string::npos) {
+    version.scan(microcodeVersion, kDashedVersionFormat);
+  } else if (microcodeVersion.find('.') != std::string::npos) {
+    version.scan(microcodeVersion, kDottedVersionFormat);
+  } else {
+    std::string format;
+    if (!readClientString(VT_HDS_REG_SECTION, kVersionFormatKey, format)) {
+      m_iErrorCode = VT_HDS_ERROR_COMMAND_FAILED;
+      m_sErrorString = "Unable to get the version details from microcode-[" + microcodeVersion +
+                       "]. The microcode format should be [xx-xx-xx/xx] or [xx.xx.xx]";
+      return false;
+    }
+    m_pSnapInfo->log(0, VT_HDS_LOG_MODULE,
+                     "Additional setting-[%s] to customize the CCI/microcode version format "
+                     "found. Value-[%s]",
+                     kVersionFormatKey, format.c_str());
+    version.scan(microcodeVersion, format.c_str());
+  }
+  return version.atLeast(80, 5, 1, 0);
+}
+
+std::string CommandHandler::horcmFilePath(const std::string& instance) {
+  return VTPI_Base::getHorcmDirectory() + "horcm" + instance + ".conf";
+}
+
+std::string CommandHandler::formInstanceOption(const std::string& instance) {
+  return " -IM" + instance;
+}

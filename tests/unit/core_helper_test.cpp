@@ -1,0 +1,125 @@
+#include <gtest/gtest.h>
+
+#include <cctype>
+#include <string>
+#include <thread>
+
+#include "hds/helper/CommandHelper.h"
+#include "hds/platform/VTPassword.h"
+#include "hds/platform/VtNamedMutex.h"
+#include "hds/platform/ZoSleep.h"
+#include "tests/support/RecordingSnapInfo.h"
+#include "tests/support/TestEnv.h"
+
+namespace {
+
+class Helper : public ::testing::Test {
+ protected:
+  void SetUp() override { ZoSetTimeScale(0.001); }
+  void TearDown() override { ZoSetTimeScale(1.0); }
+  hdstest::TestEnv env;
+  hdstest::RecordingSnapInfo log;
+  CommandHelper helper{log};
+  std::string output, error;
+  int exitCode = -1;
+};
+
+TEST_F(Helper, RunOutcomes) {
+  // Any exit code is a run that ended; standard error joins the output only when it is not 0.
+  ASSERT_EQ(
+      helper.RunCommandWithTimeout("echo out; echo err >&2; exit 3", output, exitCode, error, 10),
+      0);
+  EXPECT_EQ(exitCode, 3);
+  EXPECT_EQ(output, "out\nerr\n");
+  EXPECT_TRUE(
+      log.contains("Command [echo out; echo err >&2; exit 3] succeeded with exitCode [3]", 0));
+  ASSERT_EQ(helper.RunCommandWithFileOutput("echo out; echo warn >&2", output, exitCode, error, 10,
+                                            "ignored"),
+            0);
+  EXPECT_EQ(output, "out\n");
+  EXPECT_EQ(error, "warn\n");
+
+  EXPECT_EQ(helper.RunCommandWithTimeout("sleep 30", output, exitCode, error, 1), -1);
+  EXPECT_EQ(error, "Command sleep 30 timedout.");
+  EXPECT_TRUE(log.contains("Command [sleep 30] timed out. Error [timedout]", 2));
+
+  ASSERT_EQ(helper.RunCommand("exit 4", output, exitCode, error, "", "", ""), 0);
+  EXPECT_EQ(exitCode, 4);
+  EXPECT_TRUE(log.contains("Successfully executed command [exit 4] with exitCode [4]", 2));
+}
+
+TEST_F(Helper, LoggedCommandsNeverCarryTheLoginCredentials) {
+  EXPECT_EQ(helper.buildCommandToPrint("raidcom -login user pw1 -IM3532", ""), "raidcom -login ");
+  EXPECT_EQ(helper.buildCommandToPrint("x -login", ""), "x -login");
+  EXPECT_EQ(helper.buildCommandToPrint("raidcom get ldev", "+s"), "raidcom get ldev+s");
+  env.writeSettings("[iHarbor]\nSNAP_HDS_DO_NOT_PRINT_FULL_COMMAND=1\n");
+  EXPECT_EQ(helper.buildCommandToPrint("raidcom get ldev", "+s"), "raidcom get ldev");
+
+  helper.RunCommandWithTimeout("echo -login user s3cr3t; exit 202", output, exitCode, error, 10);
+  helper.RunCommandWithTimeout("sleep 5; : -login user s3cr3t", output, exitCode, error, 1);
+  EXPECT_EQ(error.find("s3cr3t"), std::string::npos);
+  EXPECT_EQ(log.count("s3cr3t"), 0u) << log.dump();
+}
+
+int g_decryptCalls = 0;
+
+TEST_F(Helper, PasswordDecryption) {
+  VTPassword::setDecryptHook([](const char* in, char* out, int* size) {
+    ++g_decryptCalls;
+    int i = 0;
+    for (; in[i] != '\0' && i < *size - 1; ++i) out[i] = static_cast<char>(toupper(in[i]));
+    out[i] = '\0';
+    return in[0] == '!' ? 0 : 1;
+  });
+  std::string plain = "untouched";
+  EXPECT_EQ(helper.decryptPassword("", plain), 0);
+  EXPECT_EQ(g_decryptCalls, 0);
+  EXPECT_EQ(helper.decryptPassword("!bad", plain), 1);
+  EXPECT_EQ(plain, "untouched");
+  EXPECT_EQ(helper.decryptPassword("abc", plain), 0);
+  EXPECT_EQ(plain, "ABC");
+  VTPassword::setDecryptHook(nullptr);
+}
+
+TEST_F(Helper, LockAttemptsComeFromTheArgumentThenTheSettingThenTheDefault) {
+  log.setConfigInt(SMCONFIG_NAME_ENABLE_COMMAND_LOGGING, 1);
+  VtNamedMutex holder("busy");
+  ASSERT_TRUE(holder.lock(1000));
+  const std::string retry = "Mutex [busy] could not be acquired, shall retry after [5] seconds.";
+  // The holder is this thread; the lock is tried from another one.
+  auto attempts = [&](int retryCount) {
+    log.clear();
+    std::thread([&] {
+      VTHDSLock lock(log, "busy", retryCount);
+      EXPECT_FALSE(lock.isLocked());
+    }).join();
+    return log.count(retry);
+  };
+  env.writeSettings("[iHarbor]\nnVTHDSSnapLockRetryCount=3\n");
+  EXPECT_EQ(attempts(0), 3u);
+  EXPECT_TRUE(log.contains("Mutex [busy] could not be acquired even after [3] attempts.", 2));
+  EXPECT_EQ(attempts(2), 2u);
+  env.writeSettings("");
+  EXPECT_EQ(attempts(0), 50u);
+
+  holder.unlock();
+  log.clear();
+  std::thread([&] {
+    VTHDSLock lock(log);
+    lock.unlock();
+    EXPECT_TRUE(lock.lock("busy", 1));
+    lock.unlock();
+    lock.unlock();
+    EXPECT_FALSE(lock.isLocked());
+  }).join();
+  EXPECT_TRUE(log.contains("Acquired mutex [busy].", 0));
+  EXPECT_EQ(log.count("Released mutex [busy]."), 1u);
+
+  // Without command logging only failures are logged.
+  log.setConfigInt(SMCONFIG_NAME_ENABLE_COMMAND_LOGGING, 0);
+  log.clear();
+  { VTHDSLock guard(log, "quiet", 0); }
+  EXPECT_TRUE(log.lines().empty());
+}
+
+}  // namespace
