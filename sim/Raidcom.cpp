@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cstdlib>
 
+#include "sim/Tools.h"
+
 namespace ccisim {
 
 namespace {

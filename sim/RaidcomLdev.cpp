@@ -190,6 +190,7 @@ void getLdev(Raidcom& rc) {
     if (word != "pool" || !listKind.empty()) rc.inv().invalidOption(word);
     listKind = "pool";
   }
+  if (listKind.empty() && !opts.has("-ldev_id") && opts.has("-pool_id")) listKind = "pool";
   if (!listKind.empty()) {
     std::vector<LdevView> views = listLdevs(rc, listKind, opts);
     if (views.empty()) rc.fail(EX_ENODEV);
