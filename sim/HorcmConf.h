@@ -16,8 +16,8 @@ struct HorcmConf {
   struct Group {
     std::string section;  // HORCM_LDEVG, HORCM_LDEV, HORCM_INST
     std::string name;
-    std::string serial;   // LDEVG, LDEV
-    std::string detail;   // LDEVG: device group; LDEV: dev_name ldev mu; INST: host service
+    std::string serial;  // LDEVG, LDEV
+    std::string detail;  // LDEVG: device group; LDEV: dev_name ldev mu; INST: host service
   };
   std::vector<Group> groups;
 };

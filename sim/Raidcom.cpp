@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cstdlib>
 
+#include "sim/Tools.h"
+
 namespace ccisim {
 
 namespace {
@@ -76,7 +78,7 @@ void getCommandStatus(Raidcom& rc) {
         Invocation::nowMs() + static_cast<int64_t>(*waitSec * 1000 * rc.inv().timeScale());
     while (row.pendingUntil > Invocation::nowMs()) {
       int64_t now = Invocation::nowMs();
-      if (now >= deadline) rc.fail(ex::EWSTOT);
+      if (now >= deadline) rc.fail(EX_EWSTOT);
       rc.inv().pause(std::min(row.pendingUntil, deadline) - now);
       row = loadStatus(rc.db(), rc.inv().instance(), rc.serial());
     }
@@ -142,7 +144,7 @@ void login(Invocation& inv, const std::string& serial, const std::string& user,
   Store& db = inv.db();
   if (!db.exists("SELECT 1 FROM users WHERE serial=? AND name=? AND password=?", serial, user,
                  password)) {
-    inv.fail(ex::ENAUTH);
+    inv.fail(EX_ENAUTH);
   }
   db.run("INSERT OR REPLACE INTO sessions(instance, serial, user, since) VALUES(?, ?, ?, ?)",
          inv.instance(), serial, user, Invocation::nowMs());
@@ -151,8 +153,8 @@ void login(Invocation& inv, const std::string& serial, const std::string& user,
 }  // namespace
 
 void Raidcom::requireUnlocked(int rsgid) {
-  Stmt st = db().query("SELECT lock_owner, lock_host FROM rsgs WHERE serial=? AND id=?",
-                       m_sSerial, rsgid);
+  Stmt st = db().query("SELECT lock_owner, lock_host FROM rsgs WHERE serial=? AND id=?", m_sSerial,
+                       rsgid);
   if (!st.step() || st.isNull(0)) return;
   if (st.s(0) != m_sUser || st.s(1) != Invocation::hostName()) reject(ssb::RSG_LOCKED);
 }
@@ -168,17 +170,17 @@ HostGroupRef Raidcom::requireHostGroup(const std::vector<std::string>& portWords
   auto hg = resolveHostGroup(db(), m_sSerial, portWords, quoted);
   if (!hg) {
     m_rInv.printErr("raidcom: could not find the hstgrp# from %s.\n", quoted.c_str());
-    fail(ex::ENOOBJ);
+    fail(EX_ENOOBJ);
   }
   return *hg;
 }
 
 std::vector<int> Raidcom::deviceGroupLdevs(const std::string& group) {
   std::vector<int> ldevs;
-  Stmt st = db().query("SELECT ldev FROM devgrps WHERE serial=? AND grp=? ORDER BY seq",
-                       m_sSerial, group);
+  Stmt st = db().query("SELECT ldev FROM devgrps WHERE serial=? AND grp=? ORDER BY seq", m_sSerial,
+                       group);
   while (st.step()) ldevs.push_back(st.i(0));
-  if (ldevs.empty()) fail(ex::ENOOBJ);
+  if (ldevs.empty()) fail(EX_ENOOBJ);
   return ldevs;
 }
 
@@ -212,13 +214,13 @@ int runRaidcom(Invocation& inv) {
       words.push_back(w);
     }
   }
-  if (words.empty() && !doLogin && !doLogout) inv.fail(ex::REQARG);
+  if (words.empty() && !doLogin && !doLogout) inv.fail(EX_REQARG);
   inv.requireRunningInstance();
   std::vector<std::string> units = inv.instanceUnits();
   if (serial.empty()) {
     serial = units.front();
   } else if (std::find(units.begin(), units.end(), serial) == units.end()) {
-    inv.fail(ex::ENQSER);
+    inv.fail(EX_ENQSER);
   }
   if (doLogin) {
     login(inv, serial, user, password);
@@ -228,16 +230,15 @@ int runRaidcom(Invocation& inv) {
     inv.db().run("DELETE FROM sessions WHERE instance=?", inv.instance());
     return 0;
   }
-  auto sessionUser =
-      inv.db().text("SELECT user FROM sessions WHERE instance=? AND serial=?", inv.instance(),
-                    serial);
-  if (!sessionUser) inv.fail(ex::ENAUTH);
-  if (words.size() < 2) inv.fail(ex::UNWCMD);
+  auto sessionUser = inv.db().text("SELECT user FROM sessions WHERE instance=? AND serial=?",
+                                   inv.instance(), serial);
+  if (!sessionUser) inv.fail(EX_ENAUTH);
+  if (words.size() < 2) inv.fail(EX_UNWCMD);
   const Command* command = nullptr;
   for (const Command& c : kCommands) {
     if (words[0] == c.verb && words[1] == c.object) command = &c;
   }
-  if (!command) inv.fail(ex::UNWCMD);
+  if (!command) inv.fail(EX_UNWCMD);
   Raidcom rc(inv, serial, *sessionUser, hex, words);
   if (const AsyncFailure* injected = inv.injectedFailure()) {
     recordAsync(rc, injected);

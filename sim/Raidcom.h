@@ -60,9 +60,6 @@ class Raidcom {
   int64_t m_iPendingUntil = 0;
 };
 
-// Entry point of the raidcom tool.
-int runRaidcom(Invocation& inv);
-
 // Command families, each in its own file.
 void getLdev(Raidcom& rc);
 void addLdev(Raidcom& rc);

@@ -18,7 +18,7 @@ std::string requirePort(Raidcom& rc, const std::string& word) {
   std::string port;
   std::optional<int> gid;
   splitPortGid(word, port, gid);
-  if (!portExists(rc.db(), rc.serial(), port)) rc.fail(ex::ENOOBJ);
+  if (!portExists(rc.db(), rc.serial(), port)) rc.fail(EX_ENOOBJ);
   return port;
 }
 
@@ -77,8 +77,8 @@ void getPort(Raidcom& rc) {
       "ORDER BY rowid",
       rc.serial());
   while (st.step()) {
-    PortView p{st.s(0), st.s(1), "", st.s(3), st.s(4), st.s(5),
-               st.s(6), st.s(7), rc.serial(), st.s(8)};
+    PortView p{st.s(0), st.s(1), "",      st.s(3),     st.s(4),
+               st.s(5), st.s(6), st.s(7), rc.serial(), st.s(8)};
     // A port with several attributes is listed once per attribute.
     for (const std::string& attr : splitWords(st.s(2))) {
       p.attr = attr;
@@ -137,9 +137,9 @@ void addHostGroup(Raidcom& rc) {
   std::optional<int> gid;
   splitPortGid(opts.required("-port"), port, gid);
   const std::string& name = opts.required("-host_grp_name");
-  Stmt ps = rc.db().query("SELECT attr, rsgid FROM ports WHERE serial=? AND name=?", rc.serial(),
-                          port);
-  if (!ps.step()) rc.fail(ex::ENOOBJ);
+  Stmt ps =
+      rc.db().query("SELECT attr, rsgid FROM ports WHERE serial=? AND name=?", rc.serial(), port);
+  if (!ps.step()) rc.fail(EX_ENOOBJ);
   std::vector<std::string> attrs = splitWords(ps.s(0));
   if (std::find(attrs.begin(), attrs.end(), "TAR") == attrs.end()) {
     rc.reject(ssb::PORT_CANNOT_OPERATE);
@@ -172,8 +172,7 @@ void deleteHostGroup(Raidcom& rc) {
   Options opts = rc.options({{"-port", 1, 2}});
   HostGroupRef hg = rc.requireHostGroup(opts.values("-port"));
   rc.requireUnlocked(hg.rsgid);
-  rc.db().run("DELETE FROM luns WHERE serial=? AND port=? AND gid=?", rc.serial(), hg.port,
-              hg.gid);
+  rc.db().run("DELETE FROM luns WHERE serial=? AND port=? AND gid=?", rc.serial(), hg.port, hg.gid);
   rc.db().run("DELETE FROM hbawwns WHERE serial=? AND port=? AND gid=?", rc.serial(), hg.port,
               hg.gid);
   if (hg.gid == 0) {
@@ -201,8 +200,8 @@ void modifyHostGroup(Raidcom& rc) {
   if (!opts.has("-host_mode_opt")) {
     for (int o : hg.hostModeOptions) options += (options.empty() ? "" : " ") + std::to_string(o);
   }
-  rc.db().run("UPDATE hostgrps SET hmd=?, hmo=? WHERE serial=? AND port=? AND gid=?", mode,
-              options, rc.serial(), hg.port, hg.gid);
+  rc.db().run("UPDATE hostgrps SET hmd=?, hmo=? WHERE serial=? AND port=? AND gid=?", mode, options,
+              rc.serial(), hg.port, hg.gid);
 }
 
 void getHbaWwn(Raidcom& rc) {
@@ -240,7 +239,7 @@ void deleteHbaWwn(Raidcom& rc) {
   rc.requireUnlocked(hg.rsgid);
   rc.db().run("DELETE FROM hbawwns WHERE serial=? AND port=? AND gid=? AND wwn=?", rc.serial(),
               hg.port, hg.gid, *wwn);
-  if (rc.db().changes() == 0) rc.fail(ex::ENOOBJ);
+  if (rc.db().changes() == 0) rc.fail(EX_ENOOBJ);
 }
 
 void getLun(Raidcom& rc) {
@@ -300,8 +299,8 @@ void addLun(Raidcom& rc) {
       if (lun < 0) rc.reject(ssb::LUN_LIMIT);
     }
     used.insert(lun);
-    rc.db().run("INSERT INTO luns(serial, port, gid, lun, ldev) VALUES(?, ?, ?, ?, ?)",
-                rc.serial(), hg.port, hg.gid, lun, ldev);
+    rc.db().run("INSERT INTO luns(serial, port, gid, lun, ldev) VALUES(?, ?, ?, ?, ?)", rc.serial(),
+                hg.port, hg.gid, lun, ldev);
     rc.inv().print("raidcom: LUN %d(0x%x) will be used for adding.\n", lun, lun);
   }
 }
@@ -329,7 +328,7 @@ void deleteLun(Raidcom& rc) {
   }
   if (luns.empty()) {
     rc.inv().printErr("raidcom: could not find an LUN for deleting.\n");
-    rc.fail(ex::ENOOBJ);
+    rc.fail(EX_ENOOBJ);
   }
   rc.requireUnlocked(hg.rsgid);
   for (int lun : luns) {

@@ -80,18 +80,18 @@ void waitForStatus(Raidcom& rc, int id, const std::vector<std::string>& wanted,
       throw ToolExit{1};
     }
     int64_t now = Invocation::nowMs();
-    if (now >= deadline) rc.fail(ex::EWSTOT);
+    if (now >= deadline) rc.fail(EX_EWSTOT);
     rc.inv().pause(std::min<int64_t>(deadline - now, 50));
   }
 }
 
 std::vector<LdevView> listLdevs(Raidcom& rc, const std::string& kind, const Options& opts) {
-  static const std::set<std::string> kKinds = {
-      "defined", "undefined", "mapped",  "unmapped",        "dp_volume",
-      "pool",    "quorum",    "journal", "external_volume", "parity_grp"};
+  static const std::set<std::string> kKinds = {"defined",         "undefined", "mapped", "unmapped",
+                                               "dp_volume",       "pool",      "quorum", "journal",
+                                               "external_volume", "parity_grp"};
   if (!kKinds.count(kind)) rc.inv().invalidOption("-ldev_list");
   std::optional<int64_t> pool = opts.optNumber("-pool_id");
-  if (kind == "pool" && !pool) rc.fail(ex::REQARG);
+  if (kind == "pool" && !pool) rc.fail(EX_REQARG);
   std::set<int> groups;
   for (const std::string& g : opts.values("-resource")) {
     auto id = parseNumber(g);
@@ -134,8 +134,8 @@ std::vector<LdevView> listLdevs(Raidcom& rc, const std::string& kind, const Opti
 
   std::vector<int> ids;
   {
-    Stmt st = rc.db().query("SELECT id FROM ldevs WHERE serial=? AND defined=1 ORDER BY id",
-                            rc.serial());
+    Stmt st =
+        rc.db().query("SELECT id FROM ldevs WHERE serial=? AND defined=1 ORDER BY id", rc.serial());
     while (st.step()) ids.push_back(st.i(0));
   }
   for (int id : ids) {
@@ -190,16 +190,17 @@ void getLdev(Raidcom& rc) {
     if (word != "pool" || !listKind.empty()) rc.inv().invalidOption(word);
     listKind = "pool";
   }
+  if (listKind.empty() && !opts.has("-ldev_id") && opts.has("-pool_id")) listKind = "pool";
   if (!listKind.empty()) {
     std::vector<LdevView> views = listLdevs(rc, listKind, opts);
-    if (views.empty()) rc.fail(ex::ENODEV);
+    if (views.empty()) rc.fail(EX_ENODEV);
     printLdevs(rc, views, frontEnd);
     return;
   }
-  if (!opts.has("-ldev_id")) rc.fail(ex::REQARG);
+  if (!opts.has("-ldev_id")) rc.fail(EX_REQARG);
   int first = opts.ldevId("-ldev_id");
   int max = maxLdevId(rc.db(), rc.serial());
-  if (first > max) rc.fail(ex::ENLDEV);
+  if (first > max) rc.fail(EX_ENLDEV);
   if (opts.has("-check_status")) {
     waitForStatus(rc, first, opts.values("-check_status"), opts.optNumber("-time"));
     return;
@@ -211,7 +212,7 @@ void getLdev(Raidcom& rc) {
     views.push_back(ldevViewById(rc.db(), rc.serial(), first + static_cast<int>(i)));
   }
   printLdevs(rc, views, frontEnd);
-  if (first + count - 1 > max) rc.fail(ex::ENLDEV);
+  if (first + count - 1 > max) rc.fail(EX_ENLDEV);
 }
 
 void addLdev(Raidcom& rc) {
@@ -222,7 +223,7 @@ void addLdev(Raidcom& rc) {
                              {"-mp_blade_id", 1, 1},
                              {"-emulation", 1, 1},
                              {"-capacity_saving", 1, 1}});
-  if (!opts.has("-pool") && !opts.has("-parity_grp_id")) rc.fail(ex::REQARG);
+  if (!opts.has("-pool") && !opts.has("-parity_grp_id")) rc.fail(EX_REQARG);
   int id = opts.ldevId("-ldev_id");
   auto capacity = parseCapacity(opts.required("-capacity"));
   if (!capacity) rc.inv().invalidOption("-capacity");
@@ -237,7 +238,8 @@ void addLdev(Raidcom& rc) {
   if (opts.has("-pool")) {
     auto poolId = parseNumber(opts.required("-pool"));
     if (!poolId) rc.inv().invalidOption("-pool");
-    auto type = rc.db().text("SELECT type FROM pools WHERE serial=? AND id=?", rc.serial(), *poolId);
+    auto type =
+        rc.db().text("SELECT type FROM pools WHERE serial=? AND id=?", rc.serial(), *poolId);
     if (!type) rc.inv().asyncFail(ssb::POOL_MISSING);
     if (*type != "HDP" && *type != "HDT") rc.inv().asyncFail(ssb::POOL_WRONG_TYPE);
     pool = static_cast<int>(*poolId);
@@ -262,8 +264,8 @@ void deleteLdev(Raidcom& rc) {
     if (rc.db().exists("SELECT 1 FROM luns WHERE serial=? AND ldev=?", rc.serial(), id)) {
       rc.reject(ssb::PATH_DEFINED);
     }
-    if (rc.db().exists("SELECT 1 FROM snapshots WHERE serial=? AND (pvol=? OR svol=?)",
-                       rc.serial(), id, id) ||
+    if (rc.db().exists("SELECT 1 FROM snapshots WHERE serial=? AND (pvol=? OR svol=?)", rc.serial(),
+                       id, id) ||
         rc.db().exists("SELECT 1 FROM pairs WHERE (serial=? AND pvol=?) OR (s_serial=? AND svol=?)",
                        rc.serial(), id, rc.serial(), id)) {
       rc.reject(ssb::VOLUME_IN_PAIR);
@@ -289,7 +291,7 @@ void modifyLdev(Raidcom& rc) {
       {{"-ldev_id", 1, 1}, {"-ldev_name", 1, 1}, {"-status", 1, 1}, {"-mp_blade_id", 1, 1}});
   int id = opts.ldevId("-ldev_id");
   if (!opts.has("-ldev_name") && !opts.has("-status") && !opts.has("-mp_blade_id")) {
-    rc.fail(ex::REQARG);
+    rc.fail(EX_REQARG);
   }
   std::string status;
   if (opts.has("-status")) {
@@ -304,8 +306,7 @@ void modifyLdev(Raidcom& rc) {
     rc.db().run("UPDATE ldevs SET name=? WHERE serial=? AND id=?", name, rc.serial(), id);
   }
   if (!status.empty()) {
-    rc.db().run("UPDATE ldevs SET sts=? WHERE serial=? AND id=?", toUpper(status), rc.serial(),
-                id);
+    rc.db().run("UPDATE ldevs SET sts=? WHERE serial=? AND id=?", toUpper(status), rc.serial(), id);
   }
   if (auto mp = opts.optNumber("-mp_blade_id")) {
     rc.db().run("UPDATE ldevs SET mp=? WHERE serial=? AND id=?", *mp, rc.serial(), id);

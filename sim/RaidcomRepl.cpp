@@ -26,8 +26,7 @@ struct SnapshotRow {
 };
 
 template <typename... Args>
-std::vector<SnapshotRow> loadSnapshots(Raidcom& rc, const std::string& where,
-                                       const Args&... args) {
+std::vector<SnapshotRow> loadSnapshots(Raidcom& rc, const std::string& where, const Args&... args) {
   std::string sql =
       "SELECT grp, pvol, svol, mu, pool, status, since, due, split_time, ctg, mode FROM snapshots "
       "WHERE serial=? AND " +
@@ -82,10 +81,10 @@ void requireGroupName(Raidcom& rc, const std::string& name) {
 std::vector<SnapshotRow> snapshotTargets(Raidcom& rc, const Options& opts, bool forModify) {
   if (opts.has("-snapshotgroup")) {
     auto rows = loadSnapshots(rc, "grp=?", opts.required("-snapshotgroup"));
-    if (rows.empty()) rc.fail(ex::ENOOBJ);
+    if (rows.empty()) rc.fail(EX_ENOOBJ);
     return rows;
   }
-  if (!opts.has("-ldev_id")) rc.fail(ex::REQARG);
+  if (!opts.has("-ldev_id")) rc.fail(EX_REQARG);
   int ldev = opts.ldevId("-ldev_id");
   auto rows = loadSnapshots(rc, "svol=?", ldev);
   if (!rows.empty()) return rows;
@@ -95,7 +94,7 @@ std::vector<SnapshotRow> snapshotTargets(Raidcom& rc, const Options& opts, bool 
     rows = loadSnapshots(rc, "pvol=?", ldev);
   }
   // A P-VOL without a mirror unit names no single pair of its snapshot groups.
-  if (rows.empty()) rc.fail(ex::ENOOBJ);
+  if (rows.empty()) rc.fail(EX_ENOOBJ);
   return rows;
 }
 
@@ -115,8 +114,8 @@ void getDeviceGroup(Raidcom& rc) {
   Options opts = rc.options({{"-device_grp_name", 1, 1}});
   std::string text;
   if (!opts.has("-device_grp_name")) {
-    Stmt st = rc.db().query(
-        "SELECT grp FROM devgrps WHERE serial=? GROUP BY grp ORDER BY min(seq)", rc.serial());
+    Stmt st = rc.db().query("SELECT grp FROM devgrps WHERE serial=? GROUP BY grp ORDER BY min(seq)",
+                            rc.serial());
     while (st.step()) text += formatDeviceGroupListLine(st.s(0), rc.serial());
     if (!text.empty()) rc.inv().out() += formatDeviceGroupListHeader() + text;
     return;
@@ -125,7 +124,7 @@ void getDeviceGroup(Raidcom& rc) {
   Stmt st = rc.db().query("SELECT devname, ldev FROM devgrps WHERE serial=? AND grp=? ORDER BY seq",
                           rc.serial(), group);
   while (st.step()) text += formatDeviceGroupLine(group, st.s(0), st.i(1), rc.serial());
-  if (text.empty()) rc.fail(ex::ENOOBJ);
+  if (text.empty()) rc.fail(EX_ENOOBJ);
   rc.inv().out() += formatDeviceGroupHeader() + text;
 }
 
@@ -173,11 +172,12 @@ void getSnapshot(Raidcom& rc) {
   if (opts.has("-snapshotgroup")) {
     const std::string& group = opts.required("-snapshotgroup");
     auto rows = loadSnapshots(rc, "grp=?", group);
-    if (rows.empty()) rc.fail(ex::ENOOBJ);
+    if (rows.empty()) rc.fail(EX_ENOOBJ);
     if (opts.has("-check_status")) {
       std::string want = toUpper(opts.required("-check_status"));
-      int64_t deadline = Invocation::nowMs() + static_cast<int64_t>(opts.optNumber("-time").value_or(0) *
-                                                                    1000 * rc.inv().timeScale());
+      int64_t deadline =
+          Invocation::nowMs() +
+          static_cast<int64_t>(opts.optNumber("-time").value_or(0) * 1000 * rc.inv().timeScale());
       for (;;) {
         bool all = true;
         for (const SnapshotRow& r : rows) all = all && r.status == want;
@@ -187,7 +187,7 @@ void getSnapshot(Raidcom& rc) {
           throw ToolExit{1};
         }
         int64_t now = Invocation::nowMs();
-        if (now >= deadline) rc.fail(ex::EWSTOT);
+        if (now >= deadline) rc.fail(EX_EWSTOT);
         rc.inv().pause(std::min<int64_t>(deadline - now, 50));
         rows = loadSnapshots(rc, "grp=?", group);
       }
@@ -261,8 +261,8 @@ void addSnapshot(Raidcom& rc) {
     rc.requireUnlocked(svol->rsgid);
     if (svol->id == pvol.id) rc.reject(ssb::SAME_VOLUME);
     if (svol->capacity != pvol.capacity) rc.reject(ssb::SIZE_MISMATCH);
-    if (rc.db().exists("SELECT 1 FROM snapshots WHERE serial=? AND (svol=? OR pvol=?)",
-                       rc.serial(), svol->id, svol->id) &&
+    if (rc.db().exists("SELECT 1 FROM snapshots WHERE serial=? AND (svol=? OR pvol=?)", rc.serial(),
+                       svol->id, svol->id) &&
         mode != "cascade") {
       rc.reject(ssb::SVOL_IN_USE);
     }
@@ -335,8 +335,8 @@ void modifySnapshot(Raidcom& rc) {
       if (due) {
         setSnapshot(rc, r, "COPY", std::string("SMPL"), due, r.splitTime);
       } else {
-        rc.db().run("DELETE FROM snapshots WHERE serial=? AND pvol=? AND mu=?", rc.serial(),
-                    r.pvol, r.mu);
+        rc.db().run("DELETE FROM snapshots WHERE serial=? AND pvol=? AND mu=?", rc.serial(), r.pvol,
+                    r.mu);
       }
     }
   }
@@ -364,12 +364,13 @@ void getCopyGroup(Raidcom& rc) {
     text += formatCopyGroupLine({st.s(0), st.s(1), mu, jid, rc.serial()});
     text += formatCopyGroupLine({st.s(0), st.s(2), "-", "-", rc.serial()});
   }
-  if (!filter.empty() && text.empty()) rc.fail(ex::ENOOBJ);
+  if (!filter.empty() && text.empty()) rc.fail(EX_ENOOBJ);
   if (!text.empty()) rc.inv().out() += formatCopyGroupHeader() + text;
 }
 
 void addCopyGroup(Raidcom& rc) {
-  Options opts = rc.options({{"-copy_grp_name", 3, 3}, {"-mirror_id", 1, 1}, {"-journal_id", 1, 1}});
+  Options opts =
+      rc.options({{"-copy_grp_name", 3, 3}, {"-mirror_id", 1, 1}, {"-journal_id", 1, 1}});
   const std::vector<std::string>& names = opts.values("-copy_grp_name");
   const std::string& name = names[0];
   const std::string& pdg = names[1];
@@ -385,9 +386,8 @@ void addCopyGroup(Raidcom& rc) {
       !rc.db().exists("SELECT 1 FROM devgrps WHERE grp=?", sdg)) {
     rc.reject(ssb::DEVICE_GROUP_MISSING);
   }
-  int64_t ctg = rc.db().scalar("SELECT max(ctg) FROM copygrps WHERE serial=?", rc.serial())
-                    .value_or(-1) +
-                1;
+  int64_t ctg =
+      rc.db().scalar("SELECT max(ctg) FROM copygrps WHERE serial=?", rc.serial()).value_or(-1) + 1;
   rc.db().run(
       "INSERT INTO copygrps(serial, name, pdg, sdg, mu, jid, ctg, incarnation, q_seq, q_time) "
       "VALUES(?, ?, ?, ?, ?, ?, ?, 1, 0, ?)",
@@ -398,7 +398,7 @@ void deleteCopyGroup(Raidcom& rc) {
   Options opts = rc.options({{"-copy_grp_name", 1, 1}});
   const std::string& name = opts.required("-copy_grp_name");
   if (!rc.db().exists("SELECT 1 FROM copygrps WHERE serial=? AND name=?", rc.serial(), name)) {
-    rc.fail(ex::ENOOBJ);
+    rc.fail(EX_ENOOBJ);
   }
   if (rc.db().exists("SELECT 1 FROM pairs WHERE serial=? AND cg=?", rc.serial(), name)) {
     rc.reject(ssb::COPY_GROUP_IN_USE);
@@ -433,8 +433,9 @@ void getPool(Raidcom& rc) {
     p.serial = rc.serial();
     text += key == "opt" ? formatPoolOptLine(p) : formatPoolLine(p);
   }
-  if (only && text.empty()) rc.fail(ex::ENOOBJ);
-  if (!text.empty()) rc.inv().out() += (key == "opt" ? formatPoolOptHeader() : formatPoolHeader()) + text;
+  if (only && text.empty()) rc.fail(EX_ENOOBJ);
+  if (!text.empty())
+    rc.inv().out() += (key == "opt" ? formatPoolOptHeader() : formatPoolHeader()) + text;
 }
 
 }  // namespace ccisim

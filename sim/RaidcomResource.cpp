@@ -30,7 +30,7 @@ std::vector<ResourceGroup> loadGroups(Raidcom& rc, const std::string& name) {
     if (!st.isNull(3)) g.host = st.s(3);
     groups.push_back(g);
   }
-  if (!name.empty() && groups.empty()) rc.fail(ex::ENOOBJ);
+  if (!name.empty() && groups.empty()) rc.fail(EX_ENOOBJ);
   return groups;
 }
 
@@ -40,7 +40,7 @@ bool heldByMe(Raidcom& rc, const ResourceGroup& g) {
 
 int requireGroup(Raidcom& rc, const Options& opts) {
   auto id = resourceGroupId(rc.db(), rc.serial(), opts.required("-resource_name"));
-  if (!id) rc.fail(ex::ENOOBJ);
+  if (!id) rc.fail(EX_ENOOBJ);
   return *id;
 }
 
@@ -88,9 +88,9 @@ bool moveResources(Raidcom& rc, const Options& opts, int from, int to, const Ssb
     std::optional<int> gid;
     splitPortGid(words[0], port, gid);
     if (words.size() == 1 && !gid && words[0].find(' ') == std::string::npos) {
-      auto current = rc.db().scalar("SELECT rsgid FROM ports WHERE serial=? AND name=?",
-                                    rc.serial(), port);
-      if (!current) rc.fail(ex::ENOOBJ);
+      auto current =
+          rc.db().scalar("SELECT rsgid FROM ports WHERE serial=? AND name=?", rc.serial(), port);
+      if (!current) rc.fail(EX_ENOOBJ);
       check(static_cast<int>(*current));
       rc.db().run("UPDATE ports SET rsgid=? WHERE serial=? AND name=?", to, rc.serial(), port);
     } else {
@@ -158,7 +158,7 @@ void getResource(Raidcom& rc) {
     r.serial = rc.serial();
     text += key == "opt" ? formatResourceOptLine(r) : formatResourceLine(r);
   }
-  if (!name.empty() && text.empty()) rc.fail(ex::ENOOBJ);
+  if (!name.empty() && text.empty()) rc.fail(EX_ENOOBJ);
   rc.inv().out() += (key == "opt" ? formatResourceOptHeader() : formatResourceHeader()) + text;
 }
 
@@ -170,13 +170,12 @@ void lockResource(Raidcom& rc) {
   int64_t deadline = Invocation::nowMs() + waitMs;
   for (;;) {
     std::vector<ResourceGroup> groups = loadGroups(rc, name);
-    bool foreign = std::any_of(groups.begin(), groups.end(), [&](const ResourceGroup& g) {
-      return g.owner && !heldByMe(rc, g);
-    });
+    bool foreign = std::any_of(groups.begin(), groups.end(),
+                               [&](const ResourceGroup& g) { return g.owner && !heldByMe(rc, g); });
     if (!foreign) {
       for (const ResourceGroup& g : groups) {
-        rc.db().run("UPDATE rsgs SET lock_owner=?, lock_host=? WHERE serial=? AND id=?",
-                    rc.user(), Invocation::hostName(), rc.serial(), g.id);
+        rc.db().run("UPDATE rsgs SET lock_owner=?, lock_host=? WHERE serial=? AND id=?", rc.user(),
+                    Invocation::hostName(), rc.serial(), g.id);
       }
       return;
     }
@@ -209,7 +208,7 @@ void addResource(Raidcom& rc) {
     // Naming a group that does not exist creates it, as a virtual storage machine with
     // -virtual_type.
     if (opts.has("-ldev_id") || opts.has("-port") || opts.has("-device_grp_name")) {
-      rc.fail(ex::ENOOBJ);
+      rc.fail(EX_ENOOBJ);
     }
     if (name.size() > 32) rc.reject(ssb::NAME_TOO_LONG);
     int next = static_cast<int>(
@@ -244,10 +243,9 @@ void deleteResource(Raidcom& rc) {
   rc.requireUnlocked(id);
   if (id != 0 && moveResources(rc, opts, id, 0, ssb::RSG_NOT_MEMBER)) return;
   if (id == 0) rc.reject(ssb::RSG_NOT_MEMBER);
-  bool used =
-      rc.db().exists("SELECT 1 FROM ldevs WHERE serial=? AND rsgid=?", rc.serial(), id) ||
-      rc.db().exists("SELECT 1 FROM ports WHERE serial=? AND rsgid=?", rc.serial(), id) ||
-      rc.db().exists("SELECT 1 FROM hostgrps WHERE serial=? AND rsgid=?", rc.serial(), id);
+  bool used = rc.db().exists("SELECT 1 FROM ldevs WHERE serial=? AND rsgid=?", rc.serial(), id) ||
+              rc.db().exists("SELECT 1 FROM ports WHERE serial=? AND rsgid=?", rc.serial(), id) ||
+              rc.db().exists("SELECT 1 FROM hostgrps WHERE serial=? AND rsgid=?", rc.serial(), id);
   if (used) rc.reject(ssb::RSG_NOT_EMPTY);
   rc.db().run("DELETE FROM rsgs WHERE serial=? AND id=?", rc.serial(), id);
 }
@@ -278,7 +276,7 @@ void mapResource(Raidcom& rc) {
     std::string port;
     std::optional<int> gid;
     splitPortGid(opts.values("-port")[0], port, gid);
-    if (!portExists(rc.db(), rc.serial(), port)) rc.fail(ex::ENOOBJ);
+    if (!portExists(rc.db(), rc.serial(), port)) rc.fail(EX_ENOOBJ);
     opts.required("-virtual_port");
     return;
   }
@@ -286,14 +284,12 @@ void mapResource(Raidcom& rc) {
     opts.required("-emulation_type");
     return;
   }
-  rc.fail(ex::REQARG);
+  rc.fail(EX_REQARG);
 }
 
 void unmapResource(Raidcom& rc) {
-  Options opts = rc.options({{"-ldev_id", 1, 1},
-                             {"-virtual_ldev_id", 1, 1},
-                             {"-port", 1, 2},
-                             {"-virtual_port", 1, 1}});
+  Options opts = rc.options(
+      {{"-ldev_id", 1, 1}, {"-virtual_ldev_id", 1, 1}, {"-port", 1, 2}, {"-virtual_port", 1, 1}});
   if (opts.has("-ldev_id")) {
     int current = 0;
     LdevRow row = mappableLdev(rc, opts.ldevId("-ldev_id"), current);
@@ -307,11 +303,11 @@ void unmapResource(Raidcom& rc) {
     std::string port;
     std::optional<int> gid;
     splitPortGid(opts.values("-port")[0], port, gid);
-    if (!portExists(rc.db(), rc.serial(), port)) rc.fail(ex::ENOOBJ);
+    if (!portExists(rc.db(), rc.serial(), port)) rc.fail(EX_ENOOBJ);
     opts.required("-virtual_port");
     return;
   }
-  rc.fail(ex::REQARG);
+  rc.fail(EX_REQARG);
 }
 
 }  // namespace ccisim

@@ -3,13 +3,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
 #include <cerrno>
 #include <climits>
+#include <cstdio>
 #include <cstring>
 #include <fstream>
-#include <iostream>
 #include <regex>
+#include <set>
 #include <sstream>
 
 #include "sim/SimInvocation.h"
@@ -80,8 +80,8 @@ void install(const std::string& dir) {
 }
 
 struct InitOptions {
-  std::string serial = "412345", type = "R9", microcode = "93-07-22/00",
-              cciVersion = "01-74-03/00", ldevs = "100-115";
+  std::string serial = "412345", type = "R9", microcode = "93-07-22/00", cciVersion = "01-74-03/00",
+              ldevs = "100-115";
   int64_t cacheMb = 524288, ldevCapacity = 2097152;
   int maxLdev = 65279;
   int64_t copyMs = 0, formatMs = 0, syncLagMs = 0;
@@ -113,9 +113,8 @@ json initScenario(const InitOptions& o) {
     for (const std::string& p : o.pools) {
       auto f = splitOn(p, ':');
       if (f.size() < 2) throw AdminError("--pool takes ID:NAME[:TYPE]");
-      a["pools"].push_back({{"id", toInt(f[0], "--pool")},
-                            {"name", f[1]},
-                            {"type", f.size() > 2 ? f[2] : "HDP"}});
+      a["pools"].push_back(
+          {{"id", toInt(f[0], "--pool")}, {"name", f[1]}, {"type", f.size() > 2 ? f[2] : "HDP"}});
     }
     a["ldevs"][0]["pool"] = a["pools"][0]["id"];
   }
@@ -182,136 +181,187 @@ void withState(Fn fn) {
   }
 }
 
+const char* const kUsage =
+    "usage: ccisim <command> (state in $CCISIM_STATE)\n"
+    "  install DIR                      link the eleven CCI tool names in DIR to ccisim\n"
+    "  init [--serial S] [--type T] [--microcode M] [--cci-version V] [--cache-mb N]\n"
+    "       [--max-ldev N] [--ldevs FIRST-LAST] [--ldev-capacity BLOCKS]\n"
+    "       [--pool ID:NAME[:TYPE]]... [--port NAME[:LOGIN_WWN,...]]... [--cmddev LDEV:DEVICE]...\n"
+    "       [--rsg NAME:ID[:VSERIAL:VTYPE]]... [--user NAME:PASSWORD]...\n"
+    "       [--copy-ms N] [--format-ms N] [--sync-lag-ms N] [--print]\n"
+    "  load SCENARIO.json|-             replace the state with a scenario\n"
+    "  dump [--json]                    print the whole state\n"
+    "  fault add --tool T|* [--match REGEX] [--exit N] [--stdout TEXT] [--stderr TEXT]\n"
+    "            [--times N] [--delay-ms N] [--status-ssb SSB1,SSB2] [--status-text TEXT]\n"
+    "  fault list [--json] | fault clear\n"
+    "  journal [--json] [--tool T] [--clear]\n"
+    "  session list | session expire [--instance N]\n"
+    "  resource lock NAME --owner U --host H [--serial S] | resource unlock NAME [--serial S]\n"
+    "  pair fail COPY_GROUP             suspend a copy group's pairs with an error\n"
+    "  timing [--copy-ms N] [--format-ms N] [--sync-lag-ms N]\n";
+
+class UsageError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+// "--name value" options and bare words of one admin command; anything left unread is an error.
+class AdminArgs {
+ public:
+  AdminArgs(const std::vector<std::string>& args, size_t from) {
+    for (size_t i = from; i < args.size(); ++i) {
+      const std::string& a = args[i];
+      if (a.compare(0, 2, "--") != 0) {
+        m_oWords.push_back(a);
+        continue;
+      }
+      size_t eq = a.find('=');
+      if (eq != std::string::npos) {
+        m_oOptions.emplace_back(a.substr(0, eq), a.substr(eq + 1));
+      } else if (kFlags.count(a)) {
+        m_oOptions.emplace_back(a, "");
+      } else if (i + 1 < args.size()) {
+        m_oOptions.emplace_back(a, args[++i]);
+      } else {
+        throw UsageError(a + " needs a value");
+      }
+    }
+  }
+  bool flag(const std::string& name) { return !takeAll(name).empty(); }
+  std::vector<std::string> takeAll(const std::string& name) {
+    std::vector<std::string> values;
+    for (auto it = m_oOptions.begin(); it != m_oOptions.end();) {
+      if (it->first == name) {
+        values.push_back(it->second);
+        it = m_oOptions.erase(it);
+      } else {
+        ++it;
+      }
+    }
+    return values;
+  }
+  std::optional<std::string> take(const std::string& name) {
+    std::vector<std::string> values = takeAll(name);
+    if (values.size() > 1) throw UsageError(name + " given twice");
+    if (values.empty()) return std::nullopt;
+    return values.front();
+  }
+  template <typename T>
+  void take(const std::string& name, T& target) {
+    if (auto v = take(name)) {
+      auto n = v->size() > 1 && (*v)[0] == '-' ? parseNumber(v->substr(1)) : parseNumber(*v);
+      if (!n) throw UsageError(name + " takes a number");
+      target = static_cast<T>((*v)[0] == '-' ? -*n : *n);
+    }
+  }
+  void take(const std::string& name, std::string& target) {
+    if (auto v = take(name)) target = *v;
+  }
+  std::string word(const char* what) {
+    if (m_oWords.empty()) throw UsageError(std::string("missing ") + what);
+    std::string w = m_oWords.front();
+    m_oWords.erase(m_oWords.begin());
+    return w;
+  }
+  // Every option and word must have been used.
+  void done() const {
+    if (!m_oOptions.empty()) throw UsageError("unknown option " + m_oOptions.front().first);
+    if (!m_oWords.empty()) throw UsageError("unexpected '" + m_oWords.front() + "'");
+  }
+
+ private:
+  static inline const std::set<std::string> kFlags = {"--json", "--print", "--clear"};
+  std::vector<std::pair<std::string, std::string>> m_oOptions;
+  std::vector<std::string> m_oWords;
+};
+
 }  // namespace
 
 int runAdmin(const std::vector<std::string>& args) {
-  CLI::App app{"ccisim: a simulated array for the CCI tools (state in $CCISIM_STATE)", "ccisim"};
-  app.require_subcommand(1);
-
-  std::string installDir;
-  auto* installCmd = app.add_subcommand("install", "link the eleven tool names in DIR to ccisim");
-  installCmd->add_option("dir", installDir, "CCI directory")->required();
-
-  InitOptions init;
-  auto* initCmd = app.add_subcommand("init", "create a fresh array (defaults for anything not given)");
-  initCmd->add_option("--serial", init.serial);
-  initCmd->add_option("--type", init.type, "array type code, e.g. R9, M850M3");
-  initCmd->add_option("--microcode", init.microcode);
-  initCmd->add_option("--cci-version", init.cciVersion);
-  initCmd->add_option("--cache-mb", init.cacheMb);
-  initCmd->add_option("--max-ldev", init.maxLdev);
-  initCmd->add_option("--ldevs", init.ldevs, "defined LDEVs FIRST-LAST");
-  initCmd->add_option("--ldev-capacity", init.ldevCapacity, "blocks");
-  initCmd->add_option("--pool", init.pools, "ID:NAME[:TYPE]");
-  initCmd->add_option("--port", init.ports, "NAME[:LOGIN_WWN,...]");
-  initCmd->add_option("--cmddev", init.cmddevs, "LDEV:DEVICE");
-  initCmd->add_option("--rsg", init.rsgs, "NAME:ID[:VSERIAL:VTYPE]");
-  initCmd->add_option("--user", init.users, "NAME:PASSWORD");
-  initCmd->add_option("--copy-ms", init.copyMs);
-  initCmd->add_option("--format-ms", init.formatMs);
-  initCmd->add_option("--sync-lag-ms", init.syncLagMs);
-
-  std::string scenarioFile;
-  auto* loadCmd = app.add_subcommand("load", "create the state from a scenario (- for stdin)");
-  loadCmd->add_option("scenario", scenarioFile)->required();
-
-  bool asJson = false;
-  auto* dumpCmd = app.add_subcommand("dump", "print the whole state");
-  dumpCmd->add_flag("--json", asJson);
-
-  auto* faultCmd = app.add_subcommand("fault", "make calls fail, hang or fail in the background");
-  faultCmd->require_subcommand(1);
-  Fault fault;
-  int exitCode = -1;
-  std::string statusSsb;
-  auto* faultAdd = faultCmd->add_subcommand("add", "add a fault");
-  faultAdd->add_option("--tool", fault.tool, "tool name, or * for any")->required();
-  faultAdd->add_option("--match", fault.pattern, "regular expression on the arguments");
-  faultAdd->add_option("--exit", exitCode, "exit status (without it the call runs)");
-  faultAdd->add_option("--stdout", fault.out);
-  faultAdd->add_option("--stderr", fault.err);
-  faultAdd->add_option("--times", fault.remaining, "how many calls (-1: all)");
-  faultAdd->add_option("--delay-ms", fault.delayMs);
-  faultAdd->add_option("--status-ssb", statusSsb, "SSB1,SSB2 left in get command_status");
-  faultAdd->add_option("--status-text", fault.statusText);
-  auto* faultList = faultCmd->add_subcommand("list", "list the faults");
-  faultList->add_flag("--json", asJson);
-  auto* faultClear = faultCmd->add_subcommand("clear", "remove every fault");
-
-  bool clearJournal = false;
-  std::string journalTool;
-  auto* journalCmd = app.add_subcommand("journal", "list every invocation");
-  journalCmd->add_flag("--json", asJson);
-  journalCmd->add_flag("--clear", clearJournal, "empty the journal");
-  journalCmd->add_option("--tool", journalTool);
-
-  std::string instance;
-  auto* sessionCmd = app.add_subcommand("session", "raidcom login sessions");
-  sessionCmd->require_subcommand(1);
-  auto* sessionList = sessionCmd->add_subcommand("list");
-  auto* sessionExpire = sessionCmd->add_subcommand("expire", "end sessions as the array would");
-  sessionExpire->add_option("--instance", instance);
-
-  std::string rsgName, owner, host, serial;
-  auto* resourceCmd = app.add_subcommand("resource", "resource group locks of other hosts");
-  resourceCmd->require_subcommand(1);
-  auto* rsgLock = resourceCmd->add_subcommand("lock", "lock a resource group for OWNER on HOST");
-  rsgLock->add_option("name", rsgName)->required();
-  rsgLock->add_option("--owner", owner)->required();
-  rsgLock->add_option("--host", host)->required();
-  rsgLock->add_option("--serial", serial);
-  auto* rsgUnlock = resourceCmd->add_subcommand("unlock");
-  rsgUnlock->add_option("name", rsgName)->required();
-  rsgUnlock->add_option("--serial", serial);
-
-  std::string copyGroup;
-  auto* pairCmd = app.add_subcommand("pair", "pair events");
-  pairCmd->require_subcommand(1);
-  auto* pairFail = pairCmd->add_subcommand("fail", "suspend the pairs of a copy group with an error");
-  pairFail->add_option("copy_group", copyGroup)->required();
-
-  std::optional<int64_t> copyMs, formatMs, lagMs;
-  auto* timingCmd = app.add_subcommand("timing", "how long the array's background work takes");
-  timingCmd->add_option("--copy-ms", copyMs);
-  timingCmd->add_option("--format-ms", formatMs);
-  timingCmd->add_option("--sync-lag-ms", lagMs);
-
-  std::vector<std::string> reversed(args.rbegin(), args.rend());
   try {
-    app.parse(reversed);
-  } catch (const CLI::ParseError& e) {
-    return app.exit(e);
-  }
-
-  try {
-    if (installCmd->parsed()) {
-      install(installDir);
-    } else if (initCmd->parsed()) {
-      replaceState(initScenario(init));
-    } else if (loadCmd->parsed()) {
-      std::stringstream text;
-      if (scenarioFile == "-") {
-        text << std::cin.rdbuf();
+    if (args.empty() || args[0] == "help" || args[0] == "--help" || args[0] == "-h") {
+      std::fputs(kUsage, args.empty() ? stderr : stdout);
+      return args.empty() ? 2 : 0;
+    }
+    const std::string& command = args[0];
+    std::string sub = args.size() > 1 ? args[1] : "";
+    bool hasSub =
+        command == "fault" || command == "session" || command == "resource" || command == "pair";
+    AdminArgs a(args, hasSub ? 2 : 1);
+    if (command == "install") {
+      std::string dir = a.word("DIR");
+      a.done();
+      install(dir);
+    } else if (command == "init") {
+      InitOptions o;
+      a.take("--serial", o.serial);
+      a.take("--type", o.type);
+      a.take("--microcode", o.microcode);
+      a.take("--cci-version", o.cciVersion);
+      a.take("--cache-mb", o.cacheMb);
+      a.take("--max-ldev", o.maxLdev);
+      a.take("--ldevs", o.ldevs);
+      a.take("--ldev-capacity", o.ldevCapacity);
+      a.take("--copy-ms", o.copyMs);
+      a.take("--format-ms", o.formatMs);
+      a.take("--sync-lag-ms", o.syncLagMs);
+      o.pools = a.takeAll("--pool");
+      o.ports = a.takeAll("--port");
+      o.cmddevs = a.takeAll("--cmddev");
+      o.rsgs = a.takeAll("--rsg");
+      o.users = a.takeAll("--user");
+      bool print = a.flag("--print");
+      a.done();
+      if (print) {
+        std::printf("%s\n", initScenario(o).dump(2).c_str());
       } else {
-        std::ifstream in(scenarioFile);
-        if (!in) throw AdminError("cannot read " + scenarioFile + ": " + strerror(errno));
+        replaceState(initScenario(o));
+      }
+    } else if (command == "load") {
+      std::string file = a.word("SCENARIO");
+      a.done();
+      std::stringstream text;
+      if (file == "-") {
+        char buf[4096];
+        size_t n;
+        while ((n = std::fread(buf, 1, sizeof(buf), stdin)) > 0) text.write(buf, n);
+      } else {
+        std::ifstream in(file);
+        if (!in) throw AdminError("cannot read " + file + ": " + strerror(errno));
         text << in.rdbuf();
       }
       json scenario = json::parse(text.str(), nullptr, false);
-      if (scenario.is_discarded()) throw AdminError(scenarioFile + " is not valid JSON");
+      if (scenario.is_discarded()) throw AdminError(file + " is not valid JSON");
       replaceState(scenario);
-    } else if (dumpCmd->parsed()) {
+    } else if (command == "dump") {
+      bool asJson = a.flag("--json");
+      a.done();
       Store store(statePath(), Store::Mode::Existing);
       store.begin();
       Invocation settler(store, "ccisim", {});
       settler.settle();
-      std::cout << (asJson ? dumpScenario(store).dump(2) + "\n" : dumpText(store));
+      std::string text = asJson ? dumpScenario(store).dump(2) + "\n" : dumpText(store);
       store.commit();
-    } else if (faultAdd->parsed()) {
+      std::fputs(text.c_str(), stdout);
+    } else if (command == "fault" && sub == "add") {
+      Fault fault;
+      int exitCode = -1;
+      std::string statusSsb;
+      fault.tool = a.take("--tool").value_or("");
+      if (fault.tool.empty()) throw UsageError("fault add needs --tool");
+      a.take("--match", fault.pattern);
+      a.take("--exit", exitCode);
+      a.take("--stdout", fault.out);
+      a.take("--stderr", fault.err);
+      a.take("--times", fault.remaining);
+      a.take("--delay-ms", fault.delayMs);
+      a.take("--status-ssb", statusSsb);
+      a.take("--status-text", fault.statusText);
+      a.done();
       if (exitCode >= 0) fault.exitCode = exitCode;
       if (!statusSsb.empty()) {
         auto f = splitOn(statusSsb, ',');
-        if (f.size() != 2) throw AdminError("--status-ssb takes SSB1,SSB2");
+        if (f.size() != 2) throw UsageError("--status-ssb takes SSB1,SSB2");
         fault.ssb1 = f[0];
         fault.ssb2 = f[1];
       }
@@ -319,85 +369,125 @@ int runAdmin(const std::vector<std::string>& args) {
         if (!text->empty() && text->back() != '\n') *text += '\n';
       }
       withState([&](Store& db) { addFault(db, fault); });
-    } else if (faultList->parsed()) {
+    } else if (command == "fault" && sub == "list") {
+      bool asJson = a.flag("--json");
+      a.done();
       withState([&](Store& db) {
         json list = json::array();
         for (const Fault& f : listFaults(db)) {
-          json j = {{"id", f.id},          {"tool", f.tool},       {"match", f.pattern},
-                    {"stdout", f.out},     {"stderr", f.err},      {"times", f.remaining},
-                    {"delay_ms", f.delayMs}, {"status_ssb", f.ssb1.empty() ? "" : f.ssb1 + "," + f.ssb2},
+          json j = {{"id", f.id},
+                    {"tool", f.tool},
+                    {"match", f.pattern},
+                    {"stdout", f.out},
+                    {"stderr", f.err},
+                    {"times", f.remaining},
+                    {"delay_ms", f.delayMs},
+                    {"status_ssb", f.ssb1.empty() ? "" : f.ssb1 + "," + f.ssb2},
                     {"status_text", f.statusText}};
           j["exit"] = f.exitCode ? json(*f.exitCode) : json(nullptr);
           list.push_back(j);
           if (!asJson) {
-            std::cout << f.id << " " << f.tool << " " << quoteArg(f.pattern) << " exit="
-                      << (f.exitCode ? std::to_string(*f.exitCode) : "-")
-                      << " times=" << f.remaining << " delay_ms=" << f.delayMs << "\n";
+            std::printf("%lld %s %s exit=%s times=%d delay_ms=%d\n", static_cast<long long>(f.id),
+                        f.tool.c_str(), quoteArg(f.pattern).c_str(),
+                        f.exitCode ? std::to_string(*f.exitCode).c_str() : "-", f.remaining,
+                        f.delayMs);
           }
         }
-        if (asJson) std::cout << list.dump(2) << "\n";
+        if (asJson) std::printf("%s\n", list.dump(2).c_str());
       });
-    } else if (faultClear->parsed()) {
+    } else if (command == "fault" && sub == "clear") {
+      a.done();
       withState(clearFaults);
-    } else if (journalCmd->parsed()) {
+    } else if (command == "journal") {
+      bool asJson = a.flag("--json");
+      bool clear = a.flag("--clear");
+      std::string tool = a.take("--tool").value_or("");
+      a.done();
       withState([&](Store& db) {
         json list = json::array();
         for (const JournalEntry& e : readJournal(db)) {
-          if (!journalTool.empty() && e.tool != journalTool) continue;
-          json j = {{"seq", e.seq}, {"time_ms", e.timeMs}, {"pid", e.pid}, {"tool", e.tool},
+          if (!tool.empty() && e.tool != tool) continue;
+          json j = {{"seq", e.seq},
+                    {"time_ms", e.timeMs},
+                    {"pid", e.pid},
+                    {"tool", e.tool},
                     {"args", e.args}};
           j["exit"] = e.exitCode ? json(*e.exitCode) : json(nullptr);
           list.push_back(j);
           if (!asJson) {
-            std::cout << e.seq << " " << (e.exitCode ? std::to_string(*e.exitCode) : "-") << " "
-                      << e.tool;
-            for (const std::string& a : e.args) std::cout << " " << quoteArg(a);
-            std::cout << "\n";
+            std::string line = std::to_string(e.seq) + " " +
+                               (e.exitCode ? std::to_string(*e.exitCode) : "-") + " " + e.tool;
+            for (const std::string& arg : e.args) line += " " + quoteArg(arg);
+            std::printf("%s\n", line.c_str());
           }
         }
-        if (asJson) std::cout << list.dump(2) << "\n";
-        if (clearJournal) db.run("DELETE FROM journal");
+        if (asJson) std::printf("%s\n", list.dump(2).c_str());
+        if (clear) db.run("DELETE FROM journal");
       });
-    } else if (sessionList->parsed()) {
+    } else if (command == "session" && sub == "list") {
+      a.done();
       withState([&](Store& db) {
         for (Stmt st = db.query("SELECT instance, serial, user FROM sessions ORDER BY 1, 2");
              st.step();) {
-          std::cout << st.s(0) << " " << st.s(1) << " " << st.s(2) << "\n";
+          std::printf("%s %s %s\n", st.s(0).c_str(), st.s(1).c_str(), st.s(2).c_str());
         }
       });
-    } else if (sessionExpire->parsed()) {
+    } else if (command == "session" && sub == "expire") {
+      std::string instance = a.take("--instance").value_or("");
+      a.done();
       withState([&](Store& db) {
         db.run("DELETE FROM sessions WHERE ?='' OR instance=?", instance, instance);
       });
-    } else if (rsgLock->parsed() || rsgUnlock->parsed()) {
+    } else if (command == "resource" && (sub == "lock" || sub == "unlock")) {
+      std::string name = a.word("resource group name");
+      std::string serial = a.take("--serial").value_or("");
+      std::string owner = a.take("--owner").value_or("");
+      std::string host = a.take("--host").value_or("");
+      a.done();
+      if (sub == "lock" && (owner.empty() || host.empty())) {
+        throw UsageError("resource lock needs --owner and --host");
+      }
       withState([&](Store& db) {
         if (serial.empty()) serial = db.text("SELECT serial FROM arrays ORDER BY ord").value_or("");
-        if (rsgLock->parsed()) {
+        if (sub == "lock") {
           db.run("UPDATE rsgs SET lock_owner=?, lock_host=? WHERE serial=? AND name=?", owner, host,
-                 serial, rsgName);
+                 serial, name);
         } else {
           db.run("UPDATE rsgs SET lock_owner=NULL, lock_host=NULL WHERE serial=? AND name=?",
-                 serial, rsgName);
+                 serial, name);
         }
-        if (db.changes() == 0) throw AdminError("no resource group " + rsgName + " on " + serial);
+        if (db.changes() == 0) throw AdminError("no resource group " + name + " on " + serial);
       });
-    } else if (pairFail->parsed()) {
+    } else if (command == "pair" && sub == "fail") {
+      std::string group = a.word("COPY_GROUP");
+      a.done();
       withState([&](Store& db) {
-        db.run("UPDATE pairs SET status='PSUE', next=NULL, due=NULL WHERE cg=?", copyGroup);
-        if (db.changes() == 0) throw AdminError("copy group " + copyGroup + " has no pairs");
+        db.run("UPDATE pairs SET status='PSUE', next=NULL, due=NULL WHERE cg=?", group);
+        if (db.changes() == 0) throw AdminError("copy group " + group + " has no pairs");
       });
-    } else if (timingCmd->parsed()) {
+    } else if (command == "timing") {
+      std::optional<std::string> copy = a.take("--copy-ms"), format = a.take("--format-ms"),
+                                 lag = a.take("--sync-lag-ms");
+      a.done();
+      for (const auto* v : {&copy, &format, &lag}) {
+        if (*v && !parseNumber(**v)) throw UsageError("timings are numbers of milliseconds");
+      }
       withState([&](Store& db) {
-        if (copyMs) db.setMeta("copy_ms", std::to_string(*copyMs));
-        if (formatMs) db.setMeta("format_ms", std::to_string(*formatMs));
-        if (lagMs) db.setMeta("sync_lag_ms", std::to_string(*lagMs));
+        if (copy) db.setMeta("copy_ms", *copy);
+        if (format) db.setMeta("format_ms", *format);
+        if (lag) db.setMeta("sync_lag_ms", *lag);
       });
+    } else {
+      throw UsageError("unknown command '" + command + (hasSub ? " " + sub : "") + "'");
     }
+  } catch (const UsageError& e) {
+    std::fprintf(stderr, "ccisim: %s\n%s", e.what(), kUsage);
+    return 2;
   } catch (const std::regex_error& e) {
-    std::cerr << "ccisim: bad --match expression: " << e.what() << "\n";
+    std::fprintf(stderr, "ccisim: bad --match expression: %s\n", e.what());
     return 1;
   } catch (const std::exception& e) {
-    std::cerr << "ccisim: " << e.what() << "\n";
+    std::fprintf(stderr, "ccisim: %s\n", e.what());
     return 1;
   }
   return 0;

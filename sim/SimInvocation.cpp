@@ -137,26 +137,26 @@ void Invocation::fail(const ExCode& code) {
 }
 
 void Invocation::reject(const Ssb& sense, const std::string& serial) {
-  printErr("%s: [%s] %s\n", m_sTool.c_str(), ex::CMDRJE.name, ex::CMDRJE.text);
+  printErr("%s: [%s] %s\n", m_sTool.c_str(), EX_CMDRJE.name, EX_CMDRJE.text);
   printErr("It was rejected due to SKEY=0x05, ASC=0x26, ASCQ=0x00, SSB=0x%s,0x%s on Serial#(%s)\n",
            sense.ssb1, sense.ssb2, serial.c_str());
   if (*sense.cause) printErr("CAUSE : %s\n", sense.cause);
-  throw ToolExit{ex::CMDRJE.status};
+  throw ToolExit{EX_CMDRJE.status};
 }
 
 void Invocation::unknownOption(const std::string& option) {
-  if (m_sTool != "raidcom") fail(ex::UNWOPT);
+  if (m_sTool != "raidcom") fail(EX_UNWOPT);
   printErr("%s: Arguments of an option is incorrect '%s'\n", m_sTool.c_str(), option.c_str());
   printErr("%s: [EW_UNWOPT] Unknown option\n", m_sTool.c_str());
-  throw ToolExit{ex::UNWOPT.status};
+  throw ToolExit{EX_UNWOPT.status};
 }
 
 void Invocation::invalidOption(const std::string& option) {
-  if (m_sTool != "raidcom") fail(ex::INVARG);
+  if (m_sTool != "raidcom") fail(EX_INVARG);
   printErr("%s: An option or arguments of an option are incorrect '%s'\n", m_sTool.c_str(),
            option.c_str());
   printErr("%s: [EW_INVOPT] Invalid option\n", m_sTool.c_str());
-  throw ToolExit{ex::INVARG.status};
+  throw ToolExit{EX_INVARG.status};
 }
 
 void Invocation::asyncFail(const Ssb& sense, const std::string& description) {
@@ -190,11 +190,10 @@ void Invocation::settle() {
   if (!due) return;
   int64_t now = nowMs();
   if (std::atoll(due->c_str()) > now) return;
-  m_rStore.run("DELETE FROM pairs WHERE due<=? AND next='SMPL'", now);
   m_rStore.run("UPDATE pairs SET status=next, next=NULL, since=due, due=NULL WHERE due<=?", now);
   m_rStore.run("DELETE FROM snapshots WHERE due<=? AND next='SMPL'", now);
-  m_rStore.run(
-      "UPDATE snapshots SET status=next, next=NULL, since=due, due=NULL WHERE due<=?", now);
+  m_rStore.run("UPDATE snapshots SET status=next, next=NULL, since=due, due=NULL WHERE due<=?",
+               now);
   m_rStore.run("UPDATE ldevs SET ope='NONE', ope_due=NULL, sts='NML' WHERE ope_due<=?", now);
   auto next = m_rStore.scalar(
       "SELECT min(d) FROM (SELECT min(due) AS d FROM pairs UNION ALL SELECT min(due) FROM "
@@ -248,7 +247,7 @@ void Invocation::takeInstanceOption() {
 }
 
 void Invocation::requireRunningInstance() {
-  if (!m_rStore.exists("SELECT 1 FROM instances WHERE num=?", m_sInstance)) fail(ex::ATTHOR);
+  if (!m_rStore.exists("SELECT 1 FROM instances WHERE num=?", m_sInstance)) fail(EX_ATTHOR);
 }
 
 std::vector<std::string> Invocation::instanceUnits() {
@@ -311,7 +310,7 @@ const std::vector<std::string>& Options::values(const std::string& name) const {
 const std::string& Options::required(const std::string& name) const {
   const std::vector<std::string>& v = values(name);
   if (v.empty()) {
-    if (!has(name)) m_rInv.fail(ex::REQARG);
+    if (!has(name)) m_rInv.fail(EX_REQARG);
     m_rInv.invalidOption(name);
   }
   return v.front();
@@ -336,7 +335,7 @@ std::optional<int64_t> Options::optNumber(const std::string& name) const {
 int Options::ldevId(const std::string& name, size_t index) const {
   const std::vector<std::string>& v = values(name);
   if (v.size() <= index) {
-    if (!has(name)) m_rInv.fail(ex::REQARG);
+    if (!has(name)) m_rInv.fail(EX_REQARG);
     m_rInv.invalidOption(name);
   }
   auto id = parseLdevId(v[index]);

@@ -17,28 +17,26 @@ struct ExCode {
   const char* text;
 };
 
-namespace ex {
-inline constexpr ExCode ENAUTH{"EX_ENAUTH", 202, "Authentication failed with User"};
-inline constexpr ExCode ENOOBJ{"EX_ENOOBJ", 205, "No such Object in the RAID"};
-inline constexpr ExCode ENQSER{"EX_ENQSER", 218, "Unmatched Serial# vs RAID unitID"};
-inline constexpr ExCode CMDRJE{"EX_CMDRJE", 221,
-                               "An order to the control/command device was rejected"};
-inline constexpr ExCode INVVOL{"EX_INVVOL", 222, "Invalid volume status"};
-inline constexpr ExCode ENLDEV{"EX_ENLDEV", 227, "No such LDEV within the RAID"};
-inline constexpr ExCode UNWCMD{"EX_UNWCMD", 230, "Unknown command"};
-inline constexpr ExCode EWSTOT{"EX_EWSTOT", 233, "Timeout waiting for specified status"};
-inline constexpr ExCode EWSUSE{"EX_EWSUSE", 234, "Pair suspended at WAIT state"};
-inline constexpr ExCode ENQSIZ{"EX_ENQSIZ", 212, "Unmatched volume size for pairing"};
-inline constexpr ExCode EVOLCE{"EX_EVOLCE", 235, "Pair volume combination error"};
-inline constexpr ExCode ENOGRP{"EX_ENOGRP", 239, "No such group"};
-inline constexpr ExCode ENODEV{"EX_ENODEV", 246, "No such device"};
-inline constexpr ExCode ENOENT{"EX_ENOENT", 247, "No such device or group"};
-inline constexpr ExCode ATTHOR{"EX_ATTHOR", 251, "Can't be attached to HORC manager"};
-inline constexpr ExCode UNWOPT{"EX_UNWOPT", 252, "Unknown option"};
-inline constexpr ExCode INVARG{"EX_INVARG", 253, "Invalid argument"};
-inline constexpr ExCode REQARG{"EX_REQARG", 254, "Required Arg list"};
-inline constexpr ExCode COMERR{"EX_COMERR", 255, "Can't be communicated with HORC manager"};
-}  // namespace ex
+inline constexpr ExCode EX_ENAUTH{"EX_ENAUTH", 202, "Authentication failed with User"};
+inline constexpr ExCode EX_ENOOBJ{"EX_ENOOBJ", 205, "No such Object in the RAID"};
+inline constexpr ExCode EX_ENQSER{"EX_ENQSER", 218, "Unmatched Serial# vs RAID unitID"};
+inline constexpr ExCode EX_CMDRJE{"EX_CMDRJE", 221,
+                                  "An order to the control/command device was rejected"};
+inline constexpr ExCode EX_INVVOL{"EX_INVVOL", 222, "Invalid volume status"};
+inline constexpr ExCode EX_ENLDEV{"EX_ENLDEV", 227, "No such LDEV within the RAID"};
+inline constexpr ExCode EX_UNWCMD{"EX_UNWCMD", 230, "Unknown command"};
+inline constexpr ExCode EX_EWSTOT{"EX_EWSTOT", 233, "Timeout waiting for specified status"};
+inline constexpr ExCode EX_EWSUSE{"EX_EWSUSE", 234, "Pair suspended at WAIT state"};
+inline constexpr ExCode EX_ENQSIZ{"EX_ENQSIZ", 212, "Unmatched volume size for pairing"};
+inline constexpr ExCode EX_EVOLCE{"EX_EVOLCE", 235, "Pair volume combination error"};
+inline constexpr ExCode EX_ENOGRP{"EX_ENOGRP", 239, "No such group"};
+inline constexpr ExCode EX_ENODEV{"EX_ENODEV", 246, "No such device"};
+inline constexpr ExCode EX_ENOENT{"EX_ENOENT", 247, "No such device or group"};
+inline constexpr ExCode EX_ATTHOR{"EX_ATTHOR", 251, "Can't be attached to HORC manager"};
+inline constexpr ExCode EX_UNWOPT{"EX_UNWOPT", 252, "Unknown option"};
+inline constexpr ExCode EX_INVARG{"EX_INVARG", 253, "Invalid argument"};
+inline constexpr ExCode EX_REQARG{"EX_REQARG", 254, "Required Arg list"};
+inline constexpr ExCode EX_COMERR{"EX_COMERR", 255, "Can't be communicated with HORC manager"};
 
 // The sense data an array rejection carries, with the sentence of its CAUSE line (empty when the
 // array gives none).

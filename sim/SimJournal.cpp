@@ -108,9 +108,10 @@ std::vector<std::string> decodeArgs(const std::string& json) {
   return args;
 }
 
-int64_t journalStart(Store& db, const std::string& tool, const std::vector<std::string>& args) {
-  db.run("INSERT INTO journal(ts, pid, tool, args, exit_code) VALUES(?, ?, ?, ?, NULL)",
-         Invocation::nowMs(), static_cast<int64_t>(getpid()), tool, encodeArgs(args));
+int64_t journalRecord(Store& db, const std::string& tool, const std::vector<std::string>& args,
+                      std::optional<int> exitCode) {
+  db.run("INSERT INTO journal(ts, pid, tool, args, exit_code) VALUES(?, ?, ?, ?, ?)",
+         Invocation::nowMs(), static_cast<int64_t>(getpid()), tool, encodeArgs(args), exitCode);
   return db.lastInsertId();
 }
 

@@ -13,12 +13,12 @@ namespace ccisim {
 
 struct Fault {
   int64_t id = 0;
-  std::string tool;       // a tool name, or "*" for any
-  std::string pattern;    // ECMAScript regular expression searched in the joined arguments
+  std::string tool;             // a tool name, or "*" for any
+  std::string pattern;          // ECMAScript regular expression searched in the joined arguments
   std::optional<int> exitCode;  // none: the command runs (after the delay)
   std::string out;
   std::string err;
-  int remaining = 1;      // -1: every time
+  int remaining = 1;  // -1: every time
   int delayMs = 0;
   // A failure left in `get command_status` instead of running the command.
   std::string ssb1, ssb2, statusText;
@@ -40,7 +40,9 @@ struct JournalEntry {
   std::optional<int> exitCode;  // none: the call has not finished (or was killed)
 };
 
-int64_t journalStart(Store& db, const std::string& tool, const std::vector<std::string>& args);
+// Records a call; without an exit code it is a call still under way, finished later.
+int64_t journalRecord(Store& db, const std::string& tool, const std::vector<std::string>& args,
+                      std::optional<int> exitCode);
 void journalFinish(Store& db, int64_t seq, int exitCode);
 std::vector<JournalEntry> readJournal(Store& db);
 

@@ -101,15 +101,15 @@ std::string formatLdevFrontEndHeader() {
 
 std::string formatLdevFrontEndLine(const LdevView& l) {
   if (!l.defined) {
-    return rtrim(strprintf(" %6s %5d %2s %2s %-11s %11s %3s %-9s %5s", l.serial.c_str(), l.id,
-                           "-", "-", "NOT DEFINED", "-", "-", "-", "-"));
+    return rtrim(strprintf(" %6s %5d %2s %2s %-11s %11s %3s %-9s %5s", l.serial.c_str(), l.id, "-",
+                           "-", "NOT DEFINED", "-", "-", "-", "-"));
   }
   std::string attr;
   for (const std::string& a : l.attrs) attr += (attr.empty() ? "" : ":") + a;
-  std::string line = strprintf(" %6s %5d %2s %2s %-11s %11lld %3s %-9s %5zu", l.serial.c_str(),
-                               l.id, "0", "0", l.volType.c_str(),
-                               static_cast<long long>(l.capacity), orDash(l.pool).c_str(),
-                               attr.c_str(), l.paths.size());
+  std::string line =
+      strprintf(" %6s %5d %2s %2s %-11s %11lld %3s %-9s %5zu", l.serial.c_str(), l.id, "0", "0",
+                l.volType.c_str(), static_cast<long long>(l.capacity), orDash(l.pool).c_str(),
+                attr.c_str(), l.paths.size());
   for (const LunPathView& p : l.paths) line += " " + pathText(p, ":");
   return rtrim(line);
 }
@@ -120,7 +120,7 @@ std::string formatPortHeader() {
 }
 
 std::string formatPortLine(const PortView& p) {
-  return rtrim(strprintf("%-6s %-5s %-6s %-4s %4s  %-4s %-5s %-5s %2s %10s  %-16s  %s",
+  return rtrim(strprintf("%-6s %-5s %-6s %-4s %4s  %-4s %-5s %-5s %2s%10s  %-16s  %s",
                          p.name.c_str(), p.type.c_str(), p.attr.c_str(), p.speed.c_str(),
                          p.lpid.c_str(), p.fab.c_str(), p.conn.c_str(), p.ssw.c_str(), "0",
                          p.serial.c_str(), p.wwn.c_str(), "-"));
@@ -160,8 +160,8 @@ std::string formatHbaWwnHeader() {
 }
 
 std::string formatHbaWwnLine(const HbaWwnView& w) {
-  return rtrim(strprintf("%-5s %3d %-21s %-16s %10s %s", w.port.c_str(), w.gid,
-                         w.groupName.c_str(), w.wwn.c_str(), w.serial.c_str(),
+  return rtrim(strprintf("%-5s %3d %-21s %-16s%10s %s", w.port.c_str(), w.gid, w.groupName.c_str(),
+                         w.wwn.c_str(), w.serial.c_str(),
                          w.nickname.empty() ? "-" : w.nickname.c_str()));
 }
 
@@ -244,7 +244,9 @@ std::string formatDeviceGroupListLine(const std::string& group, const std::strin
   return rtrim(strprintf("%-12s %7s", group.c_str(), serial.c_str()));
 }
 
-std::string formatDeviceGroupHeader() { return "LDEV_GROUP      LDEV_NAME        LDEV#    Serial#\n"; }
+std::string formatDeviceGroupHeader() {
+  return "LDEV_GROUP      LDEV_NAME        LDEV#    Serial#\n";
+}
 
 std::string formatDeviceGroupLine(const std::string& group, const std::string& device, int ldev,
                                   const std::string& serial) {
@@ -272,10 +274,9 @@ std::string formatSnapshotLine(const SnapshotView& s, bool formatTime) {
     }
   }
   return rtrim(strprintf("%-32s %-5s %-4s %8s %5s %4s %7s %4s %4s %-4s %s", s.group.c_str(),
-                         s.role.c_str(), s.status.c_str(), s.serial.c_str(),
-                         orDash(s.ldev).c_str(), orDash(s.mu).c_str(), orDash(s.partner).c_str(),
-                         orDash(s.pool).c_str(), orDash(s.percent).c_str(), s.mode.c_str(),
-                         split.c_str()));
+                         s.role.c_str(), s.status.c_str(), s.serial.c_str(), orDash(s.ldev).c_str(),
+                         orDash(s.mu).c_str(), orDash(s.partner).c_str(), orDash(s.pool).c_str(),
+                         orDash(s.percent).c_str(), s.mode.c_str(), split.c_str()));
 }
 
 std::string formatRaidscanHeader() {
@@ -284,11 +285,11 @@ std::string formatRaidscanHeader() {
 }
 
 std::string formatRaidscanLine(const RaidscanView& r) {
-  return rtrim(strprintf("%-7s %-2s %-4s %-4s %-4d %-3s %6s %3s  %-2s %5d %-5s %-6s %-6s %-6s%8s %s",
-                         r.portGid.c_str(), "ef", "0", "0", r.lun, r.mu.c_str(), r.serial.c_str(),
-                         "1", r.commandDevice ? "CM" : "-", r.ldev, r.role.c_str(),
-                         r.status.c_str(), r.fence.c_str(), r.partnerSerial.c_str(),
-                         r.partnerLdev.c_str(), r.volAttr.c_str()));
+  return rtrim(strprintf(
+      "%-7s %-2s %-4s %-4s %-4d %-3s %6s %3s  %-2s %5d %-5s %-6s %-6s %-6s%8s %s",
+      r.portGid.c_str(), "ef", "0", "0", r.lun, r.mu.c_str(), r.serial.c_str(), "1",
+      r.commandDevice ? "CM" : "-", r.ldev, r.role.c_str(), r.status.c_str(), r.fence.c_str(),
+      r.partnerSerial.c_str(), r.partnerLdev.c_str(), r.volAttr.c_str()));
 }
 
 std::string formatPairDisplayHeader(bool percentForm) {
@@ -300,11 +301,11 @@ std::string formatPairDisplayHeader(bool percentForm) {
 
 std::string formatPairDisplayLine(const PairDisplayView& p, bool percentForm) {
   if (percentForm) {
-    return rtrim(strprintf("%-7s %-9s %-3s %-7s%3s%4s %s%8s%6d %-5s %-6s%4s%8s %s",
-                           p.group.c_str(), p.device.c_str(), p.side.c_str(), p.port.c_str(),
-                           p.tid.c_str(), p.lun.c_str(), p.mu.c_str(), p.serial.c_str(), p.ldev,
-                           p.role.c_str(), p.status.c_str(), p.percent.c_str(),
-                           p.partnerLdev.c_str(), p.mark.c_str()));
+    return rtrim(strprintf("%-7s %-9s %-3s %-7s%3s%4s %s%8s%6d %-5s %-6s%4s%8s %s", p.group.c_str(),
+                           p.device.c_str(), p.side.c_str(), p.port.c_str(), p.tid.c_str(),
+                           p.lun.c_str(), p.mu.c_str(), p.serial.c_str(), p.ldev, p.role.c_str(),
+                           p.status.c_str(), p.percent.c_str(), p.partnerLdev.c_str(),
+                           p.mark.c_str()));
   }
   return rtrim(strprintf("%-7s %-13s %-3s %-8s %3s %3s %s %-10s %5d %-5s %-7s %-10s %7s %s",
                          p.group.c_str(), p.device.c_str(), p.side.c_str(), p.port.c_str(),
@@ -318,8 +319,8 @@ std::string formatSyncWaitHeader() { return "UnitID CTGID  Q-Marker  Status Q-Nu
 std::string formatSyncWaitLine(int unit, int ctg, uint64_t marker, const std::string& status,
                                int64_t queued) {
   return rtrim(strprintf("%6d %5d  %010llx %-6s %6lld", unit, ctg,
-                         static_cast<unsigned long long>(marker & 0xFFFFFFFFFFULL),
-                         status.c_str(), static_cast<long long>(queued)));
+                         static_cast<unsigned long long>(marker & 0xFFFFFFFFFFULL), status.c_str(),
+                         static_cast<long long>(queued)));
 }
 
 std::string formatRaidqryHeader() {

@@ -63,8 +63,8 @@ std::vector<std::string> volumeAttributes(Store& db, const LdevRow& row) {
   if (db.exists("SELECT 1 FROM cmddevs WHERE serial=? AND ldev=?", row.serial, row.id)) {
     addOnce(attrs, "CMD");
   }
-  if (db.exists("SELECT 1 FROM snapshots WHERE serial=? AND (pvol=? OR svol=?)", row.serial,
-                row.id, row.id)) {
+  if (db.exists("SELECT 1 FROM snapshots WHERE serial=? AND (pvol=? OR svol=?)", row.serial, row.id,
+                row.id)) {
     addOnce(attrs, "QS");
   }
   Stmt st = db.query(
@@ -98,8 +98,8 @@ LdevView ldevView(Store& db, const LdevRow& row) {
   v.operationRate = row.operation == "NONE" ? 100 : 0;
   v.mp = row.mp;
   v.usedBlocks = row.usedBlocks;
-  v.snapshotPvol = db.exists("SELECT 1 FROM snapshots WHERE serial=? AND pvol=?", row.serial,
-                             row.id);
+  v.snapshotPvol =
+      db.exists("SELECT 1 FROM snapshots WHERE serial=? AND pvol=?", row.serial, row.id);
   v.quorumSerial = row.quorumSerial;
   v.quorumId = row.quorumId;
   return v;

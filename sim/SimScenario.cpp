@@ -97,8 +97,9 @@ void loadArray(Store& db, const json& a, int ord) {
     auto pool = getOpt<int>(l, "pool");
     std::string defaultAttrs = "CVS";
     if (pool) {
-      defaultAttrs += " " + db.text("SELECT type FROM pools WHERE serial=? AND id=?", serial, *pool)
-                                .value_or("HDP");
+      defaultAttrs +=
+          " " +
+          db.text("SELECT type FROM pools WHERE serial=? AND id=?", serial, *pool).value_or("HDP");
     }
     for (int id = first; id < first + count; ++id) {
       bool defined = get<bool>(l, "defined", true);
@@ -150,8 +151,8 @@ void loadArray(Store& db, const json& a, int ord) {
                port, gid, w.at("wwn").get<std::string>(), get<std::string>(w, "nickname", ""));
       }
       for (const json& l : list(h, "luns")) {
-        db.run("INSERT INTO luns(serial, port, gid, lun, ldev) VALUES(?, ?, ?, ?, ?)", serial,
-               port, gid, l.at("lun").get<int>(), l.at("ldev").get<int>());
+        db.run("INSERT INTO luns(serial, port, gid, lun, ldev) VALUES(?, ?, ?, ?, ?)", serial, port,
+               gid, l.at("lun").get<int>(), l.at("ldev").get<int>());
       }
     }
   }
@@ -168,8 +169,8 @@ void loadArray(Store& db, const json& a, int ord) {
         "INSERT INTO copygrps(serial, name, pdg, sdg, mu, jid, ctg, incarnation, q_seq, q_time) "
         "VALUES(?, ?, ?, ?, ?, ?, ?, 1, 0, 0)",
         serial, c.at("name").get<std::string>(), c.at("pvol_group").get<std::string>(),
-        c.at("svol_group").get<std::string>(), get<int>(c, "mirror", 0),
-        getOpt<int>(c, "journal"), get<int>(c, "ctg", ctg++));
+        c.at("svol_group").get<std::string>(), get<int>(c, "mirror", 0), getOpt<int>(c, "journal"),
+        get<int>(c, "ctg", ctg++));
   }
   for (const json& s : list(a, "snapshots")) {
     db.run(
@@ -202,7 +203,10 @@ json defaultScenario() {
       {"max_ldev_id", 65279},
       {"users", {{{"name", "admin"}, {"password", "admin123"}}}},
       {"resource_groups",
-       {{{"id", 0}, {"name", "meta_resource"}, {"virtual_serial", "412345"}, {"virtual_type", "R9"}}}},
+       {{{"id", 0},
+         {"name", "meta_resource"},
+         {"virtual_serial", "412345"},
+         {"virtual_type", "R9"}}}},
       {"pools",
        {{{"id", 0},
          {"name", "dp_pool_00"},
@@ -281,10 +285,11 @@ json dumpScenario(Store& db) {
       "SELECT serial, type_code, microcode, cache_mb, max_ldev, svp_ip FROM arrays ORDER BY ord");
   while (as.step()) {
     std::string serial = as.s(0);
-    json a = {{"serial", serial},         {"type", as.s(1)},        {"microcode", as.s(2)},
-              {"cache_mb", as.i64(3)},    {"max_ldev_id", as.i64(4)}, {"svp_ip", as.s(5)}};
+    json a = {{"serial", serial},      {"type", as.s(1)},          {"microcode", as.s(2)},
+              {"cache_mb", as.i64(3)}, {"max_ldev_id", as.i64(4)}, {"svp_ip", as.s(5)}};
     a["users"] = json::array();
-    for (Stmt st = db.query("SELECT name, password FROM users WHERE serial=? ORDER BY name", serial);
+    for (Stmt st =
+             db.query("SELECT name, password FROM users WHERE serial=? ORDER BY name", serial);
          st.step();) {
       a["users"].push_back({{"name", st.s(0)}, {"password", st.s(1)}});
     }
@@ -294,17 +299,19 @@ json dumpScenario(Store& db) {
              "ORDER BY id",
              serial);
          st.step();) {
-      json r = {{"id", st.i(0)}, {"name", st.s(1)}, {"virtual_serial", st.s(2)},
+      json r = {{"id", st.i(0)},
+                {"name", st.s(1)},
+                {"virtual_serial", st.s(2)},
                 {"virtual_type", st.s(3)}};
       r["lock_owner"] = st.isNull(4) ? json(nullptr) : json(st.s(4));
       r["lock_host"] = st.isNull(5) ? json(nullptr) : json(st.s(5));
       a["resource_groups"].push_back(r);
     }
     a["pools"] = json::array();
-    for (Stmt st = db.query(
-             "SELECT id, name, type, status, used_pct, threshold, capacity_mb, num_vols, "
-             "first_ldev FROM pools WHERE serial=? ORDER BY id",
-             serial);
+    for (Stmt st =
+             db.query("SELECT id, name, type, status, used_pct, threshold, capacity_mb, num_vols, "
+                      "first_ldev FROM pools WHERE serial=? ORDER BY id",
+                      serial);
          st.step();) {
       a["pools"].push_back({{"id", st.i(0)},
                             {"name", st.s(1)},
@@ -322,17 +329,25 @@ json dumpScenario(Store& db) {
              "used_blk, qrd_serial, qrd_id FROM ldevs WHERE serial=? ORDER BY id",
              serial);
          st.step();) {
-      json l = {{"id", st.i(0)},       {"defined", st.i(1) != 0}, {"vol_type", st.s(2)},
-                {"capacity", st.i64(3)}, {"pool", nullable(st.opt(4))}, {"attrs", st.s(5)},
-                {"name", st.s(6)},     {"status", st.s(7)},       {"rsgid", st.i(8)},
-                {"virtual_id", nullable(st.opt(9))}, {"mp", st.i(10)}, {"used_blocks", st.i64(11)}};
+      json l = {{"id", st.i(0)},
+                {"defined", st.i(1) != 0},
+                {"vol_type", st.s(2)},
+                {"capacity", st.i64(3)},
+                {"pool", nullable(st.opt(4))},
+                {"attrs", st.s(5)},
+                {"name", st.s(6)},
+                {"status", st.s(7)},
+                {"rsgid", st.i(8)},
+                {"virtual_id", nullable(st.opt(9))},
+                {"mp", st.i(10)},
+                {"used_blocks", st.i64(11)}};
       l["quorum_serial"] = st.isNull(12) ? json(nullptr) : json(st.s(12));
       l["quorum_id"] = nullable(st.opt(13));
       a["ldevs"].push_back(l);
     }
     a["command_devices"] = json::array();
-    for (Stmt st = db.query("SELECT ldev, device FROM cmddevs WHERE serial=? ORDER BY device",
-                            serial);
+    for (Stmt st =
+             db.query("SELECT ldev, device FROM cmddevs WHERE serial=? ORDER BY device", serial);
          st.step();) {
       a["command_devices"].push_back({{"ldev", st.i(0)}, {"device", st.s(1)}});
     }
@@ -343,12 +358,13 @@ json dumpScenario(Store& db) {
              serial);
          ps.step();) {
       std::string port = ps.s(0);
-      json p = {{"name", port},     {"type", ps.s(1)}, {"attr", ps.s(2)}, {"speed", ps.s(3)},
-                {"lpid", ps.s(4)},  {"fab", ps.s(5)},  {"conn", ps.s(6)}, {"ssw", ps.s(7)},
-                {"wwn", ps.s(8)},   {"rsgid", ps.i(9)}};
+      json p = {{"name", port},    {"type", ps.s(1)}, {"attr", ps.s(2)}, {"speed", ps.s(3)},
+                {"lpid", ps.s(4)}, {"fab", ps.s(5)},  {"conn", ps.s(6)}, {"ssw", ps.s(7)},
+                {"wwn", ps.s(8)},  {"rsgid", ps.i(9)}};
       p["logins"] = json::array();
-      for (Stmt st = db.query(
-               "SELECT wwn FROM port_logins WHERE serial=? AND port=? ORDER BY rowid", serial, port);
+      for (Stmt st =
+               db.query("SELECT wwn FROM port_logins WHERE serial=? AND port=? ORDER BY rowid",
+                        serial, port);
            st.step();) {
         p["logins"].push_back(st.s(0));
       }
@@ -383,13 +399,13 @@ json dumpScenario(Store& db) {
       a["ports"].push_back(p);
     }
     a["device_groups"] = json::array();
-    for (Stmt gs = db.query(
-             "SELECT grp FROM devgrps WHERE serial=? GROUP BY grp ORDER BY min(seq)", serial);
+    for (Stmt gs = db.query("SELECT grp FROM devgrps WHERE serial=? GROUP BY grp ORDER BY min(seq)",
+                            serial);
          gs.step();) {
       json g = {{"name", gs.s(0)}, {"members", json::array()}};
-      for (Stmt st = db.query(
-               "SELECT devname, ldev FROM devgrps WHERE serial=? AND grp=? ORDER BY seq", serial,
-               gs.s(0));
+      for (Stmt st =
+               db.query("SELECT devname, ldev FROM devgrps WHERE serial=? AND grp=? ORDER BY seq",
+                        serial, gs.s(0));
            st.step();) {
         g["members"].push_back({{"device", st.s(0)}, {"ldev", st.i(1)}});
       }
@@ -459,7 +475,8 @@ std::string dumpText(Store& db) {
     }
     text += "array " + head.dump() + "\n";
     for (const char* key : {"users", "resource_groups", "pools", "ldevs", "command_devices"}) {
-      for (const json& item : a[key]) text += std::string(key) + " " + serial + " " + item.dump() + "\n";
+      for (const json& item : a[key])
+        text += std::string(key) + " " + serial + " " + item.dump() + "\n";
     }
     for (const json& p : a["ports"]) {
       json head = p;
@@ -470,7 +487,8 @@ std::string dumpText(Store& db) {
       }
     }
     for (const char* key : {"device_groups", "copy_groups", "snapshots", "pairs"}) {
-      for (const json& item : a[key]) text += std::string(key) + " " + serial + " " + item.dump() + "\n";
+      for (const json& item : a[key])
+        text += std::string(key) + " " + serial + " " + item.dump() + "\n";
     }
   }
   for (Stmt st = db.query("SELECT num, host, service, comment_serial FROM instances ORDER BY num");
@@ -491,8 +509,8 @@ std::string dumpText(Store& db) {
            "SELECT instance, serial, err_cnt, ssb1, ssb2, descr FROM cmdstatus ORDER BY instance, "
            "serial");
        st.step();) {
-    text += "command_status " + st.s(0) + " " + st.s(1) + " errors=" + st.s(2) + " ssb=" +
-            st.s(3) + "," + st.s(4) + " " + json(st.s(5)).dump() + "\n";
+    text += "command_status " + st.s(0) + " " + st.s(1) + " errors=" + st.s(2) + " ssb=" + st.s(3) +
+            "," + st.s(4) + " " + json(st.s(5)).dump() + "\n";
   }
   return text;
 }

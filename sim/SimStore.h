@@ -28,7 +28,7 @@ class Stmt {
 
   void bind(int idx, int64_t value);
   void bind(int idx, int value) { bind(idx, static_cast<int64_t>(value)); }
-  void bind(int idx, long value) { bind(idx, static_cast<int64_t>(value)); }
+  void bind(int idx, long long value) { bind(idx, static_cast<int64_t>(value)); }
   void bind(int idx, const std::string& value);
   void bind(int idx, const char* value) { bind(idx, std::string(value)); }
   void bind(int idx, std::nullptr_t);

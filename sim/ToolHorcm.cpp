@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <cctype>
 #include <cstdlib>
 #include <fstream>
@@ -110,7 +111,7 @@ std::vector<std::string> instanceArguments(Invocation& inv) {
   std::vector<std::string> instances;
   for (const std::string& word : inv.args()) {
     for (char c : word) {
-      if (!std::isdigit(static_cast<unsigned char>(c))) inv.fail(ex::INVARG);
+      if (!std::isdigit(static_cast<unsigned char>(c))) inv.fail(EX_INVARG);
     }
     instances.push_back(word);
   }
@@ -125,7 +126,7 @@ std::vector<std::string> instanceArguments(Invocation& inv) {
 std::string scanSerial(Invocation& inv, const Options& opts) {
   std::vector<std::string> units = inv.instanceUnits();
   std::string serial = opts.value("-s", units.front());
-  if (std::find(units.begin(), units.end(), serial) == units.end()) inv.fail(ex::ENQSER);
+  if (std::find(units.begin(), units.end(), serial) == units.end()) inv.fail(EX_ENQSER);
   return serial;
 }
 
@@ -149,8 +150,12 @@ PairSide pairSide(Invocation& inv, const std::string& serial, int ldev, int mu) 
     bool primary = st.s(0) == serial && st.i(1) == ldev;
     std::string status = st.s(4);
     if (!primary && status == "PSUS") status = "SSUS";
-    return {primary ? "P-VOL" : "S-VOL", status,           st.s(5),
-            primary ? st.s(2) : st.s(0), std::to_string(primary ? st.i(3) : st.i(1)), st.s(6)};
+    return {primary ? "P-VOL" : "S-VOL",
+            status,
+            st.s(5),
+            primary ? st.s(2) : st.s(0),
+            std::to_string(primary ? st.i(3) : st.i(1)),
+            st.s(6)};
   }
   if (mode != InstanceMode::Horc) {
     Stmt sn = db.query(
@@ -160,8 +165,8 @@ PairSide pairSide(Invocation& inv, const std::string& serial, int ldev, int mu) 
       bool primary = sn.i(0) == ldev;
       std::string status = sn.s(2);
       if (!primary && status == "PSUS") status = "SSUS";
-      std::string partner = primary ? (sn.isNull(1) ? "----" : std::to_string(sn.i(1)))
-                                    : std::to_string(sn.i(0));
+      std::string partner =
+          primary ? (sn.isNull(1) ? "----" : std::to_string(sn.i(1))) : std::to_string(sn.i(0));
       return {primary ? "P-VOL" : "S-VOL", status, "NEVER", serial, partner, "QS"};
     }
   }
@@ -206,13 +211,13 @@ const char* const kScanSelect =
     "ON c.serial=l.serial AND c.ldev=l.ldev WHERE l.serial=? AND ";
 
 void findCommandDevices(Invocation& inv, const std::vector<std::string>& words) {
-  if (words.size() != 1) inv.fail(ex::INVARG);
+  if (words.size() != 1) inv.fail(EX_INVARG);
   int low = 0;
   int high = 0;
   size_t dash = words[0].find('-');
   auto a = parseNumber(words[0].substr(0, dash));
   auto b = dash == std::string::npos ? a : parseNumber(words[0].substr(dash + 1));
-  if (!a || !b) inv.fail(ex::INVARG);
+  if (!a || !b) inv.fail(EX_INVARG);
   low = static_cast<int>(*a);
   high = static_cast<int>(*b);
   Stmt st = inv.db().query("SELECT serial, device FROM cmddevs ORDER BY device");
@@ -246,8 +251,8 @@ int runHorcmShutdown(Invocation& inv) {
   for (const std::string& instance : instanceArguments(inv)) {
     Store& db = inv.db();
     if (!db.exists("SELECT 1 FROM instances WHERE num=?", instance)) {
-      inv.printErr("[%s] %s\n", ex::ATTHOR.name, ex::ATTHOR.text);
-      return ex::ATTHOR.status;
+      inv.printErr("[%s] %s\n", EX_ATTHOR.name, EX_ATTHOR.text);
+      return EX_ATTHOR.status;
     }
     for (const char* table : {"instances", "inst_units", "inst_groups"}) {
       db.run(("DELETE FROM " + std::string(table) + " WHERE num=?").c_str(), instance);
@@ -262,8 +267,10 @@ int runHorcmShutdown(Invocation& inv) {
 
 int runRaidqry(Invocation& inv) {
   inv.takeInstanceOption();
-  Options opts(inv, inv.args(), 0, {{"-h", 0, 0}, {"-l", 0, 0}, {"-lm", 0, 0}, {"-g", 0, 0}, {"-f", 0, 0}});
-  if (!opts.positional().empty()) inv.fail(ex::INVARG);
+  Options opts(
+      inv, inv.args(), 0,
+      {{"-h", 0, 0}, {"-l", 0, 0}, {"-lm", 0, 0}, {"-g", 0, 0}, {"-f", 0, 0}, {"-s", 1, 1}});
+  if (!opts.positional().empty()) inv.fail(EX_INVARG);
   std::string version = inv.db().meta("cci_version").value_or("01-74-03/00");
   if (opts.has("-h") || (!opts.has("-l") && !opts.has("-lm") && !opts.has("-g"))) {
     inv.out() += formatRaidqryUsage(version, inv.instance());
@@ -278,8 +285,8 @@ int runRaidqry(Invocation& inv) {
         inv.instance());
     int n = 0;
     while (st.step()) {
-      text += strprintf("%3d  %-16s %-10s %4d %4d %5d %5d\n", ++n, st.s(0).c_str(), "HTC_RAID",
-                        12, 9, 4, 2);
+      text += strprintf("%3d  %-16s %-10s %4d %4d %5d %5d\n", ++n, st.s(0).c_str(), "HTC_RAID", 12,
+                        9, 4, 2);
     }
     inv.out() += text;
     return 0;
@@ -316,10 +323,10 @@ int runRaidscan(Invocation& inv) {
                 {"-m", 1, 1},
                 {"-mu", 1, 1},
                 {"-s", 1, 1}});
-  if (!opts.positional().empty()) inv.fail(ex::INVARG);
+  if (!opts.positional().empty()) inv.fail(EX_INVARG);
   if (opts.has("-x")) {
     const std::vector<std::string>& x = opts.values("-x");
-    if (x[0] != "findcmddev") inv.fail(ex::INVARG);
+    if (x[0] != "findcmddev") inv.fail(EX_INVARG);
     findCommandDevices(inv, std::vector<std::string>(x.begin() + 1, x.end()));
     return 0;
   }
@@ -335,11 +342,11 @@ int runRaidscan(Invocation& inv) {
     std::string port;
     std::optional<int> gid;
     splitPortGid(words[0], port, gid);
-    if (!portExists(inv.db(), serial, port)) inv.fail(ex::ENOOBJ);
+    if (!portExists(inv.db(), serial, port)) inv.fail(EX_ENOOBJ);
     if (words.size() > 1 || gid) {
       std::string quoted;
       auto hg = resolveHostGroup(inv.db(), serial, words, quoted);
-      if (!hg) inv.fail(ex::ENOOBJ);
+      if (!hg) inv.fail(EX_ENOOBJ);
       std::string sql = std::string(kScanSelect) + "l.port=? AND l.gid=? ORDER BY l.lun";
       Stmt st = inv.db().query(sql.c_str(), serial, hg->port, hg->gid);
       printScanRows(inv, serial, st, mu, cli);
@@ -354,18 +361,19 @@ int runRaidscan(Invocation& inv) {
     inv.requireRunningInstance();
     std::string name = opts.has("-pd") ? opts.required("-pd") : opts.required("-pdg");
     std::string path = commandDevicePath(name);
-    Stmt dev = path.empty()
-                   ? inv.db().query("SELECT serial, ldev FROM cmddevs WHERE serial=? ORDER BY device",
-                                    commandDeviceSerial(name).value_or(""))
-                   : inv.db().query("SELECT serial, ldev FROM cmddevs WHERE device=?", path);
-    if (!dev.step()) inv.fail(ex::ENODEV);
+    Stmt dev =
+        path.empty()
+            ? inv.db().query("SELECT serial, ldev FROM cmddevs WHERE serial=? ORDER BY device",
+                             commandDeviceSerial(name).value_or(""))
+            : inv.db().query("SELECT serial, ldev FROM cmddevs WHERE device=?", path);
+    if (!dev.step()) inv.fail(EX_ENODEV);
     std::string serial = dev.s(0);
     std::string sql = std::string(kScanSelect) + "l.ldev=? ORDER BY l.port, l.gid";
     Stmt st = inv.db().query(sql.c_str(), serial, dev.i(1));
     printScanRows(inv, serial, st, mu, cli);
     return 0;
   }
-  inv.fail(ex::REQARG);
+  inv.fail(EX_REQARG);
 }
 
 }  // namespace ccisim

@@ -42,8 +42,8 @@ struct PairGroup {
 Options pairOptions(Invocation& inv, std::initializer_list<OptionSpec> specs) {
   inv.takeInstanceOption();
   Options opts(inv, inv.args(), 0, specs);
-  if (!opts.positional().empty()) inv.fail(ex::INVARG);
-  if (!opts.has("-g")) inv.fail(ex::REQARG);
+  if (!opts.positional().empty()) inv.fail(EX_INVARG);
+  if (!opts.has("-g")) inv.fail(EX_REQARG);
   inv.requireRunningInstance();
   return opts;
 }
@@ -52,15 +52,15 @@ PairGroup resolveGroup(Invocation& inv, const Options& opts) {
   Store& db = inv.db();
   PairGroup g;
   g.name = opts.required("-g");
-  auto serial = db.text(
-      "SELECT serial FROM inst_groups WHERE num=? AND grp=? AND section='HORCM_LDEVG'",
-      inv.instance(), g.name);
-  if (!serial) inv.fail(ex::ENOGRP);
+  auto serial =
+      db.text("SELECT serial FROM inst_groups WHERE num=? AND grp=? AND section='HORCM_LDEVG'",
+              inv.instance(), g.name);
+  if (!serial) inv.fail(EX_ENOGRP);
   g.serial = *serial;
-  Stmt st = db.query(
-      "SELECT pdg, sdg, mu, jid, ctg, incarnation FROM copygrps WHERE serial=? AND name=?",
-      g.serial, g.name);
-  if (!st.step()) inv.fail(ex::ENOENT);
+  Stmt st =
+      db.query("SELECT pdg, sdg, mu, jid, ctg, incarnation FROM copygrps WHERE serial=? AND name=?",
+               g.serial, g.name);
+  if (!st.step()) inv.fail(EX_ENOENT);
   std::string pdg = st.s(0);
   std::string sdg = st.s(1);
   g.mu = st.i(2);
@@ -77,15 +77,15 @@ PairGroup resolveGroup(Invocation& inv, const Options& opts) {
     if (!only.empty() && m.device != only) continue;
     // The S-VOL group lives on this array, or on the remote array for remote copy.
     Stmt sv = db.query(
-        "SELECT serial, ldev FROM devgrps WHERE grp=? AND devname=? ORDER BY serial<>?, seq",
-        sdg, m.device, g.serial);
+        "SELECT serial, ldev FROM devgrps WHERE grp=? AND devname=? ORDER BY serial<>?, seq", sdg,
+        m.device, g.serial);
     if (sv.step()) {
       m.svolSerial = sv.s(0);
       m.svol = sv.i(1);
     }
     g.members.push_back(m);
   }
-  if (g.members.empty()) inv.fail(only.empty() ? ex::ENOENT : ex::ENODEV);
+  if (g.members.empty()) inv.fail(only.empty() ? EX_ENOENT : EX_ENODEV);
   return g;
 }
 
@@ -157,25 +157,25 @@ int runPairCreate(Invocation& inv) {
                                    {"-jp", 1, 1},
                                    {"-js", 1, 1},
                                    {"-fq", 1, 1}});
-  if (!opts.has("-vl")) inv.fail(ex::REQARG);
+  if (!opts.has("-vl")) inv.fail(EX_REQARG);
   PairGroup g = resolveGroup(inv, opts);
   Store& db = inv.db();
-  std::string kind = inv.instanceMode() == InstanceMode::Horc ? (g.journal ? "UR" : "HORC")
-                                                              : "MRCF";
+  std::string kind =
+      inv.instanceMode() == InstanceMode::Horc ? (g.journal ? "UR" : "HORC") : "MRCF";
   std::string fence = toUpper(opts.value("-f", g.journal ? "async" : "never"));
   int64_t copy = opts.has("-nocopy") ? 0 : copyMs(db);
   std::string settled = opts.has("-split") ? "PSUS" : "PAIR";
   for (const Member& m : g.members) {
-    if (!m.svol) inv.fail(ex::EVOLCE);
+    if (!m.svol) inv.fail(EX_EVOLCE);
     const std::string& pserial = g.serial;
     auto pvol = loadLdev(db, pserial, m.pvol);
     auto svol = loadLdev(db, m.svolSerial, *m.svol);
     if (!pvol || !pvol->defined) inv.reject(ssb::LDEV_NOT_INSTALLED, pserial);
     if (!svol || !svol->defined) inv.reject(ssb::LDEV_NOT_INSTALLED, m.svolSerial);
-    if (pvol->capacity != svol->capacity) inv.fail(ex::ENQSIZ);
+    if (pvol->capacity != svol->capacity) inv.fail(EX_ENQSIZ);
     if (db.exists("SELECT 1 FROM pairs WHERE serial=? AND pvol=? AND mu=? AND kind=?", pserial,
                   m.pvol, g.mu, kind)) {
-      inv.fail(ex::INVVOL);
+      inv.fail(EX_INVVOL);
     }
     if (db.exists("SELECT 1 FROM pairs WHERE (s_serial=? AND svol=?) OR (serial=? AND pvol=?)",
                   m.svolSerial, *m.svol, m.svolSerial, *m.svol) ||
@@ -190,8 +190,8 @@ int runPairCreate(Invocation& inv) {
         "INSERT INTO pairs(serial, cg, devname, pvol, s_serial, svol, mu, kind, status, next, "
         "since, due, fence) VALUES(?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)",
         pserial, g.name, m.device, m.pvol, m.svolSerial, *m.svol, g.mu, kind,
-        due ? std::string("COPY") : settled, due ? std::optional<std::string>(settled) : std::nullopt,
-        now, due, fence);
+        due ? std::string("COPY") : settled,
+        due ? std::optional<std::string>(settled) : std::nullopt, now, due, fence);
     if (due) inv.scheduleDue(*due);
   }
   bumpIncarnation(inv, g);
@@ -212,7 +212,7 @@ int runPairSplit(Invocation& inv) {
   for (const Member& m : g.members) {
     auto pair = loadPair(inv.db(), g, m);
     if (!pair) {
-      if (!simplex) inv.fail(ex::INVVOL);
+      if (!simplex) inv.fail(EX_INVVOL);
       continue;
     }
     if (simplex) {
@@ -223,7 +223,7 @@ int runPairSplit(Invocation& inv) {
     } else if (pair->status == "PAIR") {
       setPair(inv, g, m, "PSUS", std::nullopt, std::nullopt);
     } else if (pair->status != "PSUS" && pair->status != "PSUE") {
-      inv.fail(ex::INVVOL);
+      inv.fail(EX_INVVOL);
     }
   }
   return 0;
@@ -243,7 +243,7 @@ int runPairResync(Invocation& inv) {
   std::string copying = opts.has("-restore") ? "RCPY" : "COPY";
   for (const Member& m : g.members) {
     auto pair = loadPair(inv.db(), g, m);
-    if (!pair) inv.fail(ex::INVVOL);
+    if (!pair) inv.fail(EX_INVVOL);
     if (pair->status != "PSUS" && pair->status != "PSUE") continue;
     if (copy > 0) {
       setPair(inv, g, m, copying, std::string("PAIR"), Invocation::nowMs() + copy);
@@ -301,11 +301,11 @@ int runPairDisplay(Invocation& inv) {
       if (cli) {
         text += formatPairDisplayLine(v, percentForm);
       } else {
-        text += strprintf("%s %s(%s) (%s,%3s, %3s-%s )%s %5d.%s %s,%5s %7s %s\n", v.group.c_str(),
-                          v.device.c_str(), v.side.c_str(), v.port.c_str(), v.tid.c_str(),
-                          v.lun.c_str(), v.mu.c_str(), v.serial.c_str(), v.ldev, v.role.c_str(),
-                          v.status.c_str(), v.percent.c_str(), v.partnerLdev.c_str(),
-                          v.mark.c_str());
+        text +=
+            strprintf("%s %s(%s) (%s,%3s, %3s-%s )%s %5d.%s %s,%5s %7s %s\n", v.group.c_str(),
+                      v.device.c_str(), v.side.c_str(), v.port.c_str(), v.tid.c_str(),
+                      v.lun.c_str(), v.mu.c_str(), v.serial.c_str(), v.ldev, v.role.c_str(),
+                      v.status.c_str(), v.percent.c_str(), v.partnerLdev.c_str(), v.mark.c_str());
       }
     }
   }
@@ -334,7 +334,7 @@ int runPairEvtWait(Invocation& inv) {
     return statusCode(statusOf(g.members.front(), opts.has("-nowaits")));
   }
   bool svolSide = opts.has("-ss");
-  if (!svolSide && !opts.has("-s")) inv.fail(ex::REQARG);
+  if (!svolSide && !opts.has("-s")) inv.fail(EX_REQARG);
   std::set<std::string> wanted;
   for (const std::string& w : opts.values(svolSide ? "-ss" : "-s")) {
     std::string s = toUpper(w);
@@ -345,8 +345,7 @@ int runPairEvtWait(Invocation& inv) {
   std::string timeout = opts.required("-t");
   auto seconds = parseNumber(timeout.substr(0, timeout.find(',')));
   if (!seconds) inv.invalidOption("-t");
-  int64_t deadline =
-      Invocation::nowMs() + static_cast<int64_t>(*seconds * 1000 * inv.timeScale());
+  int64_t deadline = Invocation::nowMs() + static_cast<int64_t>(*seconds * 1000 * inv.timeScale());
   for (;;) {
     bool done = true;
     bool suspended = false;
@@ -359,9 +358,9 @@ int runPairEvtWait(Invocation& inv) {
       inv.print("pairevtwait : Wait status done.\n");
       return 0;
     }
-    if (suspended) inv.fail(ex::EWSUSE);
+    if (suspended) inv.fail(EX_EWSUSE);
     int64_t now = Invocation::nowMs();
-    if (now >= deadline) inv.fail(ex::EWSTOT);
+    if (now >= deadline) inv.fail(EX_EWSTOT);
     inv.pause(std::min<int64_t>(deadline - now, 20));
     g = resolveGroup(inv, opts);
   }
@@ -378,8 +377,8 @@ int runPairSyncWait(Invocation& inv) {
                                    {"-l", 0, 0}});
   PairGroup g = resolveGroup(inv, opts);
   Store& db = inv.db();
-  auto unit = db.scalar("SELECT ord FROM inst_units WHERE num=? AND serial=?", inv.instance(),
-                        g.serial);
+  auto unit =
+      db.scalar("SELECT ord FROM inst_units WHERE num=? AND serial=?", inv.instance(), g.serial);
   int64_t lagMs = std::atoll(db.meta("sync_lag_ms").value_or("0").c_str());
   auto groupState = [&](std::string& worst) {
     worst = "PAIR";
@@ -391,7 +390,7 @@ int runPairSyncWait(Invocation& inv) {
   };
   std::string worst;
   groupState(worst);
-  if (worst == "SMPL") inv.fail(ex::INVVOL);
+  if (worst == "SMPL") inv.fail(EX_INVVOL);
   auto load = [&](int64_t& seq, int64_t& time, int& incarnation) {
     Stmt st = db.query("SELECT q_seq, q_time, incarnation FROM copygrps WHERE serial=? AND name=?",
                        g.serial, g.name);
@@ -417,7 +416,7 @@ int runPairSyncWait(Invocation& inv) {
     return 0;
   }
   std::string wantedText = opts.value("-q", opts.value("-m"));
-  if (wantedText.empty()) inv.fail(ex::REQARG);
+  if (wantedText.empty()) inv.fail(EX_REQARG);
   auto wanted = parseNumber("0x" + wantedText);
   if (!wanted) inv.invalidOption(opts.has("-q") ? "-q" : "-m");
   auto tenths = opts.optNumber("-t").value_or(0);

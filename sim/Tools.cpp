@@ -3,13 +3,17 @@
 namespace ccisim {
 
 const std::vector<ToolName>& toolNames() {
-  static const std::vector<ToolName> kNames = {
-      {"raidcom", runRaidcom},         {"raidqry", runRaidqry},
-      {"raidscan", runRaidscan},       {"horcmstart.sh", runHorcmStart},
-      {"horcmshutdown.sh", runHorcmShutdown}, {"paircreate", runPairCreate},
-      {"pairsplit", runPairSplit},     {"pairresync", runPairResync},
-      {"pairdisplay", runPairDisplay}, {"pairevtwait", runPairEvtWait},
-      {"pairsyncwait", runPairSyncWait}};
+  static const std::vector<ToolName> kNames = {{"raidcom", runRaidcom},
+                                               {"raidqry", runRaidqry},
+                                               {"raidscan", runRaidscan},
+                                               {"horcmstart.sh", runHorcmStart},
+                                               {"horcmshutdown.sh", runHorcmShutdown},
+                                               {"paircreate", runPairCreate},
+                                               {"pairsplit", runPairSplit},
+                                               {"pairresync", runPairResync},
+                                               {"pairdisplay", runPairDisplay},
+                                               {"pairevtwait", runPairEvtWait},
+                                               {"pairsyncwait", runPairSyncWait}};
   return kNames;
 }
 

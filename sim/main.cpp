@@ -52,9 +52,11 @@ int runTool(const std::string& name, ToolEntry entry, const std::vector<std::str
     Invocation inv(store, name, args);
     store.begin();
     inv.settle();
-    int64_t seq = journalStart(store, name, args);
+    std::optional<int64_t> seq;
     std::optional<Fault> fault = takeFault(store, name, args);
     if (fault && fault->delayMs > 0) {
+      // The call is recorded and its fault used up before it hangs, as a time-out kills it.
+      seq = journalRecord(store, name, args, std::nullopt);
       store.commit();
       std::this_thread::sleep_for(std::chrono::milliseconds(fault->delayMs));
       store.begin();
@@ -80,7 +82,11 @@ int runTool(const std::string& name, ToolEntry entry, const std::vector<std::str
       out = inv.out();
       err = inv.err();
     }
-    journalFinish(store, seq, status);
+    if (seq) {
+      journalFinish(store, *seq, status);
+    } else {
+      journalRecord(store, name, args, status);
+    }
     holdBeforeCommit();
     store.commit();
   } catch (const StoreError& e) {

@@ -26,7 +26,6 @@ CCICommandHandler::CCICommandHandler(VTSO::SnapInfo& snapInfo, const HDSCLIInitP
     : CommandHandler(snapInfo, param), m_sPeerInstance(peerInstance) {
   m_sHorcmInstance = instance;
   if (!instance.empty()) m_sInstanceOption = formInstanceOption(instance);
-  m_sLocalDeviceGroup = "";
 }
 
 CCICommandHandler::~CCICommandHandler() = default;
@@ -69,8 +68,8 @@ int CCICommandHandler::stopHorcm() {
 }
 
 bool CCICommandHandler::deleteHorcmFile(const std::string& path) {
-  // Only a file reported missing is retried; any other refusal is passed over, as a file the
-  // process may not remove is not one it created.
+  // A refusal other than "missing" is not reported: no caller can act on it, and a file left
+  // behind only makes later allocations skip its number.
   if (unlink(path.c_str()) != 0 && errno == ENOENT) {
     if (chmod(path.c_str(), 0666) == 0 && unlink(path.c_str()) != 0 && errno == ENOENT) {
       m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Unable to delete horcm file [%s].", path.c_str());

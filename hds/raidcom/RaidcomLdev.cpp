@@ -4,10 +4,13 @@
 
 #include "hds/common/HDSArrayModels.h"
 #include "hds/common/HDSConstants.h"
+#include "hds/raidcom/RaidcomArgs.h"
 #include "hds/raidcom/RaidcomCommandHandler.h"
 #include "hds/raidcom/RaidcomParsers.h"
 
 namespace {
+
+using hds::raidcom::quoteArgument;
 
 const char* const kGetLdev = " get ldev ";
 
@@ -57,10 +60,11 @@ int RaidcomCommandHandler::getLdevlList(std::vector<hdsLdev_t>& ldevs,
   const auto pool = filters.find(VT_HDS_LDEV_FILTER_POOLID);
   if (pool != filters.end()) {
     if (!listFilter) arguments += " -ldev_list pool ";
-    arguments += " -pool_id " + pool->second;
+    arguments += " -pool_id " + quoteArgument(pool->second);
   }
   const auto resourceGroup = filters.find(VT_HDS_LDEV_FILTER_RES_GRP);
-  if (resourceGroup != filters.end()) arguments += " -resource " + resourceGroup->second;
+  if (resourceGroup != filters.end())
+    arguments += " -resource " + quoteArgument(resourceGroup->second);
   arguments += m_sInstanceArgs;
 
   std::string output;
@@ -86,8 +90,8 @@ int RaidcomCommandHandler::getLdevInfo(std::vector<hdsLdev_t>& ldevs) {
   for (hdsLdev_t& ldev : ldevs) {
     std::string output;
     int exitCode = 0;
-    if (executeCommand(command, " -ldev_id " + ldev.ldevId + m_sInstanceArgs, output, exitCode,
-                       false) != 0) {
+    if (executeCommand(command, " -ldev_id " + quoteArgument(ldev.ldevId) + m_sInstanceArgs, output,
+                       exitCode, false) != 0) {
       m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to get info for ldev [%s]",
                        ldev.ldevId.c_str());
       m_iErrorCode = VT_HDS_ERROR_COMMAND_FAILED;

@@ -8,10 +8,13 @@
 #include "hds/helper/CommandHelper.h"
 #include "hds/platform/VTPlatformInfo.h"
 #include "hds/platform/ZoSleep.h"
+#include "hds/raidcom/RaidcomArgs.h"
 #include "hds/raidcom/RaidcomCommandHandler.h"
 #include "hds/raidcom/RaidcomParsers.h"
 
 namespace {
+
+using hds::raidcom::quoteArgument;
 
 const int kVirtualizeAttempts = 5;
 const unsigned long kRetryPauseMs = 2000;
@@ -38,7 +41,7 @@ std::string causeIn(std::string const& output) {
 // What createSvol did to one new LDEV, so that a failed call can undo it.
 struct CreatedLdev {
   std::string ldevId;
-  std::string unmappedVirtualId;  // set when its own id mapping was cancelled
+  bool unmapped = false;  // its own id was taken away to make room for the virtual one
   bool addedToGroup = false;
   std::string mappedVirtualId;  // set when it was given its id in the virtual machine
 };
@@ -79,11 +82,11 @@ unsigned int RaidcomCommandHandler::createSvol(std::map<std::string, hdsLdev_t> 
     const hdsLdev_t& ldev = entry.second;
     const std::string& id = ldev.ldevId;
     std::string arguments;
-    if (!poolId.empty()) arguments += " -pool " + poolId;
+    if (!poolId.empty()) arguments += " -pool " + quoteArgument(poolId);
     if (noMpBlade == 0) arguments += " -mp_blade_id " + std::to_string(ldev.mpBladeId);
     char capacity[32];
     std::snprintf(capacity, sizeof(capacity), "%lld", static_cast<long long>(ldev.capacity));
-    arguments += " -ldev_id " + id + " -capacity " + capacity + m_sInstanceArgs;
+    arguments += " -ldev_id " + quoteArgument(id) + " -capacity " + capacity + m_sInstanceArgs;
 
     std::string output;
     int exitCode = 0;
@@ -93,9 +96,9 @@ unsigned int RaidcomCommandHandler::createSvol(std::map<std::string, hdsLdev_t> 
       failed = true;
       break;
     }
-    rollbackScript += m_sCCIInstallPath + raidcom(" delete ldev -ldev_id ") + id + m_sInstanceArgs +
-                      VT_HDS_NEW_LINE;
-    created.push_back(CreatedLdev{id, "", false, ""});
+    rollbackScript += m_sCCIInstallPath + raidcom(" delete ldev -ldev_id ") + quoteArgument(id) +
+                      m_sInstanceArgs + VT_HDS_NEW_LINE;
+    created.push_back(CreatedLdev{id, false, false, ""});
     if (m_sResourceGroupName == VT_HDS_META_RESOURCE_NAME) continue;
 
     // Each phase gets a few attempts: the array refuses resource moves for a while after the
@@ -125,7 +128,7 @@ unsigned int RaidcomCommandHandler::createSvol(std::map<std::string, hdsLdev_t> 
         failed = true;
         break;
       }
-      done.unmappedVirtualId = vid;
+      done.unmapped = true;
     }
     if (!phase(
             [&] { return addtoResourceGroup(id, VT_HDS_RESOURCE_TYPE_LDEV); },
@@ -147,9 +150,9 @@ unsigned int RaidcomCommandHandler::createSvol(std::map<std::string, hdsLdev_t> 
   }
   if (!failed) return 0;
 
-  // All or nothing. Resource moves are undone first, newest first: deleting an LDEV leaves its
-  // number in the resource group and its virtual id in place, which would strand the number in
-  // the virtual storage machine. The undo keeps the error of the failure that caused it.
+  // All or nothing. Resource moves are undone first, newest first: the array refuses to delete an
+  // LDEV that carries a virtual id in a virtual storage machine, and deleting one that sits in a
+  // resource group leaves its number reserved there. The caller sees the error that started it.
   int errorCode = 0;
   std::string errorText;
   getErrorCodeAndString(errorCode, errorText);
@@ -158,9 +161,7 @@ unsigned int RaidcomCommandHandler::createSvol(std::map<std::string, hdsLdev_t> 
       unmapfromResourceGroup(it->ldevId, it->mappedVirtualId, VT_HDS_RESOURCE_TYPE_LDEV);
     }
     if (it->addedToGroup) deleteFromResourceGroup(it->ldevId, VT_HDS_RESOURCE_TYPE_LDEV);
-    if (!it->unmappedVirtualId.empty()) {
-      maptoResourceGroup(it->ldevId, it->unmappedVirtualId, VT_HDS_RESOURCE_TYPE_LDEV);
-    }
+    if (it->unmapped) maptoResourceGroup(it->ldevId, it->ldevId, VT_HDS_RESOURCE_TYPE_LDEV);
   }
   if (!rollbackScript.empty()) {
     std::string output;
@@ -173,7 +174,7 @@ unsigned int RaidcomCommandHandler::createSvol(std::map<std::string, hdsLdev_t> 
 
 unsigned int RaidcomCommandHandler::deleteSvol(std::string const& ldevId) {
   const std::string command = raidcom(" delete ldev ");
-  const std::string arguments = " -ldev_id " + ldevId + m_sInstanceArgs;
+  const std::string arguments = " -ldev_id " + quoteArgument(ldevId) + m_sInstanceArgs;
 
   if (m_bVSM) {
     std::vector<hdsLdev_t> query(1);
@@ -212,9 +213,10 @@ unsigned int RaidcomCommandHandler::deleteAllSvolsInDeviceGroup(std::string cons
                    deviceGroup.c_str());
   std::string output;
   int exitCode = 0;
-  if (executeCommand(raidcom(" delete ldev "),
-                     " -grp_opt ldev -device_grp_name " + deviceGroup + m_sInstanceArgs, output,
-                     exitCode, true) != 0) {
+  if (executeCommand(
+          raidcom(" delete ldev "),
+          " -grp_opt ldev -device_grp_name " + quoteArgument(deviceGroup) + m_sInstanceArgs, output,
+          exitCode, true) != 0) {
     m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to delete ldev from device group [%s]",
                      deviceGroup.c_str());
     setErrorCodeAndString(VT_HDS_ERROR_COMMAND_FAILED,
@@ -229,10 +231,10 @@ unsigned int RaidcomCommandHandler::deleteAllSvolsInDeviceGroup(std::string cons
 unsigned int RaidcomCommandHandler::formatSvols(std::string const& deviceGroup) {
   std::string output;
   int exitCode = 0;
-  if (executeCommand(
-          raidcom(" initialize ldev "),
-          " -operation fmt -grp_opt ldev -device_grp_name " + deviceGroup + m_sInstanceArgs, output,
-          exitCode, true) != 0) {
+  if (executeCommand(raidcom(" initialize ldev "),
+                     " -operation fmt -grp_opt ldev -device_grp_name " +
+                         quoteArgument(deviceGroup) + m_sInstanceArgs,
+                     output, exitCode, true) != 0) {
     m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to format SVOls in device group [%s].",
                      deviceGroup.c_str());
     setErrorCodeAndString(VT_HDS_ERROR_COMMAND_FAILED, "Failed to format SVOLs.");
@@ -247,8 +249,9 @@ unsigned int RaidcomCommandHandler::modifySvolStatus(std::map<std::string, hdsLd
                                                      bool unused) {
   std::string script;
   for (const auto& entry : ldevs) {
-    script += m_sCCIInstallPath + raidcom(" modify ldev -ldev_id ") + entry.second.ldevId +
-              " -status blk " + m_sInstanceArgs + VT_HDS_NEW_LINE;
+    script += m_sCCIInstallPath + raidcom(" modify ldev -ldev_id ") +
+              quoteArgument(entry.second.ldevId) + " -status blk " + m_sInstanceArgs +
+              VT_HDS_NEW_LINE;
     // Blocking completes in the background; its outcome shows only in the command status.
     script +=
         m_sCCIInstallPath + raidcom(" get command_status ") + m_sInstanceArgs + VT_HDS_NEW_LINE;
@@ -269,9 +272,10 @@ unsigned int RaidcomCommandHandler::modifySvolStatus(std::map<std::string, hdsLd
 unsigned int RaidcomCommandHandler::modifySvolLabel(std::map<std::string, hdsLdev_t> const& ldevs,
                                                     bool restore) {
   auto line = [this](std::string const& id, std::string const& label) {
-    return m_sCCIInstallPath + raidcom(" modify ldev -ldev_id ") + id + " -ldev_name " +
-           (label.empty() ? std::string(VT_HDS_BLANK_LDEV_LABEL) : label) + m_sInstanceArgs +
-           VT_HDS_NEW_LINE;
+    return m_sCCIInstallPath + raidcom(" modify ldev -ldev_id ") + quoteArgument(id) +
+           " -ldev_name " +
+           quoteArgument(label.empty() ? std::string(VT_HDS_BLANK_LDEV_LABEL) : label) +
+           m_sInstanceArgs + VT_HDS_NEW_LINE;
   };
   std::string newLabels;
   std::string currentLabels;
@@ -302,8 +306,9 @@ unsigned int RaidcomCommandHandler::modifySvolLabel(std::string const& ldevId,
   std::string output;
   int exitCode = 0;
   if (executeCommand(raidcom(" modify ldev "),
-                     " -ldev_id " + ldevId + " -ldev_name " + name + " " + m_sInstanceArgs, output,
-                     exitCode, false) != 0) {
+                     " -ldev_id " + quoteArgument(ldevId) + " -ldev_name " + quoteArgument(name) +
+                         " " + m_sInstanceArgs,
+                     output, exitCode, false) != 0) {
     m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to label SVOls [%s] to [%s].", ldevId.c_str(),
                      name.c_str());
     // Shared with formatSvols on purpose; callers match on it.
@@ -326,12 +331,13 @@ int RaidcomCommandHandler::addVolsToDeviceGroup(std::map<std::string, hdsLdev_t>
   for (const auto& entry : pairs) {
     const std::string pvol = pvolOf(entry.first);
     const std::string deviceName = VT_HDS_PAIR_DEV_NAME_PREFIX + pvol;
-    svolScript += m_sCCIInstallPath + raidcom(" add device_grp -device_grp_name ") + svolGroup +
-                  " " + deviceName + " -ldev_id " + entry.second.ldevId + m_sInstanceArgs +
-                  VT_HDS_NEW_LINE;
+    svolScript += m_sCCIInstallPath + raidcom(" add device_grp -device_grp_name ") +
+                  quoteArgument(svolGroup) + " " + quoteArgument(deviceName) + " -ldev_id " +
+                  quoteArgument(entry.second.ldevId) + m_sInstanceArgs + VT_HDS_NEW_LINE;
     if (!pvolGroup.empty()) {
-      pvolScript += m_sCCIInstallPath + raidcom(" add device_grp -device_grp_name ") + pvolGroup +
-                    " " + deviceName + " -ldev_id " + pvol + m_sInstanceArgs + VT_HDS_NEW_LINE;
+      pvolScript += m_sCCIInstallPath + raidcom(" add device_grp -device_grp_name ") +
+                    quoteArgument(pvolGroup) + " " + quoteArgument(deviceName) + " -ldev_id " +
+                    quoteArgument(pvol) + m_sInstanceArgs + VT_HDS_NEW_LINE;
     }
   }
   const int count = static_cast<int>(pairs.size());
@@ -396,8 +402,8 @@ int RaidcomCommandHandler::getVolsInDeviceGroup(std::vector<hdsLdev_t>& ldevs,
   std::string output;
   int exitCode = 0;
   if (executeCommand(raidcom(" get device_grp "),
-                     " -device_grp_name " + group + " " + m_sInstanceArgs, output, exitCode,
-                     false) != 0) {
+                     " -device_grp_name " + quoteArgument(group) + " " + m_sInstanceArgs, output,
+                     exitCode, false) != 0) {
     m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to get device group [%s] info", group.c_str());
     setErrorCodeAndString(VT_HDS_ERROR_COMMAND_FAILED,
                           "Failed to get devices in device group" + group);
@@ -413,8 +419,9 @@ int RaidcomCommandHandler::deleteLdevFromDeviceGroup(std::string const& ldevId,
   std::string output;
   int exitCode = 0;
   if (executeCommand(raidcom(" delete device_grp "),
-                     " -device_grp_name " + group + " -ldev_id " + ldevId + m_sInstanceArgs, output,
-                     exitCode, false) != 0) {
+                     " -device_grp_name " + quoteArgument(group) + " -ldev_id " +
+                         quoteArgument(ldevId) + m_sInstanceArgs,
+                     output, exitCode, false) != 0) {
     if (contains(output, "LDEV is not registered in the device group")) {
       m_pSnapInfo->log(1, VT_HDS_LOG_MODULE, "Ldev [%s] already deleted from device group [%s]",
                        ldevId.c_str(), group.c_str());
@@ -437,8 +444,8 @@ namespace {
 // One script line per member; the array drops the group with its last member.
 std::string deviceGroupDeleteLine(std::string const& installPath, std::string const& group,
                                   std::string const& ldevId, std::string const& instanceArgs) {
-  return installPath + raidcom(" delete device_grp -device_grp_name ") + group + " -ldev_id " +
-         ldevId + instanceArgs + VT_HDS_NEW_LINE;
+  return installPath + raidcom(" delete device_grp -device_grp_name ") + quoteArgument(group) +
+         " -ldev_id " + quoteArgument(ldevId) + instanceArgs + VT_HDS_NEW_LINE;
 }
 
 }  // namespace
@@ -493,8 +500,9 @@ int RaidcomCommandHandler::addToSnapshotGroup(std::map<std::string, hdsLdev_t> c
   const std::string command = raidcom(" add snapshot ");
   for (const auto& entry : pairs) {
     const std::string& svol = entry.second.ldevId;
-    std::string arguments = " -ldev_id " + pvolOf(entry.first) + " " + svol + " -pool " + poolId +
-                            " -snapshotgroup " + group;
+    std::string arguments = " -ldev_id " + quoteArgument(pvolOf(entry.first)) + " " +
+                            quoteArgument(svol) + " -pool " + quoteArgument(poolId) +
+                            " -snapshotgroup " + quoteArgument(group);
     std::string mode;
     if (consistencyGroup) mode += " CTG ";
     if (entry.second.isCloneTarget) mode += clone ? " clone " : " cascade ";
@@ -528,10 +536,10 @@ int RaidcomCommandHandler::operateOnSnapshotGroup(std::string const& group,
   std::string arguments;
   std::string target;
   if (!svolId.empty()) {
-    arguments = " -ldev_id " + svolId;
+    arguments = " -ldev_id " + quoteArgument(svolId);
     target = "svol " + svolId;
   } else if (!group.empty()) {
-    arguments = " -snapshotgroup " + group;
+    arguments = " -snapshotgroup " + quoteArgument(group);
     target = "snapshotgroup " + group;
   } else {
     m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Both snapshot group and svol are empty.");
@@ -560,7 +568,7 @@ int RaidcomCommandHandler::operateOnSnapshotGroup(std::string const& group,
 int RaidcomCommandHandler::getSnapshotGroupList(std::vector<hdsSnapshotGroupInfo>& pairs,
                                                 std::string const& ldevId) {
   std::string arguments;
-  if (!ldevId.empty()) arguments = " -ldev_id " + ldevId;
+  if (!ldevId.empty()) arguments = " -ldev_id " + quoteArgument(ldevId);
   arguments += " " + m_sInstanceArgs;
   std::string output;
   int exitCode = 0;
@@ -577,8 +585,9 @@ int RaidcomCommandHandler::getSnapshotGroupInfo(std::vector<hdsSnapshotGroupInfo
                                                 std::string const& group) {
   std::string output;
   int exitCode = 0;
-  if (executeCommand(raidcom(" get snapshot "), " -snapshotgroup " + group + " " + m_sInstanceArgs,
-                     output, exitCode, false) != 0) {
+  if (executeCommand(raidcom(" get snapshot "),
+                     " -snapshotgroup " + quoteArgument(group) + " " + m_sInstanceArgs, output,
+                     exitCode, false) != 0) {
     m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to get snapshot group list");
     setErrorCodeAndString(VT_HDS_ERROR_COMMAND_FAILED, "Failed to get snapshot group list.");
     return 1;
@@ -591,8 +600,9 @@ int RaidcomCommandHandler::deleteSnapshot(std::string const& ldevId) {
   m_pSnapInfo->log(0, VT_HDS_LOG_MODULE, "Going to delete snapshot ldev [%s]", ldevId.c_str());
   std::string output;
   int exitCode = 0;
-  if (executeCommand(raidcom(" delete snapshot "), " -ldev_id " + ldevId + " " + m_sInstanceArgs,
-                     output, exitCode, false) != 0) {
+  if (executeCommand(raidcom(" delete snapshot "),
+                     " -ldev_id " + quoteArgument(ldevId) + " " + m_sInstanceArgs, output, exitCode,
+                     false) != 0) {
     m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to delete snapshot [%s]", ldevId.c_str());
     setErrorCodeAndString(VT_HDS_ERROR_COMMAND_FAILED, "Failed to delete snapshot " + ldevId + ".");
     return 1;
