@@ -51,6 +51,7 @@ int toInt(const std::string& text, const std::string& what) {
 // init and load replace the state; a file that is not a state at all is replaced whole.
 void replaceState(const json& scenario) {
   std::string path = statePath();
+  clearJournal(path);
   try {
     Store store(path, Store::Mode::Create);
     loadScenario(store, scenario);
@@ -403,27 +404,26 @@ int runAdmin(const std::vector<std::string>& args) {
       bool clear = a.flag("--clear");
       std::string tool = a.take("--tool").value_or("");
       a.done();
-      withState([&](Store& db) {
-        json list = json::array();
-        for (const JournalEntry& e : readJournal(db)) {
-          if (!tool.empty() && e.tool != tool) continue;
-          json j = {{"seq", e.seq},
-                    {"time_ms", e.timeMs},
-                    {"pid", e.pid},
-                    {"tool", e.tool},
-                    {"args", e.args}};
-          j["exit"] = e.exitCode ? json(*e.exitCode) : json(nullptr);
-          list.push_back(j);
-          if (!asJson) {
-            std::string line = std::to_string(e.seq) + " " +
-                               (e.exitCode ? std::to_string(*e.exitCode) : "-") + " " + e.tool;
-            for (const std::string& arg : e.args) line += " " + quoteArg(arg);
-            std::printf("%s\n", line.c_str());
-          }
+      std::string path = statePath();
+      json list = json::array();
+      for (const JournalEntry& e : readJournal(path)) {
+        if (!tool.empty() && e.tool != tool) continue;
+        json j = {{"seq", e.seq},
+                  {"time_ms", e.timeMs},
+                  {"pid", e.pid},
+                  {"tool", e.tool},
+                  {"args", e.args}};
+        j["exit"] = e.exitCode ? json(*e.exitCode) : json(nullptr);
+        list.push_back(j);
+        if (!asJson) {
+          std::string line = std::to_string(e.seq) + " " +
+                             (e.exitCode ? std::to_string(*e.exitCode) : "-") + " " + e.tool;
+          for (const std::string& arg : e.args) line += " " + quoteArg(arg);
+          std::printf("%s\n", line.c_str());
         }
-        if (asJson) std::printf("%s\n", list.dump(2).c_str());
-        if (clear) db.run("DELETE FROM journal");
-      });
+      }
+      if (asJson) std::printf("%s\n", list.dump(2).c_str());
+      if (clear) clearJournal(path);
     } else if (command == "session" && sub == "list") {
       a.done();
       withState([&](Store& db) {

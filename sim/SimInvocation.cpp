@@ -173,8 +173,8 @@ void Invocation::pause(int64_t ms) {
   m_rStore.exec("RELEASE command");
   m_rStore.commit();
   std::this_thread::sleep_for(std::chrono::milliseconds(std::max<int64_t>(ms, 1)));
-  m_rStore.begin();
-  settle();
+  settleIfDue();
+  beginTransaction();
   m_rStore.exec("SAVEPOINT command");
 }
 
@@ -182,6 +182,19 @@ void Invocation::scheduleDue(int64_t dueMs) {
   auto current = m_rStore.meta("next_due");
   if (!current || std::atoll(current->c_str()) > dueMs) {
     m_rStore.setMeta("next_due", std::to_string(dueMs));
+  }
+}
+
+void Invocation::settleIfDue() {
+  auto due = m_rStore.meta("next_due");
+  if (!due || std::atoll(due->c_str()) > nowMs()) return;
+  m_rStore.begin(true);
+  try {
+    settle();
+    m_rStore.commit();
+  } catch (...) {
+    m_rStore.rollback();
+    throw;
   }
 }
 

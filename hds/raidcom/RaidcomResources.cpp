@@ -167,10 +167,7 @@ int RaidcomCommandHandler::getRemoteReplicationInfo(
     std::map<int, std::vector<hdsPairStatus_t>>& pairs, std::vector<int>& mirrorUnits) {
   // Active-active pairs may be spread over several mirror units, each holding some P-VOLs.
   const bool activeActive = m_pSnapInfo->getReplicationType() == kReplicationTypeActiveActive;
-  if (getRemotePairInfoForHostGroup(portOrHostGroup, ldevs, pairs) != 0) {
-    getErrorCodeAndString(m_iErrorCode, m_sErrorString);
-    return 1;
-  }
+  if (getRemotePairInfoForHostGroup(portOrHostGroup, ldevs, pairs) != 0) return 1;
   const int pvolCount = static_cast<int>(ldevs.size());
   for (int mirrorUnit = 0; mirrorUnit < kRemoteMirrorUnits; ++mirrorUnit) {
     auto found = pairs.find(mirrorUnit);

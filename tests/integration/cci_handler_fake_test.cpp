@@ -156,8 +156,8 @@ TEST(CciHorcmFiles, FailuresLeaveNoFileAndNoInstance) {
 TEST(CciHorcmInstances, StartStopAndPartialFailures) {
   expectInChild([] {
     Rig rig("-1", "-1");
-    rig.tools.addScript("horcmstart.sh", "echo \"HORCM inst $1 starts successfully.\"");
-    rig.tools.addScript("horcmshutdown.sh", "echo \"horcmshutdown inst $1 !!!\"");
+    rig.tools.add("horcmstart.sh", "HORCM inst starts successfully.\n");
+    rig.tools.add("horcmshutdown.sh", "horcmshutdown inst !!!\n");
     ASSERT_EQ(rig.handler->startHorcm(), 0) << rig.log.dump();
     EXPECT_EQ(rig.handler->stopHorcm(), 0);
     const std::vector<std::string> both = {"[3300]", "[3301]"};
@@ -171,14 +171,16 @@ TEST(CciHorcmInstances, StartStopAndPartialFailures) {
     EXPECT_EQ(rig.tools.calls("horcmshutdown.sh"), 2);
     EXPECT_TRUE(rig.log.contains("Deleted horcm files [N/A] and [N/A].", 1));
 
-    // A failed start stops there and undoes nothing; a failed shutdown keeps its number.
+    // A failed start stops there and undoes nothing; a failed shutdown keeps its number, while
+    // the files go all the same.
     rig.tools.add("horcmstart.sh", "HORCM inst 3300 has failed to start.\n", 3);
     EXPECT_EQ(rig.handler->startHorcm(), 1);
     EXPECT_EQ(rig.tools.calls("horcmstart.sh"), 3);
     EXPECT_TRUE(pathExists(rig.horcmFile(3301)));
-    rig.tools.addScript("horcmshutdown.sh", "[ \"$1\" = 3301 ] || exit 251");
+    rig.tools.add("horcmshutdown.sh", "", 251, "[EX_ATTHOR] Can't be attached to HORC manager\n");
     EXPECT_EQ(rig.handler->stopHorcm(), 0);
-    EXPECT_EQ(rig.handler->getInstance() + rig.handler->getPeerInstance(), "3300-1");
+    EXPECT_EQ(rig.handler->getInstance() + rig.handler->getPeerInstance(), "33003301");
+    EXPECT_FALSE(pathExists(rig.horcmFile(3301)));
     EXPECT_FALSE(pathExists(rig.horcmFile(3300)));
   });
 }

@@ -52,8 +52,8 @@ TEST(CciHorcmConcurrency, EightProcessesGetSixteenDistinctInstances) {
   hdstest::TestEnv env;
   hdstest::FakeTools tools(env.cciDir());
   tools.addRaidqry();
-  tools.addScript("horcmstart.sh", "echo \"HORCM inst $1 starts successfully.\"");
-  tools.addScript("horcmshutdown.sh", "echo \"horcmshutdown inst $1 !!!\"");
+  tools.add("horcmstart.sh", "HORCM inst starts successfully.\n");
+  tools.add("horcmshutdown.sh", "horcmshutdown inst !!!\n");
   env.writeSettings("[iHarbor]\nsVTHDSHorcmDirectory=" + env.cciDir() +
                     "\nsClientHostName=hostA\n");
   const std::string ready = env.root() + "/ready";

@@ -190,6 +190,22 @@ TEST(HdsctlCli, CheckPassesOnAReadyHostAndDistrustsANegativeLoginCount) {
   }
 }
 
+TEST(HdsctlCli, LogGoesToTheFileAndWithVerboseToStderrButNeverThePassword) {
+  TestEnv env;
+  SimHost host(env);
+  std::string logFile = env.root() + "/hdsctl.log";
+  ToolResult r = hdsctl({"--log", logFile, "pools", "-v"});
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  std::string log = hdstest::readFile(logFile);
+  EXPECT_NE(log.find("0 HDS   Raidcom command handler initialized for local execution\n"),
+            std::string::npos)
+      << log;
+  EXPECT_NE(log.find("get pool"), std::string::npos) << log;
+  EXPECT_EQ(r.err, log);
+  EXPECT_EQ(log.find("admin123"), std::string::npos) << log;
+  EXPECT_EQ(r.out.rfind("POOL  NAME", 0), 0u) << r.out;
+}
+
 // Runs a listing with --json and hands over what it printed.
 json listing(std::vector<std::string> args) {
   args.push_back("--json");

@@ -1,5 +1,5 @@
-// Listings of pools, copy groups, raidscan pairs, ports, host groups, WWNs and LUNs, and the
-// quoting that carries user-chosen names through the shell.
+// Edge cases of the copy group, raidscan pair, host group and WWN listings, and the quoting that
+// carries user-chosen names through the shell.
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -50,27 +50,6 @@ TEST(CopyGroupListing, MirrorUnitJournalAndFilter) {
   EXPECT_EQ(one[1].deviceGroupName, "bkp_cg0_S");
 }
 
-TEST(PoolListing, ColumnsOfTheKeyOptForm) {
-  std::vector<hdsPool_t> pools;
-  parseGetPoolOutput(
-      "PID  POLS U(%) POOL_NAME                            Seq# Num LDEV# H(%) VCAP(%) TYPE PM PT\n"
-      "000  POLN  12  dp_pool_00                          412345   4  8000  80       -  OPEN N  "
-      "HDP\n"
-      "005  POLF  97  ti_pool_05                          412345   1  8005  70       -  OPEN N  "
-      "HTI -\n",
-      pools);
-  ASSERT_EQ(pools.size(), 2u);
-  EXPECT_EQ(pools[0].poolId, "000");
-  EXPECT_EQ(pools[0].poolStatus, "POLN");
-  EXPECT_EQ(pools[0].usedPercent, 12);
-  EXPECT_EQ(pools[0].poolName, "dp_pool_00");
-  EXPECT_EQ(pools[0].thresholdPercent, 80);
-  EXPECT_EQ(pools[0].poolType, "HDP");
-  EXPECT_EQ(pools[1].poolStatus, "POLF");
-  EXPECT_EQ(pools[1].thresholdPercent, 70);
-  EXPECT_EQ(pools[1].poolType, "HTI");
-}
-
 const char* const kRaidscanHeader =
     "PORT#   /ALPA/C TID# LU#  MU#  Seq#   Num CM LDEV# P/S   Status Fence  P-Seq# P-LDEV# "
     "VOL_ATTR\n";
@@ -118,31 +97,6 @@ TEST(RaidscanListing, RemotePairsNeedAPartner) {
   EXPECT_EQ(pairs[1][0].mirrorUnit, 1);
 }
 
-TEST(PortListings, PortsOnceAndLoggedInWwns) {
-  std::vector<hdsPort_t> ports;
-  parseGetPortOutput(
-      "PORT   TYPE  ATTR   SPD  LPID  FAB  CONN  SSW   SL   Serial#  WWN               PHY_PORT\n"
-      "CL1-A  FIBRE TAR    AUT    E8  Y    PtoP  Y      0    412345  50060e8012abcd00  -\n"
-      "CL1-A  FIBRE MCU    AUT    E8  Y    PtoP  Y      0    412345  50060e8012abcd00  -\n"
-      "CL3-B  ISCSI TAR    10G    00  N    UNKN  Y      0    412345  -                 -\n",
-      ports);
-  ASSERT_EQ(ports.size(), 2u);
-  EXPECT_EQ(ports[0].portName, "CL1-A");
-  EXPECT_EQ(ports[0].portType, "FIBRE");
-  EXPECT_EQ(ports[0].serialNumber, "412345");
-  EXPECT_EQ(ports[0].wwn, "50060e8012abcd00");
-  EXPECT_EQ(ports[1].portType, "ISCSI");
-
-  hdsPort_t port;
-  parseGetPortLoginOutput(
-      "PORT   LOGIN_WWN         Serial#  -\n"
-      "CL1-A  10000090fa1b2c3d   412345  -\n"
-      "CL1-A  10000090fa1b2c3e   412345  -\n",
-      port);
-  EXPECT_EQ(port.portName, "CL1-A");
-  EXPECT_EQ(port.loginWwns, (std::vector<std::string>{"10000090fa1b2c3d", "10000090fa1b2c3e"}));
-}
-
 TEST(HostGroupListing, NamesWithBlanksAndSerials) {
   hdsPort_t port;
   parseGetHostGroupOutput(
@@ -174,31 +128,6 @@ TEST(HbaWwnListing, NameAndNicknameMayHoldBlanks) {
   EXPECT_EQ(hg.hostGroupId, "3");
   EXPECT_EQ(hg.hostGroupName, "esx cluster 7");
   EXPECT_EQ(hg.wwns, (std::vector<std::string>{"10000090fa1b2c3d", "10000090fa1b2c3e"}));
-}
-
-TEST(LunListing, PortGroupLunAndLdev) {
-  std::vector<hdsLun_t> luns;
-  parseGetLunOutput(
-      "PORT   GID  HMD            LUN  NUM     LDEV  CM    Serial#  HMO_BITs\n"
-      "CL1-A    3  LINUX/IRIX       0    1     4660   -     412345  2 13 22\n"
-      "CL1-A    3  LINUX/IRIX      12    1     5120   -     412345\n",
-      luns);
-  ASSERT_EQ(luns.size(), 2u);
-  EXPECT_EQ(luns[1].port, "CL1-A");
-  EXPECT_EQ(luns[1].hostGroupId, "3");
-  EXPECT_EQ(luns[1].lunId, "12");
-  EXPECT_EQ(luns[1].ldevId, "5120");
-}
-
-TEST(RaidscanPdgListing, FirstColumnOfTheFirstLine) {
-  std::string hostGroup = "unchanged";
-  EXPECT_FALSE(parseRaidscanPdgOutput(kRaidscanHeader, hostGroup));
-  EXPECT_EQ(hostGroup, "unchanged");
-  EXPECT_TRUE(parseRaidscanPdgOutput(std::string(kRaidscanHeader) +
-                                         "CL1-A-3\tef 0 0 3 0 412345 1 CM 4660 SMPL - - - ---- -\n"
-                                         "CL2-A-1 ef 0 0 3 0 412345 1 CM 4660 SMPL - - - ---- -\n",
-                                     hostGroup));
-  EXPECT_EQ(hostGroup, "CL1-A-3");
 }
 
 // What the shell hands to a program for an argument text.
