@@ -121,6 +121,8 @@ TEST_F(HdsctlJob, FailureAtAnyStepLeavesTheArrayAsBefore) {
       // on stdout, so an earlier line that fails goes unseen.
       {"delete device_grp.*KS_DEV_P_t.*-ldev_id 103", "1", "delete device groups"},
       {"delete ldev -ldev_id 2003", "1", "delete S-VOLs"},
+      // The logout: the session's end is reported, not only logged by the destructor.
+      {"^-logout", "1", "close session"},
   };
   for (const Case& c : failures) {
     host.ccisim({"fault", "clear"});

@@ -489,6 +489,7 @@ std::string JobRun::deleteSvols() {
 std::string JobRun::closeSession() {
   require(h().unlockResource(), "cannot unlock the resource group");
   m_bLocked = false;
+  m_pSession->close();
   m_pSession.reset();
   return "resource group unlocked, logged out";
 }

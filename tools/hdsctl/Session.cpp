@@ -92,6 +92,21 @@ void applyCciDirOption(LogSink& log, const ArrayOptions& options) {
   }
 }
 
+// The handler with its end made explicit, so that a failed logout can be reported.
+class SessionHandler : public RaidcomCommandHandler {
+ public:
+  using RaidcomCommandHandler::RaidcomCommandHandler;
+
+  int end() {
+    if (m_bResourceGroupLocked && unlockResource() != 0) return 1;
+    if (!m_bLoggedIn) return 0;
+    // Whatever the logout gives, the session is no longer counted; the destructor must not log
+    // out a second time.
+    m_bLoggedIn = false;
+    return performLogout();
+  }
+};
+
 ArraySession::ArraySession(LogSink& log, const ArrayOptions& options) : m_sSerial(options.serial) {
   if (options.serial.empty()) throw UsageError("--serial (or HDSCTL_SERIAL) is required");
   if (options.user.empty()) throw UsageError("--user (or HDSCTL_USER) is required");
@@ -108,7 +123,7 @@ ArraySession::ArraySession(LogSink& log, const ArrayOptions& options) : m_sSeria
   param.password = options.password;
   param.resourceGroupName = options.resourceGroup;
   param.commandDevices = options.commandDevices;
-  m_pHandler.reset(new RaidcomCommandHandler(log.snapInfo(), param));
+  m_pHandler.reset(new SessionHandler(log.snapInfo(), param));
   int code = 0;
   std::string text;
   m_pHandler->getErrorCodeAndString(code, text);
@@ -120,6 +135,12 @@ ArraySession::ArraySession(LogSink& log, const ArrayOptions& options) : m_sSeria
 }
 
 ArraySession::~ArraySession() = default;
+
+RaidcomCommandHandler& ArraySession::handler() { return *m_pHandler; }
+
+void ArraySession::close() {
+  require(m_pHandler->end(), "cannot close the session on array " + m_sSerial);
+}
 
 void ArraySession::require(int rc, const std::string& what) {
   if (rc != 0) throw Failure(what + ": " + handlerError(*m_pHandler));
