@@ -113,6 +113,9 @@ TEST_F(HdsctlJob, FailureAtAnyStepLeavesTheArrayAsBefore) {
       {"add snapshot -ldev_id 102", "-1", "snapshot group add"},
       {"modify snapshot.*split", "-1", "snapshot split"},
       {"add hba_wwn", "-1", "present"},
+      // A failed resource group query leaves the handler's command suffix cut short; the clean-up
+      // that follows must still send well-formed commands.
+      {"get resource -key opt -IM3532$", "1", "present"},
       {"add lun", "-1", "present"},
       // A failure on the way back; the clean-up then finishes the work.
       {"delete lun", "1", "withdraw"},

@@ -92,10 +92,19 @@ void applyCciDirOption(LogSink& log, const ArrayOptions& options) {
   }
 }
 
-// The handler with its end made explicit, so that a failed logout can be reported.
+// The handler with its end made explicit, so that a failed logout can be reported, and with its
+// command suffix kept well formed.
 class SessionHandler : public RaidcomCommandHandler {
  public:
   using RaidcomCommandHandler::RaidcomCommandHandler;
+
+  // A failed resource group query leaves the suffix at "-IM<instance>", without the serial and
+  // without the blank that every later argument part needs before it, so a clean-up after such
+  // a failure would send malformed commands. The session puts it back before every use.
+  void rememberInstanceArgs() { m_sReadyInstanceArgs = m_sInstanceArgs; }
+  void restoreInstanceArgs() {
+    if (!m_sReadyInstanceArgs.empty()) m_sInstanceArgs = m_sReadyInstanceArgs;
+  }
 
   int end() {
     if (m_bResourceGroupLocked && unlockResource() != 0) return 1;
@@ -105,6 +114,9 @@ class SessionHandler : public RaidcomCommandHandler {
     m_bLoggedIn = false;
     return performLogout();
   }
+
+ private:
+  std::string m_sReadyInstanceArgs;
 };
 
 ArraySession::ArraySession(LogSink& log, const ArrayOptions& options) : m_sSerial(options.serial) {
@@ -132,13 +144,18 @@ ArraySession::ArraySession(LogSink& log, const ArrayOptions& options) : m_sSeria
     m_pHandler.reset();
     throw Failure("cannot open a raidcom session on array " + options.serial + ": " + error);
   }
+  m_pHandler->rememberInstanceArgs();
 }
 
 ArraySession::~ArraySession() = default;
 
-RaidcomCommandHandler& ArraySession::handler() { return *m_pHandler; }
+RaidcomCommandHandler& ArraySession::handler() {
+  m_pHandler->restoreInstanceArgs();
+  return *m_pHandler;
+}
 
 void ArraySession::close() {
+  m_pHandler->restoreInstanceArgs();
   require(m_pHandler->end(), "cannot close the session on array " + m_sSerial);
 }
 
