@@ -145,6 +145,18 @@ TEST_F(HdsctlJob, FailureAtAnyStepLeavesTheArrayAsBefore) {
   }
 }
 
+// An S-VOL whose creation ran but whose command status could not be read may be the job's or
+// another process's: it is named, not deleted.
+TEST_F(HdsctlJob, UnconfirmedSvolIsNamedNotDeleted) {
+  fault("get command_status");
+  ToolResult r = runTool({hdsctlPath(), "job", jobFile});
+  EXPECT_EQ(r.exitCode, 1);
+  EXPECT_NE(r.out.find("left on array 412345: S-VOL 2000 (defined after its creation failed)"),
+            std::string::npos)
+      << r.out;
+  EXPECT_NE(lastLine(r.err).find("failed at step 'create S-VOLs'"), std::string::npos) << r.err;
+}
+
 TEST_F(HdsctlJob, WhatCannotBeCleanedUpIsNamed) {
   fault("delete ldev -ldev_id 2003", "-1");
   ToolResult r = runTool({hdsctlPath(), "job", jobFile});

@@ -328,8 +328,30 @@ std::string JobRun::chooseSvols() {
 }
 
 std::string JobRun::createSvols() {
-  // All or nothing: a failed creation takes back the S-VOLs it made.
-  require(static_cast<int>(h().createSvol(pairMap(), m_oSpec.pool)), "cannot create the S-VOLs");
+  // All or nothing: a failed creation takes back the S-VOLs it made, but not the one whose
+  // creation ran and could not be confirmed (its command status could not be read). The job
+  // cannot tell that one from an LDEV another process made with the same number meanwhile, so
+  // it names it instead of deleting it.
+  if (h().createSvol(pairMap(), m_oSpec.pool) != 0) {
+    std::string error = handlerError(h());
+    std::vector<hdsLdev_t> svols;
+    for (const Pair& p : m_oPairs) {
+      hdsLdev_t l;
+      l.ldevId = p.svol;
+      l.serialNumber = m_oSpec.array.serial;
+      svols.push_back(l);
+    }
+    if (h().getLdevInfo(svols) == 1) {
+      m_oLeftOver.push_back("S-VOLs " + m_oPairs.front().svol + " to " + m_oPairs.back().svol +
+                            " (not readable after a failed creation)");
+    }
+    for (const hdsLdev_t& l : svols) {
+      if (l.capacity != 0 && l.volAttr != VT_HDS_VOL_NOT_DEFINED) {
+        m_oLeftOver.push_back("S-VOL " + l.ldevId + " (defined after its creation failed)");
+      }
+    }
+    throw Failure("cannot create the S-VOLs: " + error);
+  }
   m_bSvolsCreated = true;
   return std::to_string(m_oPairs.size()) + " S-VOLs in pool " + m_oSpec.pool;
 }
