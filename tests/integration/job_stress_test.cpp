@@ -39,13 +39,17 @@ class JobStress : public ::testing::Test {
 
   // Starts every job at once; how many succeeded. A failure must name the job, its step and the
   // library's error, with nothing that its clean-up could not give back.
-  int runAtOnce(const std::vector<std::string>& files) {
+  int runAtOnce(const std::vector<std::string>& files, bool* keptHostGroup = nullptr) {
     std::vector<std::unique_ptr<ToolRun>> runs;
     for (const std::string& f : files)
       runs.emplace_back(new ToolRun({hdstest::hdsctlPath(), "job", f}));
     int succeeded = 0;
     for (size_t i = 0; i < runs.size(); ++i) {
       ToolResult r = runs[i]->finish(600);
+      if (keptHostGroup != nullptr &&
+          r.out.find("(LUNs of others are in it)") != std::string::npos) {
+        *keptHostGroup = true;
+      }
       if (r.exitCode == 0) {
         ++succeeded;
         continue;
@@ -94,6 +98,43 @@ TEST_F(JobStress, ThirtyTwoJobsOfTheirOwnAllSucceed) {
   printf("%d of %d jobs of their own at once succeeded\n", succeeded, kJobs);
   EXPECT_EQ(succeeded, kJobs);
   EXPECT_EQ(host.arrays(), before);
+  expectNothingLeftOnTheHost();
+}
+
+// Jobs that pick their S-VOL numbers from the same free range and present on the same host
+// group get in each other's way; those that lose must say so and give back what they made.
+TEST_F(JobStress, ThirtyTwoCompetingJobsSucceedOrFailCleanly) {
+  const std::string before = host.arrays();
+  std::vector<std::string> files;
+  for (int i = 0; i < kJobs; ++i) {
+    const std::string name = "s" + std::to_string(i);
+    files.push_back(jobFile(name, {{"name", name},
+                                   {"pool", 0},
+                                   {"pvols", {100 + i}},
+                                   {"present", {{"port", "CL1-A"}}},
+                                   {"wait_seconds", 120}}));
+  }
+  bool kept = false;
+  int succeeded = runAtOnce(files, &kept);
+  printf("%d of %d competing jobs at once succeeded\n", succeeded, kJobs);
+  EXPECT_GE(succeeded, 1);
+  if (kept) {
+    // The job that made the host group found LUNs of others in it when it was done, and left it
+    // (as it said); it is all that may stay, and empty.
+    json arrays = json::parse(host.arrays());
+    for (json& port : arrays[0]["ports"]) {
+      json& groups = port["host_groups"];
+      for (auto g = groups.begin(); g != groups.end(); ++g) {
+        if ((*g)["name"] == "KS_PRE_SNAP_HOST_GROUP" && (*g)["luns"].empty()) {
+          groups.erase(g);
+          break;
+        }
+      }
+    }
+    EXPECT_EQ(arrays.dump(1), before);
+  } else {
+    EXPECT_EQ(host.arrays(), before);
+  }
   expectNothingLeftOnTheHost();
 }
 
