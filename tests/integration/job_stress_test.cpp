@@ -161,8 +161,17 @@ TEST_F(JobStress, KilledJobHoldsUpNoJobAfterIt) {
   EXPECT_EQ(next.exitCode, 0) << next.out << next.err;
   // Waiting out a lock would take its five-second rounds.
   EXPECT_LT(seconds, 5.0);
-  // The killed job's session stays counted: no process is left to give it back.
+  // The killed job's session stays counted: no process is left to give it back. Once the array
+  // ends that session, the next job's first command meets the expired session, logs in anew and
+  // counts only its own session, so the count is right again after it.
   EXPECT_EQ(loginCount(), 1);
+  host.ccisim({"session", "expire"});
+  ToolResult after = hdstest::runTool(
+      {hdstest::hdsctlPath(), "job",
+       jobFile("a", {{"name", "a"}, {"pool", 0}, {"pvols", {102}}, {"svols", {2002}}})});
+  EXPECT_EQ(after.exitCode, 0) << after.out << after.err;
+  EXPECT_EQ(loginCount(), 0);
+  EXPECT_EQ(host.ccisim({"dump"}).find("\nsession "), std::string::npos) << "a session is open";
 
   // The command the killed job had started runs to its end on its own.
   const std::string state = "CCISIM_STATE=" + env.simState();
