@@ -38,6 +38,7 @@ constexpr const char* kSerial = "412345";
 constexpr const char* kJobName = "demo";
 // The shortest command time-out the library accepts.
 constexpr int kCommandTimeoutSec = 30;
+// A retried resource group lock waits 5 s; the rest is for the host's load.
 constexpr double kSlackSec = 8;
 
 int envNumber(const char* name, int fallback) {
@@ -340,7 +341,8 @@ class FaultMatrix : public ::testing::Test {
     } else if (hang ? made[hit].exitCode.has_value() : !made[hit].exitCode) {
       problems.push_back("the call did not meet its fault");
     }
-    double limit = ref.seconds + (hang ? kCommandTimeoutSec : 0) + kSlackSec;
+    // Beside other cases the job runs slower than the reference did alone.
+    double limit = 3 * ref.seconds + (hang ? kCommandTimeoutSec : 0) + kSlackSec;
     if (seconds > limit) problems.push_back("took longer than " + std::to_string(limit) + " s");
 
     std::string last = r.err.substr(0, r.err.find_last_not_of('\n') + 1);
