@@ -145,6 +145,23 @@ TEST_F(HdsctlJob, FailureAtAnyStepLeavesTheArrayAsBefore) {
   }
 }
 
+// Among several LDEVs read at once, one that could not be read is read once more on its own: the
+// job then goes on, or names it with the library's error.
+TEST_F(HdsctlJob, AnLdevNotReadAmongOthersIsReadAgain) {
+  fault("get ldev -ldev_id 101 ");
+  ToolResult r = runTool({hdsctlPath(), "job", jobFile});
+  EXPECT_EQ(r.exitCode, 0) << r.err;
+  EXPECT_EQ(host.arrays(), before);
+
+  fault("get ldev -ldev_id 101 ", "2");
+  r = runTool({hdsctlPath(), "job", jobFile});
+  EXPECT_EQ(r.exitCode, 1);
+  EXPECT_NE(lastLine(r.err).find("failed at step 'read P-VOLs': cannot read LDEV 101: Command"),
+            std::string::npos)
+      << r.err;
+  EXPECT_NE(lastLine(r.err).find("(error 62601)"), std::string::npos) << r.err;
+}
+
 // An S-VOL whose creation ran but whose command status could not be read may be the job's or
 // another process's: it is named, not deleted.
 TEST_F(HdsctlJob, UnconfirmedSvolIsNamedNotDeleted) {

@@ -177,6 +177,8 @@ class JobRun {
 
   RaidcomCommandHandler& h() { return m_pSession->handler(); }
   void require(int rc, const std::string& what) { m_pSession->require(rc, what); }
+  std::vector<hdsLdev_t> ldevRecords(const std::vector<std::string>& ids) const;
+  void readLdevs(std::vector<hdsLdev_t>& ldevs, const std::string& what);
   std::map<std::string, hdsLdev_t> pairMap() const;
   bool isOurSvol(const std::string& ldev) const;
   void waitForSnapshots(const std::string& status);
@@ -240,16 +242,35 @@ std::string JobRun::openSession() {
          " locked";
 }
 
-std::string JobRun::readPvols() {
+std::vector<hdsLdev_t> JobRun::ldevRecords(const std::vector<std::string>& ids) const {
   std::vector<hdsLdev_t> ldevs;
-  for (const std::string& id : m_oSpec.pvols) {
+  for (const std::string& id : ids) {
     hdsLdev_t l;
     l.ldevId = id;
     l.serialNumber = m_oSpec.array.serial;
     ldevs.push_back(l);
   }
+  return ldevs;
+}
+
+void JobRun::readLdevs(std::vector<hdsLdev_t>& ldevs, const std::string& what) {
   int rc = h().getLdevInfo(ldevs);
-  if (rc != 0) require(1, "cannot read the P-VOLs");
+  if (rc == 1) require(1, "cannot read " + what);
+  if (rc == 0) return;
+  // Some were read: the handler's error is then that of its last command, which may have
+  // succeeded. Each LDEV not read (it has no volume type yet) is read once more on its own, for
+  // a definite answer.
+  for (hdsLdev_t& l : ldevs) {
+    if (!l.volType.empty()) continue;
+    std::vector<hdsLdev_t> one = {l};
+    require(h().getLdevInfo(one) == 0 ? 0 : 1, "cannot read LDEV " + l.ldevId);
+    l = one.front();
+  }
+}
+
+std::string JobRun::readPvols() {
+  std::vector<hdsLdev_t> ldevs = ldevRecords(m_oSpec.pvols);
+  readLdevs(ldevs, "the P-VOLs");
   uint64_t total = 0;
   for (const hdsLdev_t& l : ldevs) {
     if (l.capacity == 0 || l.volAttr == VT_HDS_VOL_NOT_DEFINED) {
@@ -305,14 +326,8 @@ std::string JobRun::chooseSvols() {
       throw Failure("not enough free LDEV numbers up to " + std::to_string(maxLdev));
     }
   } else {
-    std::vector<hdsLdev_t> ldevs;
-    for (const std::string& id : chosen) {
-      hdsLdev_t l;
-      l.ldevId = id;
-      l.serialNumber = m_oSpec.array.serial;
-      ldevs.push_back(l);
-    }
-    if (h().getLdevInfo(ldevs) != 0) require(1, "cannot read the S-VOL numbers");
+    std::vector<hdsLdev_t> ldevs = ldevRecords(chosen);
+    readLdevs(ldevs, "the S-VOL numbers");
     for (const hdsLdev_t& l : ldevs) {
       if (l.capacity != 0 && l.volAttr != VT_HDS_VOL_NOT_DEFINED) {
         throw Failure("S-VOL number " + l.ldevId + " is already a defined LDEV");
@@ -336,16 +351,15 @@ std::string JobRun::createSvols() {
   // it names it instead of deleting it.
   if (h().createSvol(pairMap(), m_oSpec.pool) != 0) {
     std::string error = handlerError(h());
-    std::vector<hdsLdev_t> svols;
-    for (const Pair& p : m_oPairs) {
-      hdsLdev_t l;
-      l.ldevId = p.svol;
-      l.serialNumber = m_oSpec.array.serial;
-      svols.push_back(l);
-    }
-    if (h().getLdevInfo(svols) == 1) {
-      m_oLeftOver.push_back("S-VOLs " + m_oPairs.front().svol + " to " + m_oPairs.back().svol +
+    std::vector<std::string> ids;
+    for (const Pair& p : m_oPairs) ids.push_back(p.svol);
+    std::vector<hdsLdev_t> svols = ldevRecords(ids);
+    try {
+      readLdevs(svols, "the S-VOLs");
+    } catch (const Failure&) {
+      m_oLeftOver.push_back("S-VOLs " + ids.front() + " to " + ids.back() +
                             " (not readable after a failed creation)");
+      svols.clear();
     }
     for (const hdsLdev_t& l : svols) {
       if (l.capacity != 0 && l.volAttr != VT_HDS_VOL_NOT_DEFINED) {
