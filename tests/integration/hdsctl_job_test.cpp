@@ -120,9 +120,12 @@ TEST_F(HdsctlJob, FailureAtAnyStepLeavesTheArrayAsBefore) {
       // A failure on the way back; the clean-up then finishes the work.
       {"delete lun", "1", "withdraw"},
       {"delete snapshot -ldev_id 2001", "1", "delete snapshots"},
-      // The last line of the script: a script is judged by its exit status and what it printed
-      // on stdout, so an earlier line that fails goes unseen.
       {"delete device_grp.*KS_DEV_P_t.*-ldev_id 103", "1", "delete device groups"},
+      // A line of a script before its last: the script's exit status and output do not show it,
+      // so the job checks what the step did.
+      {"modify ldev -ldev_id 2001 ", "1", "label S-VOLs"},
+      {"add device_grp.*KS_DEV_S_t.*-ldev_id 2001 ", "1", "device groups"},
+      {"delete device_grp.*KS_DEV_P_t.*-ldev_id 101 ", "1", "delete device groups"},
       {"delete ldev -ldev_id 2003", "1", "delete S-VOLs"},
       // The logout: the session's end is reported, not only logged by the destructor.
       {"^-logout", "1", "close session"},

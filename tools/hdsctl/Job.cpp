@@ -179,6 +179,9 @@ class JobRun {
   void require(int rc, const std::string& what) { m_pSession->require(rc, what); }
   std::vector<hdsLdev_t> ldevRecords(const std::vector<std::string>& ids) const;
   void readLdevs(std::vector<hdsLdev_t>& ldevs, const std::string& what);
+  void checkLabels();
+  void checkDeviceGroup(const std::string& group, bool pvolSide);
+  void checkDeviceGroupsGone();
   std::map<std::string, hdsLdev_t> pairMap() const;
   bool isOurSvol(const std::string& ldev) const;
   void waitForSnapshots(const std::string& status);
@@ -372,8 +375,47 @@ std::string JobRun::createSvols() {
   return std::to_string(m_oPairs.size()) + " S-VOLs in pool " + m_oSpec.pool;
 }
 
+// Labels and device group members are set, and device groups deleted, by scripts of the
+// library. A script is judged by its exit status and its standard output, so a line that fails
+// before the last one goes unseen; these steps check what they did.
+constexpr const char* kUnseen = " (a failed line of the library's script went unseen)";
+
+void JobRun::checkLabels() {
+  std::vector<std::string> ids;
+  for (const Pair& p : m_oPairs) ids.push_back(p.svol);
+  std::vector<hdsLdev_t> svols = ldevRecords(ids);
+  readLdevs(svols, "the S-VOLs");
+  for (size_t i = 0; i < svols.size(); ++i) {
+    if (svols[i].label != m_oPairs[i].label) {
+      throw Failure("S-VOL " + ids[i] + " is not labelled " + m_oPairs[i].label + kUnseen);
+    }
+  }
+}
+
+void JobRun::checkDeviceGroup(const std::string& group, bool pvolSide) {
+  std::vector<hdsLdev_t> members;
+  require(h().getVolsInDeviceGroup(members, group), "cannot list device group " + group);
+  std::set<std::string> in;
+  for (const hdsLdev_t& m : members) in.insert(m.ldevId);
+  for (const Pair& p : m_oPairs) {
+    const std::string& id = pvolSide ? p.pvol : p.svol;
+    if (!in.count(id)) throw Failure("LDEV " + id + " is missing from " + group + kUnseen);
+  }
+}
+
+void JobRun::checkDeviceGroupsGone() {
+  std::vector<std::string> groups;
+  require(h().getDeviceGroupList(groups), "cannot list the device groups");
+  for (const std::string& g : groups) {
+    if (g == m_sSvolGroup || g == m_sPvolGroup) {
+      throw Failure("device group " + g + " is still there" + kUnseen);
+    }
+  }
+}
+
 std::string JobRun::labelSvols() {
   require(static_cast<int>(h().modifySvolLabel(pairMap(), false)), "cannot label the S-VOLs");
+  checkLabels();
   return "labels " + m_oPairs.front().label + (m_oPairs.size() > 1 ? ", ..." : "");
 }
 
@@ -381,6 +423,8 @@ std::string JobRun::groupDevices() {
   m_bDeviceGroupsTouched = true;
   require(h().addVolsToDeviceGroup(pairMap(), m_sSvolGroup, m_sPvolGroup),
           "cannot make the device groups");
+  checkDeviceGroup(m_sSvolGroup, false);
+  checkDeviceGroup(m_sPvolGroup, true);
   return m_sPvolGroup + " and " + m_sSvolGroup;
 }
 
@@ -531,6 +575,7 @@ std::string JobRun::deleteDeviceGroups() {
           "cannot delete device group " + m_sSvolGroup);
   require(h().deleteDeviceGroup(pairs, m_sPvolGroup, true),
           "cannot delete device group " + m_sPvolGroup);
+  checkDeviceGroupsGone();
   m_bDeviceGroupsTouched = false;
   return m_sPvolGroup + " and " + m_sSvolGroup + " deleted";
 }
@@ -592,6 +637,7 @@ void JobRun::deleteOurDeviceGroups() {
       require(h().deleteDeviceGroup(g), "cannot delete device group " + g);
     }
   }
+  checkDeviceGroupsGone();
 }
 
 void JobRun::deleteOurSvols() {
