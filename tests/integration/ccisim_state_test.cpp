@@ -1,0 +1,202 @@
+// The simulator's state as a shared, crash-safe store: concurrent writers, a killed invocation,
+// missing or corrupt state files, dump and load, faults and the journal.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <nlohmann/json.hpp>
+
+#include "hds/platform/VtProcess.h"
+#include "tests/support/ProcessHelpers.h"
+#include "tests/support/SimArray.h"
+
+namespace {
+
+using hdstest::SimArray;
+using hdstest::ToolResult;
+
+std::vector<std::string> withInstance(std::vector<std::string> args) {
+  args.insert(args.end(), {"-IM3532", "-s", SimArray::kSerial});
+  return args;
+}
+
+int countLdevsFrom(const SimArray& sim, int first) {
+  int n = 0;
+  nlohmann::json state = nlohmann::json::parse(sim.dumpJson());
+  for (const auto& a : state["arrays"]) {
+    for (const auto& l : a["ldevs"]) n += l["defined"].get<bool>() && l["id"].get<int>() >= first;
+  }
+  return n;
+}
+
+class CcisimStateTest : public ::testing::Test {
+ protected:
+  void SetUp() override { m_oSim.startRaidcomSession(); }
+
+  hdstest::TestEnv m_oEnv;
+  SimArray m_oSim{m_oEnv};
+};
+
+TEST_F(CcisimStateTest, SixteenProcessesAddingLdevsAtOnceLoseNone) {
+  std::vector<int> codes = hdstest::runInChildren(16, [this](int child) {
+    for (int k = 0; k < 20; ++k) {
+      std::string id = std::to_string(1000 + child * 20 + k);
+      ToolResult r = m_oSim.run("raidcom", withInstance({"add", "ldev", "-pool", "0", "-ldev_id",
+                                                         id, "-capacity", "1G"}));
+      if (r.exitCode != 0) return 1;
+    }
+    return 0;
+  });
+  for (int code : codes) EXPECT_EQ(code, 0);
+  EXPECT_EQ(countLdevsFrom(m_oSim, 1000) - countLdevsFrom(m_oSim, 1320), 320);
+  EXPECT_EQ(m_oSim.journal().size(), 2u + 320u);  // start, login and every add
+}
+
+// Starts raidcom with its transaction held open, kills it there, and checks nothing stayed.
+TEST_F(CcisimStateTest, KilledInvocationLeavesStateAsItWas) {
+  std::string before = m_oSim.dump();
+  int errPipe[2];
+  ASSERT_EQ(pipe(errPipe), 0);
+  pid_t pid = fork();
+  if (pid == 0) {
+    dup2(errPipe[1], 2);
+    setenv("CCISIM_HOLD_MS", "30000", 1);
+    std::string tool = m_oSim.toolPath("raidcom");
+    execl(tool.c_str(), "raidcom", "add", "ldev", "-pool", "0", "-ldev_id", "500", "-capacity",
+          "1G", "-IM3532", "-s", SimArray::kSerial, static_cast<char*>(nullptr));
+    _exit(127);
+  }
+  close(errPipe[1]);
+  std::string seen;
+  pollfd pfd{errPipe[0], POLLIN, 0};
+  while (seen.find("holding") == std::string::npos && poll(&pfd, 1, 20000) > 0) {
+    char buf[256];
+    ssize_t n = read(errPipe[0], buf, sizeof(buf));
+    if (n <= 0) break;
+    seen.append(buf, static_cast<size_t>(n));
+  }
+  close(errPipe[0]);
+  ASSERT_NE(seen.find("holding"), std::string::npos) << seen;
+  kill(pid, SIGKILL);
+  EXPECT_EQ(hdstest::waitChild(pid), 128 + SIGKILL);
+
+  EXPECT_EQ(m_oSim.dump(), before);
+  EXPECT_EQ(m_oSim.raidcom("add ldev -pool 0 -ldev_id 500 -capacity 1G").exitCode, 0);
+  EXPECT_EQ(countLdevsFrom(m_oSim, 500) - countLdevsFrom(m_oSim, 501), 1);
+}
+
+TEST_F(CcisimStateTest, DumpLoadsBackToTheSameState) {
+  for (const char* line :
+       {"add ldev -pool 0 -ldev_id 300 -capacity 1G",
+        "add device_grp -device_grp_name DG Pair_100 -ldev_id 300",
+        "add host_grp -port CL2-A -host_grp_name 'backup host'",
+        "add lun -port CL2-A-1 -ldev_id 300", "add hba_wwn -port CL2-A-1 -hba_wwn 10000090fa1b2c4d",
+        "add snapshot -ldev_id 100 300 -pool 1 -snapshotgroup SG",
+        "lock resource -resource_name meta_resource"}) {
+    ASSERT_EQ(m_oSim.raidcom(line).exitCode, 0) << line;
+  }
+  std::string json = m_oSim.dumpJson();
+  m_oSim.load(json);
+  EXPECT_EQ(m_oSim.dumpJson(), json);
+}
+
+TEST_F(CcisimStateTest, FaultsFailMatchingCallsTheGivenNumberOfTimes) {
+  hdstest::SimFault expired;
+  expired.match = "^get port";
+  expired.exitCode = 202;
+  expired.err = "raidcom: [EX_ENAUTH] Authentication failed with User";
+  m_oSim.addFault(expired);
+
+  EXPECT_EQ(m_oSim.raidcom("get pool -key opt").exitCode, 0);  // does not match
+  ToolResult first = m_oSim.raidcom("get port");
+  EXPECT_EQ(first.exitCode, 202);
+  EXPECT_EQ(first.err, "raidcom: [EX_ENAUTH] Authentication failed with User\n");
+  EXPECT_EQ(m_oSim.raidcom("get port").exitCode, 0);
+
+  hdstest::SimFault every;
+  every.tool = "*";
+  every.match = "-g CG9";
+  every.exitCode = 239;
+  every.times = -1;
+  m_oSim.addFault(every);
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(m_oSim.run("pairdisplay", {"-g", "CG9"}).exitCode, 239);
+}
+
+TEST_F(CcisimStateTest, DelayFaultHangsPastATimeOutOnce) {
+  hdstest::SimFault hang;
+  hang.match = "get port";
+  hang.delayMs = 20000;
+  m_oSim.addFault(hang);
+  std::string line = m_oSim.toolPath("raidcom") + " get port" + SimArray::instanceArgs();
+  std::string sh = "/bin/sh", c = "-c";
+  char* argv[] = {&sh[0], &c[0], &line[0], nullptr};
+  VtProcess process;
+  process.TrapIO(true, true);
+  std::string error;
+  int code = 0;
+  ASSERT_TRUE(process.StartProcess(argv, &error, 0));
+  EXPECT_FALSE(process.WaitForProcessToEndMs(&code, &error, 300));
+  EXPECT_EQ(error, "timedout");
+
+  ToolResult again = m_oSim.raidcom("get port");
+  EXPECT_EQ(again.exitCode, 0);
+  auto journal = m_oSim.journal();
+  ASSERT_GE(journal.size(), 2u);
+  EXPECT_FALSE(journal[journal.size() - 2].exitCode.has_value());  // the killed call
+}
+
+TEST_F(CcisimStateTest, StatusFaultFailsAnAsynchronousCommandInTheBackground) {
+  hdstest::SimFault full;
+  full.match = "add ldev";
+  full.statusSsb = "2E31,4016";
+  full.statusText = "Pool is full";
+  m_oSim.addFault(full);
+  EXPECT_EQ(m_oSim.raidcom("reset command_status").exitCode, 0);
+  EXPECT_EQ(m_oSim.raidcom("add ldev -pool 0 -ldev_id 400 -capacity 1G").exitCode, 0);
+  std::vector<std::string> status =
+      hdstest::lineWords(hdstest::outputLines(m_oSim.raidcom("get command_status").out).at(1));
+  ASSERT_GE(status.size(), 6u);
+  EXPECT_EQ(status[1], "2e31");
+  EXPECT_EQ(status[2], "4016");
+  EXPECT_EQ(status[3], "1");
+  EXPECT_EQ(countLdevsFrom(m_oSim, 400) - countLdevsFrom(m_oSim, 401), 0);
+}
+
+TEST_F(CcisimStateTest, JournalKeepsEveryArgumentVectorAndExitCode) {
+  m_oSim.run("raidcom", withInstance({"modify", "ldev", "-ldev_id", "100", "-ldev_name", "a b"}));
+  m_oSim.run("raidcom", withInstance({"delete", "ldev", "-ldev_id", "999"}));
+  auto journal = m_oSim.journal();
+  ASSERT_EQ(journal.size(), 4u);
+  EXPECT_EQ(journal[0].tool, "horcmstart.sh");
+  EXPECT_EQ(journal[1].args,
+            (std::vector<std::string>{"-login", SimArray::kUser, SimArray::kPassword, "-IM3532"}));
+  EXPECT_EQ(journal[2].tool, "raidcom");
+  EXPECT_EQ(journal[2].args[5], "a b");
+  EXPECT_EQ(journal[2].exitCode, 0);
+  EXPECT_EQ(journal[3].exitCode, 221);
+}
+
+TEST(CcisimStateFile, MissingOrCorruptStateGivesAClearMessage) {
+  hdstest::TestEnv env;
+  SimArray sim(env);
+  env.setEnv("CCISIM_STATE", (env.root() + "/nothing.db").c_str());
+  ToolResult missing = sim.run("raidqry", {"-h"});
+  EXPECT_NE(missing.exitCode, 0);
+  EXPECT_NE(missing.err.find("no simulator state at"), std::string::npos) << missing.err;
+
+  hdstest::writeFile(env.root() + "/garbage.db", std::string(8192, 'x'));
+  env.setEnv("CCISIM_STATE", (env.root() + "/garbage.db").c_str());
+  ToolResult corrupt = sim.run("raidqry", {"-h"});
+  EXPECT_NE(corrupt.exitCode, 0);
+  EXPECT_NE(corrupt.err.find("corrupt"), std::string::npos) << corrupt.err;
+
+  env.setEnv("CCISIM_STATE", nullptr);
+  ToolResult unset = sim.run("raidqry", {"-h"});
+  EXPECT_NE(unset.exitCode, 0);
+  EXPECT_NE(unset.err.find("CCISIM_STATE is not set"), std::string::npos) << unset.err;
+}
+
+}  // namespace

@@ -1,0 +1,187 @@
+#include "tests/support/SimArray.h"
+
+#include <nlohmann/json.hpp>
+#include <stdexcept>
+
+#include "hds/platform/VtProcess.h"
+
+namespace hdstest {
+
+namespace {
+
+// Long enough for any simulated call; a hung one shows up as a failure, not a stuck test.
+constexpr long kToolTimeoutMs = 60000;
+
+ToolResult runArgv(const std::vector<std::string>& argv) {
+  std::vector<char*> raw;
+  for (const std::string& a : argv) raw.push_back(const_cast<char*>(a.c_str()));
+  raw.push_back(nullptr);
+  ToolResult result;
+  VtProcess process;
+  process.TrapIO(true, true);
+  std::string error;
+  if (!process.StartProcess(raw.data(), &error, 0)) {
+    result.err = error;
+    return result;
+  }
+  if (!process.WaitForProcessToEndMs(&result.exitCode, &error, kToolTimeoutMs)) {
+    result.exitCode = -1;
+  }
+  process.GetIO(&result.out, &result.err);
+  if (!error.empty()) result.err += error;
+  return result;
+}
+
+}  // namespace
+
+std::vector<std::string> outputLines(const std::string& text) {
+  std::vector<std::string> lines;
+  size_t pos = 0;
+  while (pos < text.size()) {
+    size_t end = text.find('\n', pos);
+    if (end == std::string::npos) end = text.size();
+    lines.push_back(text.substr(pos, end - pos));
+    pos = end + 1;
+  }
+  return lines;
+}
+
+std::vector<std::string> lineWords(const std::string& line) {
+  std::vector<std::string> words;
+  size_t pos = 0;
+  while (true) {
+    pos = line.find_first_not_of(" \t", pos);
+    if (pos == std::string::npos) break;
+    size_t end = line.find_first_of(" \t", pos);
+    words.push_back(line.substr(pos, end == std::string::npos ? std::string::npos : end - pos));
+    if (end == std::string::npos) break;
+    pos = end;
+  }
+  return words;
+}
+
+SimArray::SimArray(const TestEnv& env, const std::string& scenarioJson) : m_rEnv(env) {
+  admin({"install", cciDir()});
+  if (scenarioJson.empty()) {
+    admin({"init"});
+  } else {
+    load(scenarioJson);
+  }
+}
+
+std::string SimArray::ccisimPath() { return HDS_TEST_BINARY_DIR "/sim/ccisim"; }
+
+std::string SimArray::defaultScenario() {
+  ToolResult r = runArgv({ccisimPath(), "init", "--print"});
+  if (r.exitCode != 0) throw std::runtime_error("ccisim init --print failed: " + r.err);
+  return r.out;
+}
+
+ToolResult SimArray::run(const std::string& tool, const std::vector<std::string>& args) const {
+  std::vector<std::string> argv{toolPath(tool)};
+  argv.insert(argv.end(), args.begin(), args.end());
+  return runArgv(argv);
+}
+
+ToolResult SimArray::shell(const std::string& commandLine) const {
+  return runArgv({"/bin/sh", "-c", commandLine});
+}
+
+std::string SimArray::admin(const std::vector<std::string>& args) const {
+  std::vector<std::string> argv{ccisimPath()};
+  argv.insert(argv.end(), args.begin(), args.end());
+  ToolResult r = runArgv(argv);
+  if (r.exitCode != 0) {
+    std::string line;
+    for (const std::string& a : args) line += " " + a;
+    throw std::runtime_error("ccisim" + line + " failed (" + std::to_string(r.exitCode) +
+                             "): " + r.err);
+  }
+  return r.out;
+}
+
+std::string SimArray::dump() const { return admin({"dump"}); }
+
+std::string SimArray::dumpJson() const { return admin({"dump", "--json"}); }
+
+void SimArray::load(const std::string& scenarioJson) const {
+  std::string path = m_rEnv.root() + "/scenario.json";
+  writeFile(path, scenarioJson);
+  admin({"load", path});
+}
+
+void SimArray::addFault(const SimFault& f) const {
+  std::vector<std::string> args{"fault", "add",     "--tool",
+                                f.tool,  "--times", std::to_string(f.times)};
+  if (!f.match.empty()) args.insert(args.end(), {"--match", f.match});
+  if (f.exitCode) args.insert(args.end(), {"--exit", std::to_string(*f.exitCode)});
+  if (!f.out.empty()) args.insert(args.end(), {"--stdout", f.out});
+  if (!f.err.empty()) args.insert(args.end(), {"--stderr", f.err});
+  if (f.delayMs > 0) args.insert(args.end(), {"--delay-ms", std::to_string(f.delayMs)});
+  if (!f.statusSsb.empty()) args.insert(args.end(), {"--status-ssb", f.statusSsb});
+  if (!f.statusText.empty()) args.insert(args.end(), {"--status-text", f.statusText});
+  admin(args);
+}
+
+void SimArray::clearFaults() const { admin({"fault", "clear"}); }
+
+std::vector<SimJournalEntry> SimArray::journal() const {
+  std::vector<SimJournalEntry> entries;
+  for (const auto& j : nlohmann::json::parse(admin({"journal", "--json"}))) {
+    SimJournalEntry e;
+    e.tool = j["tool"].get<std::string>();
+    e.args = j["args"].get<std::vector<std::string>>();
+    if (!j["exit"].is_null()) e.exitCode = j["exit"].get<int>();
+    entries.push_back(e);
+  }
+  return entries;
+}
+
+void SimArray::setTimings(int copyMs, int formatMs, int syncLagMs) const {
+  admin({"timing", "--copy-ms", std::to_string(copyMs), "--format-ms", std::to_string(formatMs),
+         "--sync-lag-ms", std::to_string(syncLagMs)});
+}
+
+void SimArray::expireSessions() const { admin({"session", "expire"}); }
+
+void SimArray::lockResourceGroup(const std::string& name, const std::string& owner,
+                                 const std::string& host) const {
+  admin({"resource", "lock", name, "--owner", owner, "--host", host});
+}
+
+void SimArray::writeRaidcomHorcmConf(int instance,
+                                     const std::vector<std::string>& commandDevices) const {
+  std::string n = std::to_string(instance);
+  std::string devices;
+  for (const std::string& d : commandDevices.empty()
+                                  ? std::vector<std::string>{"\\\\.\\CMD-412345:/dev/sdc"}
+                                  : commandDevices) {
+    devices += d + " ";
+  }
+  writeFile(m_rEnv.horcmDir() + "horcm" + n + ".conf",
+            "#HORCM file create by Tessaly Kestrel. Do not alter the file content or delete the "
+            "file.\nHORCM_MON\n#ip_address                  service         poll(10ms)     "
+            "timeout(10ms)\ntesthost\t\t" +
+                n +
+                "\t1000           3000\n\nHORCM_CMD\n#dev_name               dev_name         "
+                "       dev_name\n#\\\\.\\CMD-" +
+                kSerial + "\n" + devices + "\n");
+}
+
+void SimArray::startRaidcomSession(int instance) const {
+  writeRaidcomHorcmConf(instance);
+  ToolResult start = run("horcmstart.sh", {std::to_string(instance)});
+  if (start.exitCode != 0) throw std::runtime_error("horcmstart.sh failed: " + start.out);
+  ToolResult login = run("raidcom", {"-login", kUser, kPassword, "-IM" + std::to_string(instance)});
+  if (login.exitCode != 0) throw std::runtime_error("raidcom -login failed: " + login.err);
+}
+
+std::string SimArray::instanceArgs(int instance) {
+  return " -IM" + std::to_string(instance) + " -s " + kSerial;
+}
+
+ToolResult SimArray::raidcom(const std::string& arguments, int instance) const {
+  return shell(toolPath("raidcom") + " " + arguments + instanceArgs(instance));
+}
+
+}  // namespace hdstest
