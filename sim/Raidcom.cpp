@@ -184,10 +184,6 @@ std::vector<int> Raidcom::deviceGroupLdevs(const std::string& group) {
   return ldevs;
 }
 
-int64_t Raidcom::copyMs() { return std::atoll(db().meta("copy_ms").value_or("0").c_str()); }
-
-int64_t Raidcom::formatMs() { return std::atoll(db().meta("format_ms").value_or("0").c_str()); }
-
 int runRaidcom(Invocation& inv) {
   inv.takeInstanceOption();
   std::vector<std::string> words;

@@ -332,7 +332,7 @@ void initializeLdev(Raidcom& rc) {
   for (const LdevRow& row : rows) {
     if (row.status != "BLK") rc.inv().asyncFail(ssb::LDEV_NOT_BLOCKED);
   }
-  int64_t ms = rc.formatMs();
+  int64_t ms = timingMs(rc.db(), "format_ms");
   int64_t due = Invocation::nowMs() + ms;
   for (const LdevRow& row : rows) {
     if (ms <= 0) {
