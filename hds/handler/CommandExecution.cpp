@@ -28,11 +28,12 @@ std::mutex g_oNameCounterMutex;
 
 using hds::text::Separator;
 
-}  // namespace
-
-std::string CommandHandler::formUniqueFileName(const char* lockName, const char* suffix,
-                                               int64_t& lastTime, int& lastIndex) {
-  VTHDSLock guard(*m_pSnapInfo, lockName, 0);
+// <tempDir>/<pid>_<tid>_<seconds>_<index>_<suffix>: the process and thread ids keep names of
+// different processes and threads apart, the index those one thread makes within a second.
+std::string formUniqueFileName(VTSO::SnapInfo& snapInfo, const std::string& tempDir,
+                               const char* lockName, const char* suffix, int64_t& lastTime,
+                               int& lastIndex) {
+  VTHDSLock guard(snapInfo, lockName, 0);
   std::lock_guard<std::mutex> counterGuard(g_oNameCounterMutex);
 
   const int64_t now = static_cast<int64_t>(std::time(nullptr));
@@ -44,23 +45,26 @@ std::string CommandHandler::formUniqueFileName(const char* lockName, const char*
   lastTime = now;
 
   char name[1024];
-  const int length = std::snprintf(name, sizeof(name), "%s/%d_%d_%lld_%d_%s", m_sVTTempDir.c_str(),
+  const int length = std::snprintf(name, sizeof(name), "%s/%d_%d_%lld_%d_%s", tempDir.c_str(),
                                    EvDebug::getProcessId(), static_cast<int>(GetCurrentThreadId()),
                                    static_cast<long long>(now), lastIndex, suffix);
   if (length < 0 || static_cast<size_t>(length) >= sizeof(name)) {
     // A cut name could collide with another process's file or point somewhere else entirely.
-    m_pSnapInfo->log(2, VT_HDS_LOG_MODULE,
-                     "Temporary directory [%s] is too long to form a file name in it.",
-                     m_sVTTempDir.c_str());
+    snapInfo.log(2, VT_HDS_LOG_MODULE,
+                 "Temporary directory [%s] is too long to form a file name in it.",
+                 tempDir.c_str());
     return std::string();
   }
   return name;
 }
 
+}  // namespace
+
 std::string CommandHandler::formOutputFileName() {
   static int64_t lastTime = 0;
   static int lastIndex = 0;
-  std::string path = formUniqueFileName("VT_HDS_OUTPUTFILE_LOCK", "resp.log", lastTime, lastIndex);
+  std::string path = formUniqueFileName(*m_pSnapInfo, m_sVTTempDir, "VT_HDS_OUTPUTFILE_LOCK",
+                                        "resp.log", lastTime, lastIndex);
   if (!path.empty()) {
     m_pSnapInfo->log(0, VT_HDS_LOG_MODULE, "Going to use output file [%s].", path.c_str());
   }
@@ -70,7 +74,8 @@ std::string CommandHandler::formOutputFileName() {
 std::string CommandHandler::formInputScriptFileName() {
   static int64_t lastTime = 0;
   static int lastIndex = 0;
-  return formUniqueFileName("VT_HDS_INPUTFILE_LOCK", "script", lastTime, lastIndex);
+  return formUniqueFileName(*m_pSnapInfo, m_sVTTempDir, "VT_HDS_INPUTFILE_LOCK", "script", lastTime,
+                            lastIndex);
 }
 
 int CommandHandler::executeCommand(const std::string& commandName, const std::string& arguments,

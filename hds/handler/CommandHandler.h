@@ -111,6 +111,4 @@ class HDS_API CommandHandler {
 
  private:
   int initializeProcessWide();
-  std::string formUniqueFileName(const char* lockName, const char* suffix, int64_t& lastTime,
-                                 int& lastIndex);
 };

@@ -21,7 +21,9 @@ class HDS_API CZoError {
 };
 
 // A file opened with O_CLOEXEC | O_NOFOLLOW always: a planted symlink at a script, response or
-// HORCM path is refused, never followed.
+// HORCM path is refused, never followed. A file opened for writing with an execute bit in mode
+// holds back every process start of this process until it is closed (so that no child can carry
+// it open into "Text file busy"): close it before running anything.
 class HDS_API CZoFile {
  public:
   CZoFile() = default;

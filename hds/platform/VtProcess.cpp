@@ -5,12 +5,17 @@
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/mman.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <climits>
+#include <cstdint>
 #include <cstring>
+#include <memory>
 #include <vector>
 
 #include "hds/platform/PlatformInternal.h"
@@ -25,6 +30,8 @@ constexpr long kDrainAfterExitMs = 200;
 // Between SIGTERM and SIGKILL for the group of a child that timed out.
 constexpr long kTermGraceMs = 100;
 constexpr size_t kReadChunk = 1 << 16;
+constexpr size_t kHugePage = 2 << 20;
+constexpr size_t kHugeAdviceFrom = 8 << 20;
 
 long long nowMs() {
   timespec ts;
@@ -105,6 +112,7 @@ struct VtProcess::Impl {
   int iExitCode = -1;
   std::string sOut;
   std::string sErr;
+  std::unique_ptr<char[]> pChunk;
 
   bool start(char* const argv[], std::string* error);
   bool wait(int* exitCode, std::string* error, long timeoutMs);
@@ -193,15 +201,46 @@ bool VtProcess::Impl::start(char* const argv[], std::string* error) {
   return true;
 }
 
+namespace {
+
+// Grows buf to hold at least need bytes. Big outputs are costly mostly through the kernel
+// zeroing fresh pages: past a few MiB the buffer grows eightfold (untouched capacity costs no
+// memory, and the pages of outgrown buffers add up to an eighth of the output instead of all of
+// it) and is advised onto huge pages before first use.
+void reserveFor(std::string& buf, size_t need) {
+  if (need <= buf.capacity()) return;
+  size_t cap = std::max(need, buf.capacity() * 2);
+  if (cap < kHugeAdviceFrom) {
+    buf.reserve(cap);
+    return;
+  }
+  cap = std::max(need, buf.capacity() * 8);
+  std::string bigger;
+  bigger.reserve(cap);
+  uintptr_t begin = reinterpret_cast<uintptr_t>(&bigger[0]);
+  uintptr_t first = (begin + kHugePage - 1) & ~(kHugePage - 1);
+  uintptr_t last = (begin + cap) & ~(kHugePage - 1);
+  if (last > first) madvise(reinterpret_cast<void*>(first), last - first, MADV_HUGEPAGE);
+  bigger.append(buf);
+  buf.swap(bigger);
+}
+
+}  // namespace
+
 void VtProcess::Impl::readSome(int& fd, std::string& buf) {
-  size_t used = buf.size();
-  buf.resize(used + kReadChunk);  // grows geometrically: one copy of the output overall
+  // On the heap: the host's threads may have small stacks.
+  if (!pChunk) pChunk.reset(new char[kReadChunk]);
+  char* chunk = pChunk.get();
   ssize_t n;
   do {
-    n = read(fd, &buf[used], buf.size() - used);
+    n = read(fd, chunk, kReadChunk);
   } while (n < 0 && errno == EINTR);
-  buf.resize(used + (n > 0 ? static_cast<size_t>(n) : 0));
-  if (n <= 0) closeFd(fd);
+  if (n <= 0) {
+    closeFd(fd);
+    return;
+  }
+  reserveFor(buf, buf.size() + static_cast<size_t>(n));
+  buf.append(chunk, static_cast<size_t>(n));
 }
 
 // Collects the exit status. false while the child is still running (block == false only).
@@ -246,8 +285,8 @@ bool VtProcess::Impl::wait(int* exitCode, std::string* error, long timeoutMs) {
   };
   if (iPid <= 0) return fail("No process was started");
   long long deadline = timeoutMs > 0 ? nowMs() + timeoutMs : -1;
-  long long drainUntil = -1;
   bool exited = bEnded;
+  long long drainUntil = exited ? nowMs() + kDrainAfterExitMs : -1;
   bool timedOut = false;
 
   while (iOutFd >= 0 || iErrFd >= 0 || !exited) {
@@ -275,7 +314,7 @@ bool VtProcess::Impl::wait(int* exitCode, std::string* error, long timeoutMs) {
         timedOut = !exited;
         break;
       }
-      timeout = static_cast<int>(until - now);
+      timeout = static_cast<int>(std::min<long long>(until - now, INT_MAX));
     }
     // Without a pidfd (old kernels) the end of the child is noticed by asking now and then.
     if (!exited && iPidFd < 0 && (timeout < 0 || timeout > 20)) timeout = 20;

@@ -1,65 +1,36 @@
 #include "tests/support/FakeTools.h"
 
+#include <dirent.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cstdio>
 #include <fstream>
-#include <sstream>
 
 #include "tests/support/ProcessHelpers.h"
-#include "tests/support/TestEnv.h"
 
 namespace hdstest {
 
-namespace {
-
-std::string quoteForShell(const std::string& text) {
-  std::string quoted = "'";
-  for (char c : text) {
-    if (c == '\'') {
-      quoted += "'\\''";
-    } else {
-      quoted += c;
-    }
-  }
-  return quoted + "'";
-}
-
-}  // namespace
-
 FakeTools::FakeTools(std::string dir) : m_dir(std::move(dir)) {
-  if (!m_dir.empty() && m_dir.back() != '/') m_dir += '/';
+  if (m_dir.back() != '/') m_dir += '/';
   mkdir((m_dir + ".fake").c_str(), 0755);
-}
-
-void FakeTools::addScript(const std::string& name, const std::string& body) {
-  const std::string log = m_dir + ".fake/" + name + ".calls";
-  std::string script = "#!/bin/sh\n{ for a in \"$@\"; do printf '[%s]' \"$a\"; done; echo; } >> " +
-                       quoteForShell(log) + "\n" + body + "\n";
-  writeFile(m_dir + name, script, 0755);
 }
 
 void FakeTools::add(const std::string& name, const std::string& stdoutText, int exitCode,
                     const std::string& stderrText) {
-  const std::string out = m_dir + ".fake/" + name + ".out";
-  const std::string err = m_dir + ".fake/" + name + ".err";
-  writeFile(out, stdoutText);
-  writeFile(err, stderrText);
-  addScript(name, "cat " + quoteForShell(out) + "\ncat " + quoteForShell(err) + " >&2\nexit " +
-                      std::to_string(exitCode));
+  const std::string data = m_dir + ".fake/" + name;
+  writeFile(data + ".out", stdoutText);
+  writeFile(data + ".err", stderrText);
+  writeFile(m_dir + name,
+            "#!/bin/sh\n{ for a in \"$@\"; do printf '[%s]' \"$a\"; done; echo; } >> '" + data +
+                ".calls'\ncat '" + data + ".out'\ncat '" + data + ".err' >&2\nexit " +
+                std::to_string(exitCode) + "\n",
+            0755);
 }
 
 void FakeTools::addRaidqry(const std::string& version) {
-  add("raidqry",
-      "Model  : RAID-Manager/Linux/x64\n"
-      "Ver&Rev: " +
-          version +
-          "\n"
-          "Usage  : raidqry [options] for HORC[200]\n"
-          " -h     Help/Usage\n"
-          " -l            Specify the local query\n");
+  add("raidqry", "Model  : RAID-Manager/Linux/x64\nVer&Rev: " + version +
+                     "\nUsage  : raidqry [options] for HORC[200]\n -h     Help/Usage\n");
 }
 
 std::vector<std::string> FakeTools::argv(const std::string& name) const {
@@ -69,7 +40,20 @@ std::vector<std::string> FakeTools::argv(const std::string& name) const {
   return calls;
 }
 
-int FakeTools::calls(const std::string& name) const { return static_cast<int>(argv(name).size()); }
+std::vector<std::string> HandlerEnv::tempFiles(const std::string& suffix) const {
+  std::vector<std::string> paths;
+  if (DIR* d = opendir(env.tempDir().c_str())) {
+    while (dirent* e = readdir(d)) {
+      const std::string name = e->d_name;
+      if (name.size() > suffix.size() &&
+          name.compare(name.size() - suffix.size(), suffix.size(), suffix) == 0) {
+        paths.push_back(env.tempDir() + "/" + name);
+      }
+    }
+    closedir(d);
+  }
+  return paths;
+}
 
 void expectInChild(const std::function<void()>& body) {
   const pid_t pid = forkChild([&body] {

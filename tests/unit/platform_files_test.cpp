@@ -96,24 +96,19 @@ TEST(TimeScale, ShortensSleepsButNeverToZero) {
   EXPECT_LT(ms, 3000);
 }
 
-TEST(ClientIdentity, NamesPasswordsAndLogLines) {
+TEST(ClientIdentity, NamesPasswordHookAndLogLines) {
   hdstest::TestEnv env;
   EXPECT_EQ(EvDebug::getClientName(), "testclient");
   env.setEnv("HDS_CLIENT_NAME", nullptr);
   EXPECT_EQ(EvDebug::getClientName(), VTClient("x").getNetworkHostname());
-  EXPECT_EQ(EvDebug::getProcessId(), getpid());
 
   char out[8];
   int size = sizeof(out);
-  EXPECT_NE(VTPassword::decrypt("secret", out, &size), 0);
-  EXPECT_STREQ(out, "secret");
-  size = sizeof(out);
   EXPECT_EQ(VTPassword::decrypt("too long for it", out, &size), 0);
   VTPassword::setDecryptHook([](const char*, char* o, int*) {
     strcpy(o, "plain");
     return 1;
   });
-  size = sizeof(out);
   EXPECT_NE(VTPassword::decrypt("x", out, &size), 0);
   VTPassword::setDecryptHook(nullptr);
   EXPECT_STREQ(out, "plain");
@@ -124,9 +119,7 @@ TEST(ClientIdentity, NamesPasswordsAndLogLines) {
   info.log(0, "HDS  ", "dropped %d", 1);
   info.log(2, "HDS  ", "Failed to delete file [%s].", "/tmp/x");
   EXPECT_EQ(log.str(), "2 HDS   Failed to delete file [/tmp/x].\n");
-  int v = 0;
   char buf[4];
-  EXPECT_FALSE(info.getSnapConfigInt(SMCONFIG_NAME_ENABLE_COMMAND_LOGGING, v));
   info.setConfigString(SMCONFIG_NAME_HORCM_INSTALLATION_PATH, "/HORCM");
   EXPECT_TRUE(info.getSnapConfigString(SMCONFIG_NAME_HORCM_INSTALLATION_PATH, buf, sizeof(buf)));
   EXPECT_STREQ(buf, "/HO");

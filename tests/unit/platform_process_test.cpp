@@ -223,8 +223,14 @@ TEST(ProcessResources, NoZombiesAndNoForkCostFromALargeParent) {
   void* big = mmap(nullptr, size, PROT_READ | PROT_WRITE,
                    MAP_PRIVATE | MAP_ANONYMOUS | MAP_POPULATE, -1, 0);
   ASSERT_NE(big, MAP_FAILED);
-  Result r = run("true", 5000);
+  // fork() would copy the page tables of those 2 GiB on every start (tens to hundreds of ms);
+  // the best of a few starts stays far below that whatever else the machine is doing.
+  long best = 1 << 30;
+  for (int i = 0; i < 5; ++i) {
+    Result r = run("true", 5000);
+    EXPECT_TRUE(r.bOk);
+    best = std::min(best, r.lElapsedMs);
+  }
   munmap(big, size);
-  EXPECT_TRUE(r.bOk);
-  EXPECT_LT(r.lElapsedMs, 1000) << "start cost grows with the parent's memory";
+  EXPECT_LT(best, 50) << "start cost grows with the parent's memory";
 }

@@ -1,0 +1,63 @@
+#!/bin/sh
+# Installs the build into a temporary prefix, checks the shared object's SONAME and exported
+# symbols, then builds and runs a consumer against the prefix, once through find_package and once
+# through pkg-config.
+# Usage: run_install_test.sh BUILD_DIR CONSUMER_SOURCE_DIR CXX [EXTRA_CXX_FLAGS]
+set -eu
+build=$1
+consumer_src=$2
+cxx=$3
+flags=${4:-}
+
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+fail() { echo "install test: $*" >&2; exit 1; }
+
+prefix=$work/prefix
+cmake --install "$build" --prefix "$prefix" >"$work/install.log" || {
+  cat "$work/install.log" >&2
+  fail "cmake --install failed"
+}
+
+lib=$(find "$prefix" -name 'libhdscmd.so' | head -n 1)
+[ -n "$lib" ] || fail "libhdscmd.so not installed"
+libdir=$(dirname "$lib")
+[ -f "$prefix/include/hds/handler/CommandHandler.h" ] || fail "headers not installed"
+
+soname=$(objdump -p "$lib" | awk '/SONAME/ {print $2}')
+[ "$soname" = "libhdscmd.so.1" ] || fail "SONAME is '$soname', expected libhdscmd.so.1"
+[ -L "$libdir/libhdscmd.so.1" ] || fail "no libhdscmd.so.1 link"
+
+# Only the public API may be exported: no internal helpers of the library.
+nm -D --defined-only -C "$lib" >"$work/symbols"
+grep -q 'CommandHandler::executeCommand' "$work/symbols" || fail "public API not exported"
+if grep -E 'hds::text::|hdsplatform::|anonymous namespace|ShellArgv|VersionQuad' \
+    "$work/symbols"; then
+  fail "internal symbols are exported (above)"
+fi
+
+# The consumer runs in a private environment: nothing touches /etc, /run/lock or /var/tmp.
+export HDS_LOCK_DIR="$work/lock" HDS_TEMP_DIR="$work/tmp" HDS_HORCM_DIR="$work/horcm/"
+export HDS_SETTINGS_FILE="$work/settings.conf" HDS_CLIENT_NAME=consumer
+printf '[iHarbor]\nsVTHDSHorcmDirectory=%s\n' "$work/no-cci" >"$HDS_SETTINGS_FILE"
+
+cmake -S "$consumer_src/consumer" -B "$work/cmake-build" -DCMAKE_PREFIX_PATH="$prefix" \
+  -DCMAKE_CXX_COMPILER="$cxx" -DCMAKE_CXX_FLAGS="$flags" >"$work/configure.log" || {
+  cat "$work/configure.log" >&2
+  fail "find_package(hdscmd) consumer did not configure"
+}
+cmake --build "$work/cmake-build" >"$work/build.log" || {
+  cat "$work/build.log" >&2
+  fail "find_package(hdscmd) consumer did not build"
+}
+ldd "$work/cmake-build/consumer" | grep -q "$libdir/libhdscmd.so.1" ||
+  fail "find_package consumer is not linked to the installed library"
+"$work/cmake-build/consumer" || fail "find_package consumer failed"
+
+export PKG_CONFIG_PATH="$libdir/pkgconfig"
+[ "$(pkg-config --modversion hdscmd)" = "1.0.0" ] || fail "pkg-config does not know hdscmd"
+# shellcheck disable=SC2046,SC2086
+"$cxx" -std=c++17 $flags -o "$work/pc-consumer" "$consumer_src/consumer/consumer.cpp" \
+  $(pkg-config --cflags --libs hdscmd) -Wl,-rpath,"$libdir" || fail "pkg-config consumer did not build"
+"$work/pc-consumer" || fail "pkg-config consumer failed"
+echo "install test: ok"

@@ -1,0 +1,344 @@
+// The handler base against fake CCI tools. Each scenario runs in a fresh child process.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <thread>
+
+#include "hds/platform/ZoSleep.h"
+#include "tests/support/FakeTools.h"
+
+namespace {
+
+using hdstest::expectInChild;
+using hdstest::HandlerProbe;
+
+class Handler : public ::testing::Test {
+ protected:
+  hdstest::HandlerEnv h;
+  std::string output;
+  int exitCode = -1;
+};
+
+TEST_F(Handler, InitialisationSettlesProcessWideValuesOnce) {
+  expectInChild([&] {
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i) threads.emplace_back([&] { EXPECT_EQ(h.handler()->ready(), 1); });
+    for (auto& t : threads) t.join();
+    EXPECT_EQ(HandlerProbe::cciPath(), h.env.cciDir());
+    EXPECT_EQ(HandlerProbe::hostName(), "testhost");
+    EXPECT_EQ(HandlerProbe::cciVersion(), "01-29-03/05");
+    std::string version;
+    EXPECT_EQ(h.handler()->getCCIVersionInstalled(version), 0);
+    EXPECT_EQ(version, "01-29-03/05");
+    EXPECT_TRUE(h.log.contains("Got CCI version [01-29-03/05] from cache.", 0));
+    // The CCI directory, raidqry, two blanks, -h and a blank.
+    EXPECT_TRUE(h.log.contains("Command [" + h.env.cciDir() + "raidqry  -h ] succeeded", 0));
+  });
+  EXPECT_EQ(h.tools.argv("raidqry"), std::vector<std::string>{"[-h]"});
+
+  // A client directory without its slash, and execution mode 2, which needs no host name.
+  h.env.writeSettings("[iHarbor]\nsVTHDSHorcmDirectory=" + h.env.root() + "/cci\n");
+  expectInChild([&] {
+    EXPECT_EQ(h.handler("", 2)->ready(), 1);
+    EXPECT_EQ(HandlerProbe::cciPath(), h.env.cciDir());
+    EXPECT_EQ(HandlerProbe::hostName(), "");
+  });
+}
+
+TEST_F(Handler, InitialisationFailures) {
+  const std::string noVersion =
+      "Failed to get version of CCI command installed. Please check output of 'raidqry -h' "
+      "command";
+  const std::vector<std::pair<std::string, std::string>> raidqry = {
+      {"", noVersion},
+      {"Model  : RAID-Manager\n", noVersion},
+      {"FAIL", "Command '" + h.env.cciDir() + "raidqry  -h  returned exit code [1]."}};
+  for (const auto& [out, text] : raidqry) {
+    h.tools.add("raidqry", out, out == "FAIL" ? 1 : 0);
+    expectInChild([&] {
+      auto handler = h.handler();
+      EXPECT_EQ(handler->errorCode(), 62601);
+      EXPECT_EQ(handler->errorText(), text);
+      EXPECT_TRUE(h.log.contains("Failed to get CCI version installed.", 2));
+      h.log.clear();
+      EXPECT_EQ(handler->initialize(), 1);  // unusable for good, quietly
+      EXPECT_TRUE(h.log.lines().empty());
+    });
+  }
+
+  h.tools.addRaidqry();
+  h.env.writeSettings("");  // the production directory, absent here
+  expectInChild([&] {
+    auto handler = h.handler();
+    EXPECT_EQ(handler->errorCode(), 62601);
+    EXPECT_EQ(handler->errorText(),
+              "Hitachi CCI CLI not found in /HORCM/usr/bin/. Ensure that the Hitachi CCI CLI is "
+              "installed on this client. If it is already installed in other folder, please set "
+              "path in snap configuration [HORCM installation home directory path (CCI engines)] "
+              "for Hitachi storage array [412345] in array management either at array level or "
+              "at client level. Please refer to Vantrel documentation on Hitachi storage array "
+              "for more details.");
+    EXPECT_TRUE(h.log.contains("Hitachi CCI CLI not found in [/HORCM/usr/bin/]. Ensure", 2));
+  });
+
+  h.settings("");
+  hdstest::writeFile(h.env.root() + "/file", "");
+  h.env.setEnv("HDS_TEMP_DIR", (h.env.root() + "/file/tmp").c_str());
+  expectInChild([&] {
+    EXPECT_EQ(h.handler()->ready(), 0);
+    EXPECT_TRUE(h.log.contains("Failed to get Orrery Temp directory", 2));
+  });
+}
+
+TEST_F(Handler, TimeOutAndKeepOutputSettings) {
+  expectInChild([&] {
+    for (const auto& [value, timeout] : std::vector<std::pair<std::string, int>>{
+             {"", 300}, {"0", 300}, {"-5", 300}, {"10", 30}, {"30", 30}, {"31", 31}}) {
+      h.settings("[~iHarbor]\nnVTHDSCCICommandTimeoutInSec=" + value + "\n");
+      EXPECT_EQ(h.handler()->timeout(), timeout) << value;
+    }
+    h.settings("");
+    EXPECT_FALSE(h.handler()->keepOutput());
+    h.log.setConfigInt(SMCONFIG_NAME_ENABLE_COMMAND_LOGGING, 1);
+    EXPECT_TRUE(h.handler()->keepOutput());
+    // The client key wins over the array flag, also when it is 0.
+    h.settings("[~iHarbor]\nnVTHDSKeepCmdOutput=0\n");
+    EXPECT_FALSE(h.handler()->keepOutput());
+    EXPECT_TRUE(h.log.contains("Reg key to keep command output is set to [0].", 0));
+  });
+}
+
+TEST_F(Handler, CommandOutcomes) {
+  h.tools.add("quiet", "no such ldev\n", 227);
+  h.tools.add("args", "");
+  expectInChild([&] {
+    auto handler = h.handler();
+    EXPECT_EQ(handler->executeCommand("quiet", " -ldev_id 1", output, exitCode), 1);
+    const std::string line = h.env.cciDir() + "quiet  -ldev_id 1";
+    EXPECT_EQ(exitCode, 227);
+    EXPECT_EQ(output, "no such ldev\n");
+    EXPECT_EQ(handler->errorCode(), 62601);
+    EXPECT_EQ(handler->errorText(), "Command '" + line + " returned exit code [227].");
+    EXPECT_TRUE(h.log.contains("Command [" + line + "] returned exitCode [227]. Output [no", 0));
+
+    // Quoted by the caller, a quote and a semicolon reach the tool literally.
+    const std::string marker = h.env.root() + "/injected";
+    EXPECT_EQ(handler->executeCommand("args", "'it'\\''s;touch " + marker + "' \"a;b\"", output,
+                                      exitCode),
+              0);
+    EXPECT_EQ(handler->errorCode(), 0);
+    EXPECT_FALSE(hdstest::pathExists(marker));
+    EXPECT_EQ(handler->executeCommand("absent", "", output, exitCode), 1);
+    EXPECT_TRUE(h.log.contains("returned exitCode [127]", 2));
+
+    std::string part;
+    EXPECT_FALSE(handler->didTheCommandFail("Serial#  LDEV#\n", part));
+    EXPECT_TRUE(handler->didTheCommandFail(
+        "x\nraidcom: [EX_CMDRJE] Rejected\nraidcom: [EW_INCOMP] Not completed\ntail\n", part));
+    EXPECT_EQ(part, "raidcom: [EW_INCOMP] Not completed\ntail\n");
+  });
+  EXPECT_EQ(h.tools.argv("args"),
+            std::vector<std::string>{"[it's;touch " + h.env.root() + "/injected][a;b]"});
+}
+
+// The index of a unique file name <dir>/<pid>_<tid>_<time>_<index>_<suffix>, and its time.
+long long nameIndex(const std::string& path, long long* time = nullptr) {
+  long long pid, tid, t, index = -1;
+  std::sscanf(path.substr(path.rfind('/') + 1).c_str(), "%lld_%lld_%lld_%lld", &pid, &tid, &t,
+              &index);
+  if (time != nullptr) *time = t;
+  return index;
+}
+
+TEST_F(Handler, ScriptsAndTheirFiles) {
+  expectInChild([&] {
+    auto handler = h.handler();
+    for (int attempt = 0; attempt < 5; ++attempt) {  // again if a second ends in between
+      long long t1, t3;
+      const long long first = nameIndex(handler->formInputScriptFileName(), &t1);
+      const long long second = nameIndex(handler->formInputScriptFileName());
+      const long long third = nameIndex(handler->formInputScriptFileName(), &t3);
+      if (t1 != t3) continue;
+      EXPECT_EQ(second, first + 1);
+      EXPECT_EQ(third, first + 2);
+      while (time(nullptr) == t3) usleep(10000);
+      EXPECT_EQ(nameIndex(handler->formInputScriptFileName()), 1);
+      break;
+    }
+
+    ASSERT_EQ(handler->executeScriptFile("#!/bin/sh\necho one\n", output, exitCode), 0);
+    EXPECT_EQ(output, "one\n");
+    EXPECT_TRUE(h.tempFiles("_script").empty());
+
+    const std::string failing = "#!/bin/sh\necho a\necho 'raidcom: [EX_ENOOBJ] No such Object'\n";
+    EXPECT_EQ(handler->executeScriptFile(failing, output, exitCode), 1);
+    EXPECT_EQ(handler->errorCode(), 62601);
+    EXPECT_EQ(handler->errorText(), "Failed to execute CCI command.");
+    ASSERT_EQ(h.tempFiles("_script").size(), 1u);
+    EXPECT_EQ(hdstest::readFile(h.tempFiles("_script")[0]), failing);
+    EXPECT_EQ(handler->executeScriptFile("#!/bin/sh\nexit 9\n", output, exitCode), 1);
+    EXPECT_EQ(h.tempFiles("_script").size(), 2u);
+
+    handler->setErrorCodeAndString(7, "before");
+    EXPECT_EQ(handler->executeScriptFile("", output, exitCode), 1);
+    EXPECT_EQ(handler->errorCode(), 7);
+
+    // Deleting: a file already gone is a failure, one that cannot go for another reason is not.
+    const std::string gone = h.env.tempDir() + "/gone";
+    EXPECT_EQ(handler->deleteCommandFiles(gone), 1);
+    EXPECT_TRUE(h.log.contains("Failed to change permission to delete file [" + gone + "].", 2));
+    EXPECT_EQ(handler->deleteCommandFiles(h.env.tempDir()), 0);
+    EXPECT_TRUE(hdstest::pathExists(h.env.tempDir()));
+  });
+  h.settings("[~iHarbor]\nnVTHDSKeepCmdOutput=1\n");
+  const size_t kept = h.tempFiles("_script").size();
+  expectInChild([&] {
+    ASSERT_EQ(h.handler()->executeScriptFile("#!/bin/sh\necho kept\n", output, exitCode), 0);
+    EXPECT_EQ(h.tempFiles("_script").size(), kept + 1);
+  });
+}
+
+TEST_F(Handler, PlantedSymlinksAreNotFollowed) {
+  const std::string victim = h.env.root() + "/victim";
+  hdstest::writeFile(victim, "precious\n");
+  expectInChild([&] {
+    ZoSetTimeScale(0.001);
+    auto handler = h.handler();
+    // Links at every name the next script and response file can get in the next seconds.
+    const std::string last = handler->formInputScriptFileName();
+    long long now;
+    const long long index = nameIndex(last, &now);
+    const std::string stem = last.substr(0, last.find("_" + std::to_string(now) + "_"));
+    for (long long t = now; t < now + 3; ++t) {
+      for (long long i = 1; i <= index + 1; ++i) {
+        const std::string name = stem + "_" + std::to_string(t) + "_" + std::to_string(i);
+        symlink(victim.c_str(), (name + "_script").c_str());
+        symlink(victim.c_str(), (name + "_resp.log").c_str());
+      }
+    }
+    EXPECT_EQ(handler->executeScriptFile("#!/bin/sh\necho x\n", output, exitCode), 1);
+    EXPECT_EQ(handler->errorText().rfind("Failed to create script file [" + stem, 0), 0u);
+    EXPECT_EQ(h.log.count("Will retry after 5secs."), 4u);
+
+    const std::string conf = h.env.root() + "/horcm3300.conf";
+    hdstest::writeFile(conf, "HORCM_MON\n");
+    EXPECT_NE(handler->saveFileAsLog(conf), 0);
+    EXPECT_EQ(handler->errorText().rfind("Unable to open file " + stem, 0), 0u);
+  });
+  EXPECT_EQ(hdstest::readFile(victim), "precious\n");
+
+  // A temporary directory too long for a file name gives no name rather than a cut one.
+  std::string longDir = h.env.root();
+  while (longDir.size() < 1030) longDir += "/" + std::string(100, 'd');
+  h.env.setEnv("HDS_TEMP_DIR", longDir.c_str());
+  expectInChild([&] {
+    auto handler = h.handler();
+    EXPECT_EQ(handler->formOutputFileName(), "");
+    EXPECT_EQ(handler->executeScriptFile("#!/bin/sh\n", output, exitCode), 1);
+    EXPECT_EQ(handler->errorText(), "Failed to create script file []");
+  });
+}
+
+TEST_F(Handler, HorcmStart) {
+  hdstest::writeFile(h.env.horcmDir() + "horcm3300.conf", "HORCM_MON\ntesthost 3300\n");
+  expectInChild([&] {
+    auto handler = h.handler();
+    h.tools.add("horcmstart.sh", "HORCM inst 3300 has already been running.\n", 1);
+    handler->setErrorCodeAndString(5, "stale");
+    EXPECT_EQ(handler->horcmStart(), 0);
+    EXPECT_EQ(handler->errorCode(), 0);
+    EXPECT_EQ(handler->errorText(), "");
+    EXPECT_TRUE(h.log.contains("Horcm instance [3300] is already running.", 2));
+
+    // It ran but did not say it started: the configuration is kept as a response log.
+    h.tools.add("horcmstart.sh", "starting HORCM inst 3300\n");
+    EXPECT_EQ(handler->horcmStart(), 1);
+    EXPECT_EQ(handler->errorCode(), 62601);
+    EXPECT_EQ(handler->errorText(), "Failed to start horcm instance3300");
+    ASSERT_EQ(h.tempFiles("_resp.log").size(), 1u);
+    EXPECT_EQ(hdstest::readFile(h.tempFiles("_resp.log")[0]), "HORCM_MON\ntesthost 3300\n");
+
+    h.tools.add("horcmstart.sh", "HORCM inst 3301 has failed to start.\n", 3);
+    EXPECT_EQ(handler->horcmStart("3301"), 1);
+    EXPECT_EQ(handler->errorCode(), 62600);
+    EXPECT_TRUE(h.log.contains("Failed to start horcm instance [3300].", 2));
+
+    EXPECT_EQ(h.handler("")->horcmStart(), 1);
+    EXPECT_TRUE(h.log.contains("Horcm instance is not passed.", 2));
+  });
+  EXPECT_EQ(h.tools.argv("horcmstart.sh"),
+            (std::vector<std::string>{"[3300]", "[3300]", "[3301]"}));
+}
+
+TEST_F(Handler, CommandDeviceDiscovery) {
+  h.tools.add("raidscan",
+              "cmddev of Ser# 412340 = \\\\.\\CMD-412340:/dev/sdb\n"
+              "cmddev of Ser# 412345 = \\\\.\\CMD-412345:/dev/sdc\r\n");
+  h.settings("[~iHarbor]\nnVTHDSFindCmdDevMaxDeviceNumber=64\n");
+  expectInChild([&] {
+    auto handler = h.handler();
+    EXPECT_EQ(handler->CheckIfCommandDeviceExist(), 0);
+    EXPECT_EQ(handler->commandDevices(), std::vector<std::string>{"\\\\.\\CMD-412345:/dev/sdc"});
+
+    h.tools.add("raidscan", "cmddev of Ser# 412345 = /dev/sdc\n");
+    EXPECT_EQ(handler->CheckIfCommandDeviceExist(), 0);
+    EXPECT_EQ(handler->commandDevices().size(), 1u);
+
+    h.tools.add("raidscan", "");
+    EXPECT_EQ(handler->CheckIfCommandDeviceExist(), 1);
+    EXPECT_EQ(handler->errorText().rfind(
+                  "No command device from Hitachi storage array [412345] found on the host.", 0),
+              0u);
+    h.tools.add("raidscan", "cannot scan\n", 2);
+    EXPECT_EQ(handler->CheckIfCommandDeviceExist(), 1);
+    EXPECT_EQ(
+        handler->errorText().rfind(
+            "The command [raidscan -x findcmddev] failed to run. Output-[cannot scan\n]. ", 0),
+        0u);
+  });
+  EXPECT_EQ(h.tools.argv("raidscan").front(), "[-x][findcmddev][0-64]");
+}
+
+TEST_F(Handler, CapabilityThresholds) {
+  for (const auto& [version, supported] :
+       std::vector<std::pair<std::string, bool>>{{"01-29-03/05", true},
+                                                 {"02-00-00/00", true},
+                                                 {"01-29-03/04", false},
+                                                 {"01-28-99/99", false},
+                                                 {"1.30.0", true},
+                                                 {"1.29.3", false}}) {
+    h.tools.addRaidqry(version);
+    expectInChild([&] {
+      auto handler = h.handler();
+      EXPECT_EQ(handler->isHTISupported(), supported) << version;
+      EXPECT_EQ(handler->isSISupported(), supported) << version;
+    });
+  }
+  h.tools.addRaidqry("01-29-03/05");
+  h.settings("sVTHDSCCIVersionFormat=%d-%d\n");  // the setting wins for the CCI version
+  expectInChild([&] {
+    auto handler = h.handler();
+    EXPECT_FALSE(handler->isHTISupported());
+    for (const auto& [microcode, supported] :
+         std::vector<std::pair<std::string, bool>>{{"80-05-01/00", true},
+                                                   {"83-01-00/00", true},
+                                                   {"80-05-00/99", false},
+                                                   {"73-03-00/00", false},
+                                                   {"80.05.01", false},
+                                                   {"80.05.02", true}}) {
+      EXPECT_EQ(handler->isMultiLevelSnapSupported(microcode), supported) << microcode;
+    }
+    // A shape of its own is read with the configured format.
+    EXPECT_FALSE(handler->isMultiLevelSnapSupported("80_05_01_00"));
+    h.settings("sVTHDSCCIVersionFormat=%d_%d_%d_%d\n");
+    EXPECT_TRUE(handler->isMultiLevelSnapSupported("80_05_01_00"));
+    h.settings("");
+    EXPECT_FALSE(handler->isMultiLevelSnapSupported("80_05_01_00"));
+    EXPECT_EQ(handler->errorText(),
+              "Unable to get the version details from microcode-[80_05_01_00]. The microcode "
+              "format should be [xx-xx-xx/xx] or [xx.xx.xx]");
+  });
+}
+
+}  // namespace
