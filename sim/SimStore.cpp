@@ -13,7 +13,7 @@ namespace {
 
 // Bumped whenever a table changes shape; a state written by another layout is refused rather
 // than misread.
-constexpr int kSchemaVersion = 3;
+constexpr int kSchemaVersion = 4;
 
 // Every caller waits for the others instead of failing: 16 processes adding LDEVs at once must
 // all get through.
@@ -81,8 +81,6 @@ CREATE TABLE cmdstatus(instance TEXT NOT NULL, serial TEXT NOT NULL, handle INTE
 CREATE TABLE faults(id INTEGER PRIMARY KEY, tool TEXT NOT NULL, pattern TEXT NOT NULL,
   exit_code INTEGER, out TEXT NOT NULL, err TEXT NOT NULL, remaining INTEGER NOT NULL,
   delay_ms INTEGER NOT NULL, ssb1 TEXT NOT NULL, ssb2 TEXT NOT NULL, sdesc TEXT NOT NULL);
-CREATE TABLE journal(seq INTEGER PRIMARY KEY, ts INTEGER NOT NULL, pid INTEGER NOT NULL,
-  tool TEXT NOT NULL, args TEXT NOT NULL, exit_code INTEGER);
 )SQL";
 
 std::string describe(sqlite3* db) { return db ? sqlite3_errmsg(db) : "out of memory"; }
@@ -203,8 +201,8 @@ void Store::exec(const char* sql) {
   }
 }
 
-void Store::begin() {
-  exec("BEGIN IMMEDIATE");
+void Store::begin(bool write) {
+  exec(write ? "BEGIN IMMEDIATE" : "BEGIN");
   m_bInTx = true;
 }
 

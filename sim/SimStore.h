@@ -70,8 +70,9 @@ class Store {
 
   const std::string& path() const { return m_sPath; }
 
-  // Write transaction taken at once (BEGIN IMMEDIATE), so that no two invocations interleave.
-  void begin();
+  // A write transaction takes the write lock at once (BEGIN IMMEDIATE), so that no two writers
+  // interleave; a read transaction sees one consistent state and blocks nobody.
+  void begin(bool write = true);
   void commit();
   void rollback() noexcept;
   bool inTransaction() const { return m_bInTx; }

@@ -1,0 +1,19 @@
+// The listings the raidcom session reads, fed arbitrary text.
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include "hds/raidcom/RaidcomParsers.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  const std::string text(reinterpret_cast<const char*>(data), size);
+  std::set<std::string> serials;
+  parseHorcmFileSerials(text, serials);
+  std::map<std::string, ResourceGroupStatus> groups;
+  parseGetResourceOutput(text, groups);
+  bool hasError = false;
+  std::string statusText;
+  std::string statusLine;
+  parseCommandStatusOutput(text, hasError, statusText, statusLine);
+  return 0;
+}

@@ -1,0 +1,346 @@
+// The raidcom session against the simulated array: the HORCM file and instance, the login shared
+// by many processes, expired sessions, resource group locks, background command failures, and
+// what is left on disk. Scenarios that construct handlers run in child processes, because
+// handlers keep per-process caches.
+#include <dirent.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <functional>
+
+#include "hds/platform/ZoSleep.h"
+#include "tests/support/FakeTools.h"
+#include "tests/support/ProcessHelpers.h"
+#include "tests/support/RaidcomProbe.h"
+#include "tests/support/RecordingSnapInfo.h"
+#include "tests/support/SimArray.h"
+
+namespace {
+
+using hdstest::expectInChild;
+using hdstest::RaidcomProbe;
+using hdstest::readFile;
+using hdstest::SimArray;
+using hdstest::SimFault;
+using hdstest::SimJournalEntry;
+using hdstest::storedLoginCount;
+using hdstest::writeFile;
+
+void forEachFile(const std::string& dir, const std::function<void(const std::string&)>& fn) {
+  DIR* d = opendir(dir.c_str());
+  if (d == nullptr) return;
+  while (dirent* e = readdir(d)) {
+    const std::string name = e->d_name;
+    if (name == "." || name == "..") continue;
+    const std::string path = dir + "/" + name;
+    struct stat st;
+    if (lstat(path.c_str(), &st) != 0) continue;
+    if (S_ISDIR(st.st_mode)) forEachFile(path, fn);
+    if (S_ISREG(st.st_mode)) fn(path);
+  }
+  closedir(d);
+}
+
+SimFault exitFault(const std::string& match, int exitCode, int times) {
+  SimFault fault;
+  fault.match = match;
+  fault.exitCode = exitCode;
+  fault.times = times;
+  return fault;
+}
+
+bool isRaidcom(const SimJournalEntry& e, const std::string& first, const std::string& second = "") {
+  return e.tool == "raidcom" && !e.args.empty() && e.args[0] == first &&
+         (second.empty() || (e.args.size() > 1 && e.args[1] == second));
+}
+
+class RaidcomSession : public ::testing::Test {
+ protected:
+  RaidcomSession() { settings(""); }
+
+  void settings(const std::string& localSection) {
+    env.writeSettings("[iHarbor]\nsVTHDSHorcmDirectory=" + env.cciDir() +
+                      "\nsClientHostName=testhost\n[~iHarbor]\n" + localSection);
+  }
+  static HDSCLIInitParam param() {
+    HDSCLIInitParam p;
+    p.serialNumber = SimArray::kSerial;
+    p.userName = SimArray::kUser;
+    p.password = SimArray::kPassword;
+    p.operationType = 1;
+    p.commandDevices = {"\\\\.\\CMD-412345:/dev/sdc"};
+    return p;
+  }
+  size_t count(const std::string& first, const std::string& second = "") const {
+    size_t n = 0;
+    for (const SimJournalEntry& e : sim.journal()) n += isRaidcom(e, first, second);
+    return n;
+  }
+  size_t horcmStarts() const {
+    size_t n = 0;
+    for (const SimJournalEntry& e : sim.journal()) n += e.tool == "horcmstart.sh";
+    return n;
+  }
+
+  hdstest::TestEnv env;
+  SimArray sim{env};
+  hdstest::RecordingSnapInfo log;
+};
+
+TEST_F(RaidcomSession, SixteenProcessesShareOneLogin) {
+  const std::vector<int> codes = hdstest::runInChildren(16, [](int) {
+    hdstest::RecordingSnapInfo childLog;
+    RaidcomProbe handler(childLog, param());
+    if (handler.errorCode() != 0) return 10;
+    std::map<std::string, ResourceGroupStatus> groups;
+    if (handler.getResourceGroup(groups, false) != 0) return 11;
+    return groups.count("meta_resource") == 1 ? 0 : 12;
+  });
+  EXPECT_EQ(codes, std::vector<int>(16, 0));
+  EXPECT_EQ(storedLoginCount(SimArray::kSerial), 0);
+  int filesNamingArray = 0;
+  forEachFile(env.horcmDir(), [&](const std::string& path) {
+    filesNamingArray += readFile(path).find("CMD-412345") != std::string::npos;
+  });
+  EXPECT_EQ(filesNamingArray, 1);
+
+  // Sessions open and close strictly in turn, and every listing ran inside one.
+  bool open = false;
+  int logins = 0;
+  int listings = 0;
+  for (const SimJournalEntry& e : sim.journal()) {
+    if (isRaidcom(e, "-login")) {
+      EXPECT_FALSE(open) << "a second session was opened while one was open";
+      open = true;
+      ++logins;
+    } else if (isRaidcom(e, "-logout")) {
+      EXPECT_TRUE(open) << "a session was closed twice";
+      open = false;
+    } else if (isRaidcom(e, "get", "resource")) {
+      EXPECT_TRUE(open);
+      EXPECT_EQ(e.exitCode, 0);
+      ++listings;
+    }
+  }
+  EXPECT_FALSE(open);
+  EXPECT_GE(logins, 1);
+  EXPECT_EQ(listings, 16);
+}
+
+TEST_F(RaidcomSession, HorcmFileIsWrittenByTheFirstHandlerAndSharedByTheNext) {
+  const std::string otherArray = "HORCM_CMD\n#\\\\.\\CMD-499999\n";
+  writeFile(env.horcmDir() + "horcm3532.conf", otherArray);
+  writeFile(env.horcmDir() + "horcm3531.conf", "HORCM_CMD\n#\\\\.\\CMD-41234\n");
+  expectInChild([&] {
+    RaidcomProbe first(log, param());
+    ASSERT_EQ(first.errorCode(), 0) << first.errorText();
+    EXPECT_EQ(first.instanceArgs(), " -IM3530 -s 412345");
+    RaidcomProbe second(log, param());
+    EXPECT_EQ(second.instance(), "3530");
+    EXPECT_EQ(storedLoginCount(SimArray::kSerial), 2);
+  });
+  EXPECT_EQ(readFile(env.horcmDir() + "horcm3530.conf"),
+            "#HORCM file create by Tessaly Kestrel. Do not alter the file content or delete the "
+            "file.\nHORCM_MON\n"
+            "#ip_address                  service         poll(10ms)     timeout(10ms)\n"
+            "testhost\t\t3530\t1000           3000\n\nHORCM_CMD\n"
+            "#dev_name               dev_name                dev_name\n"
+            "#\\\\.\\CMD-412345\n\\\\.\\CMD-412345:/dev/sdc \n");
+  EXPECT_EQ(horcmStarts(), 1u);
+  EXPECT_EQ(count("-login"), 1u);
+  EXPECT_EQ(count("-logout"), 1u);
+
+  for (int n = 3500; n <= 3532; ++n) {
+    writeFile(env.horcmDir() + "horcm" + std::to_string(n) + ".conf", otherArray);
+  }
+  expectInChild([&] {
+    RaidcomProbe handler(log, param());
+    EXPECT_EQ(handler.errorCode(), 62601);
+    EXPECT_EQ(handler.errorText(), "Failed to create horcm file.");
+  });
+}
+
+TEST_F(RaidcomSession, MissingInputAndRefusedLogin) {
+  expectInChild([&] {
+    HDSCLIInitParam p = param();
+    p.commandDevices.clear();
+    EXPECT_EQ(RaidcomProbe(log, p).errorText(),
+              "Command device list not passed to raidcom handler. Either provision a command "
+              "device from storage array-[412345] to this host or provide a custom HORCM "
+              "instance at Array Management snap configuration-[HORCM instance number to be used "
+              "for Raidcom commands (CCI engines)] for the array");
+    p = param();
+    p.serialNumber.clear();
+    EXPECT_EQ(RaidcomProbe(log, p).errorCode(), 62600);
+    p = param();
+    p.password.clear();
+    EXPECT_EQ(RaidcomProbe(log, p).errorText(), "User name or password is invalid.");
+
+    // A refused -login (202) is not retried from inside the login and is not counted.
+    p = param();
+    p.password = "wrong";
+    RaidcomProbe refused(log, p);
+    EXPECT_EQ(refused.errorCode(), 62602);
+    EXPECT_FALSE(refused.loggedIn());
+  });
+  EXPECT_EQ(count("-login"), 1u);
+  EXPECT_EQ(count("-logout"), 0u);
+  EXPECT_EQ(storedLoginCount(SimArray::kSerial), 0);
+}
+
+TEST_F(RaidcomSession, LoginCountDecidesWhoLogsInAndOut) {
+  settings("sVTHDSRaidcomLockCount_412345=-2\n");
+  // Only a count of exactly 0 starts the instance.
+  sim.writeRaidcomHorcmConf(3532);
+  sim.run("horcmstart.sh", {"3532"});
+  expectInChild([&] {
+    RaidcomProbe handler(log, param());
+    EXPECT_TRUE(log.contains("login count is -ve [-2]. Something is wrong.", 2));
+    EXPECT_EQ(storedLoginCount(SimArray::kSerial), 1);
+
+    VTPlatformInfo::setRegInt("~iHarbor", "sVTHDSRaidcomLockCount_412345", 3);
+    EXPECT_EQ(handler.performLogin(false), 0);
+    EXPECT_TRUE(log.contains("Already logged in. Count [3]", 0));
+    EXPECT_EQ(handler.performLogout(), 0);
+    EXPECT_TRUE(log.contains("login count [4]. No logout needed.", 0));
+
+    VTPlatformInfo::setRegInt("~iHarbor", "sVTHDSRaidcomLockCount_412345", 0);
+    EXPECT_EQ(handler.performLogout(), 0);
+    EXPECT_TRUE(log.contains("login count is -ve [0]. Something is wrong.", 2));
+    EXPECT_EQ(storedLoginCount(SimArray::kSerial), 0);
+
+    VTPlatformInfo::removeKey("~iHarbor", "sVTHDSRaidcomLockCount_412345");
+    EXPECT_EQ(handler.performLogin(false), 1);
+    EXPECT_EQ(handler.errorText(), "Failed to login to array.");
+    EXPECT_EQ(handler.getLoginCount(), -1);
+  });
+  // The destructor's logout failed on the missing count and ran nothing.
+  EXPECT_EQ(count("-login"), 1u);
+  EXPECT_EQ(count("-logout"), 1u);
+}
+
+TEST_F(RaidcomSession, ExpiredLoginCostsExactlyOneRelogin) {
+  expectInChild([&] {
+    RaidcomProbe handler(log, param());
+    std::map<std::string, ResourceGroupStatus> groups;
+    sim.expireSessions();
+    EXPECT_EQ(handler.getResourceGroup(groups, false), 0);
+    EXPECT_EQ(count("-login"), 2u);
+    // A forced login counts only its own session.
+    EXPECT_EQ(storedLoginCount(SimArray::kSerial), 1);
+
+    sim.addFault(exitFault("get resource", 202, 2));
+    EXPECT_EQ(handler.getResourceGroup(groups, false), 1);
+    EXPECT_EQ(handler.errorCode(), 62601);
+    EXPECT_EQ(handler.errorText(), "Command '" + env.cciDir() +
+                                       "raidcom  get resource   -IM3532 -s 412345 returned exit "
+                                       "code [202].");
+  });
+  EXPECT_EQ(count("-login"), 3u);
+  EXPECT_EQ(count("get", "resource"), 4u);
+}
+
+TEST_F(RaidcomSession, ResourceGroupLockSharedInProcessAndWaitedForFromOutside) {
+  expectInChild([&] {
+    ZoSetTimeScale(0.001);
+    RaidcomProbe first(log, param());
+    RaidcomProbe second(log, param());
+    ASSERT_EQ(first.lockResource(), 0) << first.errorText();
+    ASSERT_EQ(second.lockResource(), 0);
+    EXPECT_EQ(first.unlockResource(), 0);
+    EXPECT_EQ(second.unlockResource(), 0);
+    EXPECT_EQ(count("lock", "resource"), 1u);
+    EXPECT_EQ(count("unlock", "resource"), 1u);
+
+    sim.lockResourceGroup("meta_resource", "admin", "Storage Navigator");
+    EXPECT_EQ(first.lockResource(), 1);
+    EXPECT_EQ(first.errorCode(), 62601);
+    EXPECT_EQ(first.errorText(),
+              "Resource group meta_resource is locked by user admin from host Storage Navigator");
+    EXPECT_EQ(count("get", "resource"), 2u + 50u);
+  });
+}
+
+TEST_F(RaidcomSession, AsynchronousCommandStatus) {
+  settings("sVTHDSRaidcomMaxRetryCount=3\n");
+  expectInChild([&] {
+    RaidcomProbe handler(log, param());
+    std::string output;
+    int exitCode = 0;
+    auto rename = [&] {
+      return handler.executeCommand("raidcom  modify ldev ",
+                                    " -ldev_id 100 -ldev_name renamed" + handler.instanceArgs(),
+                                    output, exitCode, true);
+    };
+    SimFault background;
+    background.match = "modify ldev";
+    background.statusSsb = "2E31,4016";
+    sim.addFault(background);
+    EXPECT_EQ(rename(), 1);
+    EXPECT_EQ(handler.errorText(), "Command status has error.");
+
+    sim.addFault(exitFault("get command_status", 233, 2));
+    EXPECT_EQ(rename(), 0) << handler.errorText();
+    EXPECT_TRUE(log.contains("Failed to get command status. Command timeout. RetryCnt [1]", 1));
+
+    sim.addFault(exitFault("get command_status", 233, 3));
+    EXPECT_EQ(rename(), 1);
+    EXPECT_TRUE(log.contains("Failed to get command status after [3] retry.", 1));
+    EXPECT_EQ(handler.errorText(), "Command status has error.");
+  });
+  EXPECT_EQ(count("reset", "command_status"), 3u);
+  EXPECT_EQ(count("get", "command_status"), 1u + 3u + 3u);
+}
+
+TEST_F(RaidcomSession, DestructorReleasesLockAndSessionAfterAFailureAndLeaksNoPassword) {
+  settings("nVTHDSKeepCmdOutput=1\n");
+  expectInChild([&] {
+    {
+      RaidcomProbe handler(log, param());
+      ASSERT_EQ(handler.lockResource(), 0) << handler.errorText();
+      sim.expireSessions();
+      sim.addFault(exitFault("delete ldev", 221, 1));
+      std::string output;
+      int exitCode = 0;
+      EXPECT_EQ(
+          handler.executeCommand("raidcom  delete ldev ", " -ldev_id 100" + handler.instanceArgs(),
+                                 output, exitCode, true),
+          1);
+    }
+    for (const auto& line : log.lines()) {
+      EXPECT_EQ(line.text.find(SimArray::kPassword), std::string::npos) << line.text;
+    }
+  });
+  EXPECT_EQ(count("unlock", "resource"), 1u);
+  EXPECT_EQ(count("-logout"), 1u);
+  EXPECT_EQ(storedLoginCount(SimArray::kSerial), 0);
+
+  int files = 0;
+  forEachFile(env.root(), [&](const std::string& path) {
+    // The simulator's state is the array's side, which knows the password anyway.
+    if (path.find(env.simState()) == 0) return;
+    ++files;
+    EXPECT_EQ(readFile(path).find(SimArray::kPassword), std::string::npos) << path;
+  });
+  EXPECT_GT(files, 5);
+}
+
+TEST_F(RaidcomSession, DelayedLogoutKeepsThePrepareSessionForTheCreateStep) {
+  settings("nVTHDSEnableDelayedLogoutForSnapCreate=1\n");
+  expectInChild([&] {
+    { RaidcomProbe prepare(log, param()); }
+    EXPECT_EQ(storedLoginCount(SimArray::kSerial), 1);
+    HDSCLIInitParam p = param();
+    p.operationType = 2;
+    p.horcmInstance = "3532";
+    RaidcomProbe create(log, p);
+    EXPECT_EQ(create.instanceArgs(), " -IM3532 -s 412345");
+    std::map<std::string, ResourceGroupStatus> groups;
+    EXPECT_EQ(create.getResourceGroup(groups, false), 0);
+  });
+  EXPECT_EQ(count("-login"), 1u);
+  EXPECT_EQ(count("-logout"), 1u);
+  EXPECT_EQ(storedLoginCount(SimArray::kSerial), 0);
+}
+
+}  // namespace

@@ -1,0 +1,76 @@
+// The listings the raidcom session reads: HORCM file markers, resource groups, command status.
+#include <gtest/gtest.h>
+
+#include "hds/raidcom/RaidcomParsers.h"
+
+namespace {
+
+TEST(HorcmFileSerials, FiveAndSixDigitMarkersCommentedOrNot) {
+  std::set<std::string> serials;
+  parseHorcmFileSerials(
+      "HORCM_CMD\n#\\\\.\\CMD-41234\n#\\\\.\\CMD-412345\n\\\\.\\CMD-499999:/dev/sdc \n", serials);
+  EXPECT_EQ(serials, (std::set<std::string>{"41234", "412345", "499999"}));
+
+  serials.clear();
+  parseHorcmFileSerials("", serials);
+  parseHorcmFileSerials("#\\\\.\\CMD-", serials);
+  parseHorcmFileSerials("\\\\.\\CMD-12", serials);
+  EXPECT_EQ(serials, std::set<std::string>{"12"});
+}
+
+TEST(ResourceListing, ColumnsAreReadFromTheRight) {
+  std::map<std::string, ResourceGroupStatus> groups;
+  parseGetResourceOutput(
+      "RS_GROUP            RGID   stat      Lock_owner     Lock_host      Serial#\n"
+      "meta_resource          0   Unlocked  -              -               412345\n"
+      "backup rsg  two       3   Locked    admin          Storage Navigator 412345\n"
+      "ups                   4   Locked    svc            User Program    412345\n"
+      "rmi\t7\tLocked\tsvc\tweb1 RMI\t412345\r\n"
+      "short 1 Locked x 412345\n"
+      "\n",
+      groups);
+  ASSERT_EQ(groups.size(), 4u);
+  EXPECT_EQ(groups["meta_resource"].status, "Unlocked");
+  EXPECT_EQ(groups["meta_resource"].lockOwner, "-");
+  EXPECT_EQ(groups["meta_resource"].serialNumber, "412345");
+
+  const ResourceGroupStatus& named = groups["backup rsg  two"];
+  EXPECT_EQ(named.resourceGroupId, 3);
+  EXPECT_EQ(named.status, "Locked");
+  EXPECT_EQ(named.lockOwner, "admin");
+  EXPECT_EQ(named.lockHost, "Storage Navigator");
+  EXPECT_EQ(groups["ups"].lockHost, "User Program");
+  EXPECT_EQ(groups["rmi"].lockHost, "web1 RMI");
+  EXPECT_EQ(groups["rmi"].resourceGroupId, 7);
+
+  // With -key opt the model identifier stands where the lock owner stands otherwise.
+  groups.clear();
+  parseGetResourceOutput(
+      "RS_GROUP            RGID  V_Serial#  V_ID  V_IF  Serial#\n"
+      "meta_resource          0     412345  M850M3    Y      412345\n",
+      groups);
+  EXPECT_EQ(groups["meta_resource"].lockOwner, "M850M3");
+}
+
+TEST(CommandStatus, ErrorCountAndDescription) {
+  bool hasError = false;
+  std::string text;
+  std::string line;
+  EXPECT_TRUE(
+      parseCommandStatusOutput("HANDLE   SSB1    SSB2    ERR_CNT        Serial#     Description\n"
+                               "00c3       -       -          0         412345     -\n",
+                               hasError, text, line));
+  EXPECT_FALSE(hasError);
+  EXPECT_EQ(line, "00c3       -       -          0         412345     -");
+
+  EXPECT_TRUE(parseCommandStatusOutput("H\n00c3 2ef3 b9a0 1 412345 Invalid resource\n", hasError,
+                                       text, line));
+  EXPECT_TRUE(hasError);
+  EXPECT_EQ(text, "Invalid resource");
+
+  // The status line must end in a line feed to count.
+  EXPECT_FALSE(parseCommandStatusOutput("HANDLE SSB1\n00c3 - - 1 412345 x", hasError, text, line));
+  EXPECT_FALSE(parseCommandStatusOutput("", hasError, text, line));
+}
+
+}  // namespace
