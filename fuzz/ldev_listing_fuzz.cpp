@@ -1,0 +1,20 @@
+// parseGetLdevOutput over arbitrary text, without a filter and with a label filter taken from the
+// text's first line.
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "hds/common/HDSConstants.h"
+#include "hds/raidcom/RaidcomParsers.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  const std::string input(reinterpret_cast<const char*>(data), size);
+  std::vector<hdsLdev_t> ldevs;
+  parseGetLdevOutput(input, ldevs, {});
+  const std::map<int, std::string> filters = {
+      {VT_HDS_LDEV_FILTER_LABEL, input.substr(0, input.find('\n'))}};
+  parseGetLdevOutput(input, ldevs, filters);
+  return 0;
+}

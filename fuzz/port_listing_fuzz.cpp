@@ -1,0 +1,13 @@
+// parseGetPortOutput over arbitrary text.
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include "hds/raidcom/RaidcomParsers.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  const std::string input(reinterpret_cast<const char*>(data), size);
+  std::vector<hdsPort_t> ports;
+  parseGetPortOutput(input, ports);
+  return 0;
+}

@@ -1,0 +1,13 @@
+// parseRaidscanPdgOutput over arbitrary text.
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include "hds/raidcom/RaidcomParsers.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  const std::string input(reinterpret_cast<const char*>(data), size);
+  std::string hostGroup;
+  parseRaidscanPdgOutput(input, hostGroup);
+  return 0;
+}

@@ -1,0 +1,13 @@
+// parseGetSnapshotGroupOutput over arbitrary text.
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "hds/raidcom/RaidcomParsers.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  std::vector<hdsSnapshotGroupInfo> pairs;
+  parseGetSnapshotGroupOutput(std::string(reinterpret_cast<const char*>(data), size), pairs);
+  return 0;
+}

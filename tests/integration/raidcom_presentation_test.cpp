@@ -1,0 +1,327 @@
+// Ports, host groups, LU paths, resource groups, copy groups and pair information through a
+// raidcom handler against ccisim. Every scenario runs in a child process, because handlers keep
+// per-process caches.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <nlohmann/json.hpp>
+#include <thread>
+
+#include "hds/helper/CommandHelper.h"
+#include "hds/platform/ZoSleep.h"
+#include "hds/raidcom/RaidcomCommandHandler.h"
+#include "tests/support/FakeTools.h"
+#include "tests/support/RecordingSnapInfo.h"
+#include "tests/support/SimArray.h"
+#include "tests/support/TestEnv.h"
+
+namespace {
+
+using hdstest::expectInChild;
+using hdstest::SimArray;
+using hdstest::SimFault;
+using nlohmann::json;
+
+class Handler : public RaidcomCommandHandler {
+ public:
+  using RaidcomCommandHandler::RaidcomCommandHandler;
+  int code() const { return m_iErrorCode; }
+  const std::string& text() const { return m_sErrorString; }
+};
+
+// The default array, plus: CL1-A listed once per attribute; a virtual storage machine "backup
+// rsg" holding LDEV 120 under virtual id 2120; device groups; host group CL2-A-3 presenting
+// LDEVs 100-102 and 110, with remote pairs of 100 and 101 on mirror units 0 (complete), 1
+// (partial) and 2 (101 suspended), and a local pair 102 -> 110.
+std::string scenario() {
+  json s = json::parse(SimArray::defaultScenario());
+  json& a = s["arrays"][0];
+  a["ports"][0]["attr"] = "TAR MCU";
+  a["resource_groups"].push_back(
+      {{"id", 3}, {"name", "backup rsg"}, {"virtual_serial", "512345"}, {"virtual_type", "R9"}});
+  a["ldevs"].push_back(
+      {{"id", 120}, {"capacity", 2097152}, {"pool", 0}, {"rsgid", 3}, {"virtual_id", 2120}});
+  auto members = [](int first, int second) {
+    return json::array({{{"device", "d" + std::to_string(first)}, {"ldev", first}},
+                        {{"device", "d" + std::to_string(second)}, {"ldev", second}}});
+  };
+  a["device_groups"] = {{{"name", "KS_DEV_S_1"}, {"members", members(104, 105)}},
+                        {{"name", "KS_DEV_P_1"}, {"members", members(106, 107)}}};
+  json luns = json::array();
+  for (int ldev : {100, 101, 102, 110}) luns.push_back({{"lun", ldev - 100}, {"ldev", ldev}});
+  a["ports"][1]["host_groups"].push_back({{"gid", 3}, {"name", "prod hosts"}, {"luns", luns}});
+  auto pair = [](int pvol, int svol, int mu, const char* kind, const char* status) {
+    return json{{"pvol", pvol}, {"svol", svol},     {"svol_serial", "412346"}, {"mirror", mu},
+                {"kind", kind}, {"status", status}, {"fence", "NEVER"}};
+  };
+  a["pairs"] = {pair(100, 200, 0, "HORC", "PAIR"), pair(101, 201, 0, "HORC", "PAIR"),
+                pair(100, 210, 1, "GAD", "PAIR"), pair(100, 220, 2, "HORC", "PAIR"),
+                pair(101, 221, 2, "HORC", "PSUS")};
+  a["pairs"].push_back({{"pvol", 102},
+                        {"svol", 110},
+                        {"mirror", 0},
+                        {"kind", "MRCF"},
+                        {"status", "PAIR"},
+                        {"svol_serial", "412345"}});
+  return s.dump();
+}
+
+// The array's objects: the dump without the HORCM instances, which outlive handlers by design.
+std::string arrayState(const SimArray& sim) {
+  std::string state;
+  for (const std::string& line : hdstest::outputLines(sim.dump())) {
+    if (line.rfind("instance ", 0) != 0) state += line + "\n";
+  }
+  return state;
+}
+
+class RaidcomPresentation : public ::testing::Test {
+ protected:
+  RaidcomPresentation() : sim(env, scenario()) {
+    env.writeSettings("[iHarbor]\nsVTHDSHorcmDirectory=" + env.cciDir() +
+                      "\nsClientHostName=testhost\n");
+  }
+
+  std::unique_ptr<Handler> handler(const std::string& resourceGroup = "") {
+    HDSCLIInitParam p;
+    p.serialNumber = SimArray::kSerial;
+    p.userName = SimArray::kUser;
+    p.password = SimArray::kPassword;
+    p.operationType = 1;
+    p.resourceGroupName = resourceGroup;
+    // A handler outside meta_resource works on the virtual storage machine of its group.
+    p.isVirtualStorage = !resourceGroup.empty();
+    p.virtualStorageSerial = "512345";
+    p.commandDevices = {"\\\\.\\CMD-412345:/dev/sdc"};
+    auto h = std::make_unique<Handler>(log, p);
+    EXPECT_EQ(h->code(), 0) << h->text();
+    return h;
+  }
+
+  // The raidcom calls whose arguments contain every one of the words, in order of the journal.
+  std::vector<std::string> raidcomCalls(std::vector<std::string> words) const {
+    std::vector<std::string> calls;
+    for (const auto& entry : sim.journal()) {
+      std::string line;
+      for (const std::string& arg : entry.args) line += "[" + arg + "]";
+      bool all = entry.tool == "raidcom";
+      for (const std::string& w : words) all = all && line.find(w) != std::string::npos;
+      if (all) calls.push_back(line);
+    }
+    return calls;
+  }
+
+  hdstest::TestEnv env;
+  hdstest::RecordingSnapInfo log;
+  SimArray sim;
+};
+
+TEST_F(RaidcomPresentation, PresentAndWithdrawLeavesTheArrayAsItWas) {
+  const std::string before = arrayState(sim);
+  expectInChild([&] {
+    auto h = handler();
+    std::vector<hdsPool_t> pools;
+    ASSERT_EQ(h->getPoolList(pools), 0);
+    ASSERT_EQ(pools.size(), 2u);
+    EXPECT_EQ(pools[1].poolName, "ti_pool_01");
+    EXPECT_EQ(pools[1].poolStatus, "POLN");
+    EXPECT_EQ(pools[1].poolType, "HTI");
+    EXPECT_EQ(pools[1].usedPercent, 3);
+    EXPECT_EQ(pools[1].thresholdPercent, 80);
+
+    std::vector<hdsPort_t> ports;
+    ASSERT_EQ(h->getPortList(ports), 0);
+    ASSERT_EQ(ports.size(), 2u);
+    EXPECT_EQ(ports[0].portName, "CL1-A");
+    EXPECT_EQ(ports[0].wwn, "50060e8012abcd00");
+    hdsPort_t logins;
+    ASSERT_EQ(h->getPortLoginWWNList("CL1-A", logins), 0);
+    EXPECT_EQ(logins.loginWwns.size(), 2u);
+    std::string cmdGroup;
+    ASSERT_EQ(h->getHostGroupOfCommandDevice(cmdGroup), 0);
+    EXPECT_EQ(cmdGroup, "CL1-A-1");
+
+    // Asked for in lower case, created once under its own name, found again by any case.
+    std::string hg = "ks_pre_snap_host_group";
+    ASSERT_EQ(h->findHostGroup("CL1-A", hg), 0) << h->text();
+    EXPECT_EQ(hg, "2");
+    EXPECT_TRUE(log.contains("Pre snap host group [ks_pre_snap_host_group] doesn't exist", 2));
+    std::string again = "KS_PRE_SNAP_HOST_GROUP";
+    ASSERT_EQ(h->findHostGroup("CL1-A", again), 0);
+    EXPECT_EQ(again, "2");
+
+    ASSERT_EQ(h->addWWNToHostGroup("CL1-A", hg, "10000090fa1b2c3e"), 0) << h->text();
+    hdsPort_t withWwn;
+    ASSERT_EQ(h->getPortHostGroupList("CL1-A", "", withWwn, true, "10000090fa1b2c3e", false), 0);
+    ASSERT_EQ(withWwn.hostGroups.size(), 1u);
+    EXPECT_EQ(withWwn.hostGroups[0].hostGroupName, "KS_PRE_SNAP_HOST_GROUP");
+
+    ASSERT_EQ(h->mapDeviceGroupToHostGroup("KS_DEV_S_1", "CL1-A", hg), 0) << h->text();
+    std::vector<hdsLun_t> luns;
+    ASSERT_EQ(h->getLunsForHostGroup("CL1-A", hg, luns), 0);
+    ASSERT_EQ(luns.size(), 2u);
+    EXPECT_EQ(luns[1].ldevId, "105");
+    EXPECT_EQ(luns[1].lunId, "1");
+    ASSERT_EQ(h->unmapDeviceGroupFromHostGroup("KS_DEV_S_1", "CL1-A", hg), 0) << h->text();
+
+    ASSERT_EQ(h->addCopyGroup("KS_CG_1", "KS_DEV_P_1", "KS_DEV_S_1", 0), 0) << h->text();
+    std::vector<hdsCopyGroup_t> groups;
+    ASSERT_EQ(h->getCopyGroup(groups, "KS_CG_1"), 0);
+    ASSERT_EQ(groups.size(), 2u);
+    EXPECT_EQ(groups[0].mirrorUnit, 0);
+    ASSERT_EQ(h->deleteCopyGroup("KS_CG_1"), 0) << h->text();
+
+    ASSERT_EQ(h->deleteHostGroup("CL1-A", hg), 0) << h->text();
+  });
+  EXPECT_EQ(raidcomCalls({"[add]", "[host_grp]"}).size(), 1u);
+  EXPECT_EQ(arrayState(sim), before);
+}
+
+TEST_F(RaidcomPresentation, NamesWithBlanksSurviveCommandsAndListings) {
+  expectInChild([&] {
+    auto h = handler("backup rsg");
+    ASSERT_EQ(h->createHostGroup("CL2-A", "esx cluster 7"), 0) << h->text();
+    std::string hg = "ESX Cluster 7";
+    ASSERT_EQ(h->findHostGroup("CL2-A", hg), 0) << h->text();
+    EXPECT_EQ(hg, "1");
+
+    // Limited to the handler's group, only the new host group is listed.
+    hdsPort_t own;
+    ASSERT_EQ(h->getPortHostGroupList("CL2-A", "", own, false, "", true), 0) << h->text();
+    ASSERT_EQ(own.hostGroups.size(), 1u);
+    EXPECT_EQ(own.hostGroups[0].hostGroupName, "esx cluster 7");
+    ASSERT_EQ(h->addWWNToHostGroup("CL2-A", "esx cluster 7", "10000090fa1b2c4d"), 0) << h->text();
+    hdsHostGroup_t info;
+    ASSERT_EQ(h->getHostGroupInfo("CL2-A", hg, info), 0);
+    EXPECT_EQ(info.hostGroupName, "esx cluster 7");
+    EXPECT_EQ(info.wwns, std::vector<std::string>{"10000090fa1b2c4d"});
+    std::vector<hdsLun_t> luns;
+    ASSERT_EQ(h->getLunsForHostGroup("CL2-A", "prod hosts", luns), 0) << h->text();
+    EXPECT_EQ(luns.size(), 4u);
+    ASSERT_EQ(h->deleteHostGroup("CL2-A", "esx cluster 7"), 0) << h->text();
+  });
+  EXPECT_EQ(raidcomCalls({"[-resource_name][backup rsg][-port][CL2-A][esx cluster 7]"}).size(), 1u);
+  EXPECT_EQ(raidcomCalls({"[delete][host_grp][-port][CL2-A][esx cluster 7]"}).size(), 1u);
+}
+
+TEST_F(RaidcomPresentation, HostGroupThatCannotJoinTheResourceGroupIsDeletedAgain) {
+  sim.addFault({"raidcom", "add resource", 221, "", "raidcom: [EX_CMDRJE] rejected\n"});
+  expectInChild([&] {
+    auto h = handler("backup rsg");
+    EXPECT_EQ(h->createHostGroup("CL2-A", "KS_X"), 1);
+    EXPECT_EQ(h->code(), 62601);
+    EXPECT_EQ(h->text(), "Failed to create host group CL2-A KS_X");
+    EXPECT_TRUE(
+        log.contains("Failed to move host group [CL2-A-KS_X] to resource group [backup rsg]", 2));
+    // In meta_resource nothing is moved.
+    auto meta = handler();
+    EXPECT_EQ(meta->createHostGroup("CL2-A", "KS_Y"), 0);
+  });
+  EXPECT_EQ(raidcomCalls({"[delete][host_grp][-port][CL2-A][KS_X]"}).size(), 1u);
+  EXPECT_EQ(raidcomCalls({"[add][resource]"}).size(), 1u);
+  EXPECT_EQ(sim.dump().find("KS_X"), std::string::npos);
+}
+
+TEST_F(RaidcomPresentation, MappingAndUnmappingOutcomes) {
+  auto failDelete = [&](const std::string& text) {
+    sim.addFault({"raidcom", "delete lun", 221, "",
+                  "raidcom: [EX_CMDRJE] rejected\nCAUSE : " + text + ".\n"});
+  };
+  expectInChild([&] {
+    auto h = handler();
+    EXPECT_EQ(h->mapLdevToHostGroup("100", "CL2-A", "3"), 0);
+    EXPECT_TRUE(log.contains("Ldev [100] is already mapped to host group [CL2-A-3]", 2));
+    EXPECT_EQ(h->code(), 0);
+
+    failDelete("LU is executing host I/O");
+    EXPECT_EQ(h->unmapLdevFromHostGroup("100", "CL2-A", "3"), 1);
+    EXPECT_EQ(h->code(), 2);
+    EXPECT_EQ(h->text(), "Failed to unmap ldev 100 from host group CL2-A 3");
+    failDelete("It is the last path of Snapshot");
+    EXPECT_EQ(h->unmapLdevFromHostGroup("100", "CL2-A", "3"), 1);
+    EXPECT_EQ(h->code(), 3);
+    failDelete("Something else");
+    EXPECT_EQ(h->unmapLdevFromHostGroup("100", "CL2-A", "3"), 1);
+    EXPECT_EQ(h->code(), 62601);
+
+    EXPECT_EQ(h->unmapLdevFromHostGroup("100", "CL2-A", "3"), 0);
+    EXPECT_EQ(h->unmapLdevFromHostGroup("100", "CL2-A", "3"), 0);  // exit 205: already gone
+    EXPECT_TRUE(log.contains("Ldev [100] is already unmapped from host group [CL2-A-3]", 2));
+    EXPECT_EQ(h->mapLdevToHostGroup("100", "CL2-A", "3"), 0);
+  });
+}
+
+TEST_F(RaidcomPresentation, LdevLeavesTheVirtualStorageMachineInOrderUnderItsLock) {
+  expectInChild([&] {
+    ZoSetTimeScale(0.001);  // the failed lock waits its rounds in milliseconds
+    auto h = handler("backup rsg");
+    {
+      VTHDSLock held(log, "VT_HDS_VSM_OP_LOCK_412345", 0);
+      ASSERT_TRUE(held.isLocked());
+      EXPECT_EQ(h->unreserveFromVSM("120", "2120", VT_HDS_RESOURCE_TYPE_LDEV), 1);
+      EXPECT_EQ(h->text(),
+                "Failed to acquire mutex-[VT_HDS_VSM_OP_LOCK_412345] to un-reserve [120] from VSM");
+    }
+    // While the first command runs, nobody else gets the lock.
+    sim.addFault({"raidcom", "unmap resource", std::nullopt, "", "", 1, 1500});
+    bool heldMeanwhile = false;
+    std::thread probe([&] {
+      std::this_thread::sleep_for(std::chrono::milliseconds(500));
+      VTHDSLock other(log);
+      heldMeanwhile = !other.lock("VT_HDS_VSM_OP_LOCK_412345", 1);
+    });
+    EXPECT_EQ(h->unreserveFromVSM("120", "2120", VT_HDS_RESOURCE_TYPE_LDEV), 0) << h->text();
+    probe.join();
+    EXPECT_TRUE(heldMeanwhile);
+  });
+  const auto moves = raidcomCalls({"resource][-"});
+  ASSERT_EQ(moves.size(), 3u);
+  EXPECT_NE(moves[0].find("[unmap][resource][-ldev_id][120][-virtual_ldev_id][2120]"),
+            std::string::npos);
+  EXPECT_NE(moves[1].find("[delete][resource][-resource_name][backup rsg][-ldev_id][120]"),
+            std::string::npos);
+  EXPECT_NE(moves[2].find("[map][resource][-ldev_id][120][-virtual_ldev_id][120]"),
+            std::string::npos);
+  const std::string dump = sim.dump();
+  const size_t at = dump.find("\"id\":120,");
+  ASSERT_NE(at, std::string::npos);
+  const std::string ldev = dump.substr(at, dump.find('\n', at) - at);
+  EXPECT_NE(ldev.find("\"rsgid\":0"), std::string::npos) << ldev;
+  EXPECT_NE(ldev.find("\"virtual_id\":null"), std::string::npos) << ldev;
+}
+
+TEST_F(RaidcomPresentation, UsableMirrorUnitsOfRemotePairs) {
+  expectInChild([&] {
+    auto h = handler();
+    std::vector<hdsLdev_t> ldevs(2);
+    ldevs[0].ldevId = "100";
+    ldevs[1].ldevId = "101";
+    std::map<int, std::vector<hdsPairStatus_t>> pairs;
+    std::vector<int> mus;
+    ASSERT_EQ(h->getRemoteReplicationInfo("CL2-A-3", ldevs, pairs, mus), 0) << h->text();
+    EXPECT_EQ(mus, std::vector<int>{0});
+    EXPECT_EQ(pairs[0].size(), 2u);
+    EXPECT_EQ(pairs[1].size(), 1u);
+    EXPECT_EQ(pairs[0][1].partnerLdevId, "201");
+    EXPECT_EQ(pairs[0][1].rcuSerial, "412346");
+    EXPECT_TRUE(log.contains("MU [2] will not be used as PVOL [101] is not in PAIR state.", 2));
+    EXPECT_TRUE(log.contains(
+        "Only [1] valid SVOLs are found in mirror [1] for [2] pvols, need to add more pairs", 1));
+
+    log.setReplicationType(4);
+    mus.clear();
+    ASSERT_EQ(h->getRemoteReplicationInfo("CL2-A-3", ldevs, pairs, mus), 0);
+    EXPECT_EQ(mus, (std::vector<int>{0, 1}));
+
+    // Locally only the in-system pair of 102 shows; its S-VOL 110 is on the same host group.
+    ldevs.resize(4);
+    ldevs[2].ldevId = "102";
+    ldevs[3].ldevId = "110";
+    ASSERT_EQ(h->getPairInfoForHostGroup("CL2-A-3", ldevs, pairs), 0) << h->text();
+    ASSERT_EQ(pairs.size(), 1u);
+    ASSERT_EQ(pairs[0].size(), 1u);
+    EXPECT_EQ(pairs[0][0].ldevId, "102");
+  });
+}
+
+}  // namespace

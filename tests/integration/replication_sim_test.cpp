@@ -1,0 +1,290 @@
+// LDEV queries, S-VOLs, device groups and snapshot groups against the simulated array: a whole
+// snapshot job of 64 pairs, failed creations that must leave nothing behind, and what raidcom's
+// refusals leave in the error. Handlers run in child processes: they keep per-process caches.
+#include <gtest/gtest.h>
+
+#include <map>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "hds/common/HDSConstants.h"
+#include "hds/platform/ZoSleep.h"
+#include "hds/raidcom/RaidcomCommandHandler.h"
+#include "tests/support/FakeTools.h"
+#include "tests/support/RecordingSnapInfo.h"
+#include "tests/support/SimArray.h"
+
+namespace {
+
+using hdstest::expectInChild;
+using hdstest::SimArray;
+using hdstest::SimFault;
+
+const int kPairs = 64;
+const char kSvolGroup[] = "KS_DEV_S_job1";
+const char kPvolGroup[] = "KS_DEV_P_job1";
+const char kSnapshotGroup[] = "KS_SNAP_job1";
+const char kRejected[] =
+    "raidcom: [EX_CMDRJE] An order to the control/command device was rejected\n";
+
+using Calls = std::vector<std::string>;
+
+// Raidcom calls whose joined arguments match the expression fail with this exit code and text.
+SimFault fault(const std::string& match, int exitCode, const std::string& err, int times = 1) {
+  SimFault f;
+  f.match = match;
+  f.exitCode = exitCode;
+  f.err = err;
+  f.times = times;
+  return f;
+}
+
+// The array's objects, without the instance, session and status rows a handler's session adds.
+std::set<std::string> objects(const SimArray& sim) {
+  std::set<std::string> kept;
+  for (const std::string& line : hdstest::outputLines(sim.dump())) {
+    if (line.rfind("instance ", 0) != 0 && line.rfind("session ", 0) != 0 &&
+        line.rfind("command_status ", 0) != 0) {
+      kept.insert(line);
+    }
+  }
+  return kept;
+}
+
+// What the array gained ("+") and lost ("-") since `before`.
+std::string changes(const std::set<std::string>& before, const SimArray& sim) {
+  const std::set<std::string> after = objects(sim);
+  std::string text;
+  for (const std::string& line : after) {
+    if (!before.count(line)) text += "+" + line + "\n";
+  }
+  for (const std::string& line : before) {
+    if (!after.count(line)) text += "-" + line + "\n";
+  }
+  return text;
+}
+
+// The default array with 64 P-VOLs (LDEVs 100-163) and a virtual storage machine's group.
+std::string scenario() {
+  nlohmann::json s = nlohmann::json::parse(SimArray::defaultScenario());
+  nlohmann::json& array = s["arrays"][0];
+  for (nlohmann::json& ldev : array["ldevs"]) {
+    if (ldev.value("id", 0) == 100) ldev["count"] = kPairs;
+  }
+  array["resource_groups"].push_back(
+      {{"id", 5}, {"name", "vsm_rg"}, {"virtual_serial", "512345"}, {"virtual_type", "M850M3"}});
+  return s.dump();
+}
+
+// P-VOLs from 100 on, S-VOLs from firstSvol on, each with a virtual id from 7000 on.
+std::map<std::string, hdsLdev_t> newPairs(int count, int firstSvol) {
+  std::map<std::string, hdsLdev_t> pairs;
+  for (int i = 0; i < count; ++i) {
+    hdsLdev_t svol;
+    svol.ldevId = std::to_string(firstSvol + i);
+    svol.capacity = 2097152;
+    svol.virtualLdevId = std::to_string(7000 + i);
+    pairs[std::to_string(100 + i) + VT_HDS_PAIR_SEPARATOR + svol.ldevId] = svol;
+  }
+  return pairs;
+}
+
+std::string errorText(RaidcomCommandHandler& h) {
+  int code = 0;
+  std::string text;
+  h.getErrorCodeAndString(code, text);
+  return text;
+}
+
+class ReplicationOnSim : public ::testing::Test {
+ protected:
+  ReplicationOnSim() : sim(env, scenario()), before(objects(sim)) {
+    env.writeSettings("[iHarbor]\nsVTHDSHorcmDirectory=" + env.cciDir() +
+                      "\nsClientHostName=testhost\n");
+  }
+
+  std::unique_ptr<RaidcomCommandHandler> handler(bool vsm = false) {
+    HDSCLIInitParam p;
+    p.serialNumber = SimArray::kSerial;
+    p.userName = SimArray::kUser;
+    p.password = SimArray::kPassword;
+    p.operationType = 1;
+    p.commandDevices = {"/dev/sdc"};
+    p.resourceGroupName = vsm ? "vsm_rg" : "";
+    p.isVirtualStorage = vsm;
+    auto h = std::make_unique<RaidcomCommandHandler>(log, p);
+    EXPECT_EQ(errorText(*h), "") << log.dump();
+    return h;
+  }
+
+  // The argument vectors of the raidcom calls that begin with these two words.
+  Calls calls(const std::string& verb, const std::string& object) const {
+    Calls found;
+    for (const hdstest::SimJournalEntry& e : sim.journal()) {
+      if (e.tool != "raidcom" || e.args.size() < 2 || e.args[0] != verb || e.args[1] != object) {
+        continue;
+      }
+      std::string joined;
+      for (size_t i = 2; i < e.args.size() && e.args[i].rfind("-IM", 0) != 0; ++i) {
+        joined += (joined.empty() ? "" : " ") + e.args[i];
+      }
+      found.push_back(joined);
+    }
+    return found;
+  }
+
+  hdstest::TestEnv env;
+  SimArray sim;
+  const std::set<std::string> before;
+  hdstest::RecordingSnapInfo log;
+};
+
+TEST_F(ReplicationOnSim, SnapshotJobOf64PairsLeavesNothingBehind) {
+  expectInChild([&] {
+    auto h = handler();
+    const auto pairs = newPairs(kPairs, 1000);
+    ASSERT_EQ(h->createSvol(pairs, "0"), 0u) << errorText(*h);
+    ASSERT_EQ(h->addVolsToDeviceGroup(pairs, kSvolGroup, kPvolGroup), 0) << errorText(*h);
+    std::vector<hdsLdev_t> members;
+    ASSERT_EQ(h->getVolsInDeviceGroup(members, kSvolGroup), 0);
+    ASSERT_EQ(members.size(), static_cast<size_t>(kPairs));
+    EXPECT_EQ(members[5].deviceName, "Pair_105");
+    EXPECT_EQ(members[5].ldevId, "1005");
+
+    ASSERT_EQ(h->addToSnapshotGroup(pairs, "1", kSnapshotGroup, false, false), 0) << errorText(*h);
+    for (const auto& [operation, status] :
+         std::vector<std::pair<const char*, const char*>>{{VT_HDS_SNAP_OP_CREATE, "PSUS"},
+                                                          {VT_HDS_SNAP_OP_RESYNC, "PAIR"},
+                                                          {VT_HDS_SNAP_OP_SPLIT, "PSUS"},
+                                                          {VT_HDS_SNAP_OP_RESTORE, "PAIR"}}) {
+      ASSERT_EQ(h->operateOnSnapshotGroup(kSnapshotGroup, "", operation), 0) << errorText(*h);
+      std::vector<hdsSnapshotGroupInfo> listed;
+      ASSERT_EQ(h->getSnapshotGroupInfo(listed, kSnapshotGroup), 0);
+      ASSERT_EQ(listed.size(), static_cast<size_t>(kPairs));
+      for (const hdsSnapshotGroupInfo& pair : listed) {
+        EXPECT_EQ(pair.pairStatus, status) << operation << pair.ldevId;
+      }
+    }
+    std::vector<hdsSnapshotGroupInfo> ofSvol;
+    ASSERT_EQ(h->getSnapshotGroupList(ofSvol, "1063"), 0);
+    ASSERT_EQ(ofSvol.size(), 1u);
+    EXPECT_FALSE(ofSvol[0].isPVol);
+    EXPECT_EQ(ofSvol[0].partnerLdevId, "163");
+
+    for (int i = 0; i < kPairs; ++i) ASSERT_EQ(h->deleteSnapshot(std::to_string(100 + i)), 0);
+    ASSERT_EQ(h->deleteDeviceGroup(kPvolGroup), 0) << errorText(*h);
+    ASSERT_EQ(h->deleteAllSvolsInDeviceGroup(kSvolGroup), 0) << errorText(*h);
+    std::vector<std::string> groups;
+    ASSERT_EQ(h->getDeviceGroupList(groups), 0);
+    EXPECT_TRUE(groups.empty());
+  });
+  EXPECT_EQ(changes(before, sim), "");
+}
+
+TEST_F(ReplicationOnSim, FailedCreationLeavesNoLdev) {
+  sim.addFault(fault("add ldev .*-ldev_id 2002", 221, kRejected));
+  expectInChild([&] {
+    auto h = handler();
+    EXPECT_EQ(h->createSvol(newPairs(5, 2000), "0"), 1u);
+    EXPECT_EQ(errorText(*h), "Failed to create ldev.");
+  });
+  EXPECT_EQ(calls("add", "ldev").size(), 3u);
+  EXPECT_EQ(calls("add", "ldev")[0], "-pool 0 -mp_blade_id 0 -ldev_id 2000 -capacity 2097152");
+  EXPECT_EQ(changes(before, sim), "");
+}
+
+TEST_F(ReplicationOnSim, VirtualisationIsUndoneOnFailureAndReleasedOnDeletion) {
+  // The first LDEV's virtual id is refused twice before it is taken; the third cannot be made.
+  sim.addFault(fault("^map resource -ldev_id 2000 ", 221, kRejected, 2));
+  sim.addFault(fault("add ldev .*-ldev_id 2002", 221, kRejected));
+  expectInChild([&] {
+    ZoSetTimeScale(0.001);
+    auto h = handler(true);
+    EXPECT_EQ(h->createSvol(newPairs(5, 2000), "0"), 1u);
+    EXPECT_EQ(errorText(*h), "Failed to create ldev.");
+    EXPECT_TRUE(log.contains(
+        "Failed to virtualize LDEV-[2000] in resource group-[vsm_rg]. Retry-[2/5]...", 2));
+    EXPECT_FALSE(log.contains("Retry-[3/5]"));
+
+    // A virtualised S-VOL is released from the machine before it is deleted.
+    ASSERT_EQ(h->createSvol(newPairs(1, 3000), "0"), 0u) << errorText(*h);
+    std::vector<hdsLdev_t> ldevs(1);
+    ldevs[0].ldevId = "3000";
+    ldevs[0].serialNumber = SimArray::kSerial;
+    ASSERT_EQ(h->getLdevInfo(ldevs), 0);
+    EXPECT_EQ(ldevs[0].virtualLdevId, "7000");
+    EXPECT_EQ(ldevs[0].resourceGroupId, 5);
+    EXPECT_EQ(h->deleteSvol("3000"), 0u) << errorText(*h);
+  });
+  // Phases: own id off, into the group, virtual id on; undone newest first.
+  const Calls unmaps = calls("unmap", "resource");
+  EXPECT_EQ(Calls(unmaps.begin(), unmaps.begin() + 4),
+            (Calls{"-ldev_id 2000 -virtual_ldev_id 7000", "-ldev_id 2001 -virtual_ldev_id 7001",
+                   "-ldev_id 2001 -virtual_ldev_id 7001", "-ldev_id 2000 -virtual_ldev_id 7000"}));
+  const Calls maps = calls("map", "resource");
+  EXPECT_EQ(Calls(maps.begin(), maps.begin() + 6),
+            (Calls{"-ldev_id 2000 -virtual_ldev_id 7000", "-ldev_id 2000 -virtual_ldev_id 7000",
+                   "-ldev_id 2000 -virtual_ldev_id 7000", "-ldev_id 2001 -virtual_ldev_id 7001",
+                   "-ldev_id 2001 -virtual_ldev_id 2001", "-ldev_id 2000 -virtual_ldev_id 2000"}));
+  EXPECT_EQ(calls("add", "resource").size(), 3u);
+  EXPECT_EQ(changes(before, sim), "");
+}
+
+TEST_F(ReplicationOnSim, LdevQueries) {
+  sim.addFault(fault("get ldev -ldev_list undefined", 246, ""));
+  sim.addFault(fault("get ldev -ldev_id 65279", 253, ""));
+  expectInChild([&] {
+    auto h = handler();
+    std::vector<hdsLdev_t> ldevs;
+    ASSERT_EQ(h->getLdevlList(ldevs, {{VT_HDS_LDEV_FILTER_CU, "0"}}), 0);
+    ASSERT_EQ(ldevs.size(), 256u);
+    EXPECT_EQ(ldevs[0].volType, "NOTDEFINED");
+    EXPECT_EQ(ldevs[100].label, "data_100");
+    ldevs.clear();
+    ASSERT_EQ(h->getLdevlList(
+                  ldevs, {{VT_HDS_LDEV_FILTER_DEFINED, ""}, {VT_HDS_LDEV_FILTER_LABEL, "cmd_dev"}}),
+              0);
+    ASSERT_EQ(ldevs.size(), 1u);
+    EXPECT_EQ(ldevs[0].ldevId, "4095");
+    ldevs.clear();
+    EXPECT_EQ(h->getLdevlList(ldevs, {{VT_HDS_LDEV_FILTER_UNDEFINED, ""}}), 0);
+    EXPECT_TRUE(ldevs.empty());
+
+    // The array's type (R9) allows 65279, but the probe of that number is refused.
+    int maxLdev = 0;
+    EXPECT_EQ(h->getMaxLdevNumber(maxLdev), 0);
+    EXPECT_EQ(maxLdev, 16383);
+    EXPECT_EQ(h->getMaxLdevNumber(maxLdev), 0);
+    EXPECT_EQ(maxLdev, 65279);
+  });
+  EXPECT_EQ(calls("get", "ldev")[0], "-ldev_id 0 -cnt 256");
+}
+
+TEST_F(ReplicationOnSim, RefusalsCarryTheirCauseIntoTheError) {
+  const std::string cause = std::string(kRejected) + "CAUSE : LDEV is not installed.\n";
+  sim.addFault(fault("add device_grp", 221, cause, 2));
+  sim.addFault(fault("add snapshot", 221, cause));
+  expectInChild([&] {
+    ZoSetTimeScale(0.001);
+    auto h = handler();
+    auto pairs = newPairs(1, 1000);
+    EXPECT_EQ(h->addVolsToDeviceGroup(pairs, kSvolGroup, kPvolGroup), 1);
+    EXPECT_EQ(errorText(*h), " LDEV is not installed.\n-Failed to add SVOLs to device group " +
+                                 std::string(kSvolGroup));
+    pairs.begin()->second.isCloneTarget = true;
+    EXPECT_EQ(h->addToSnapshotGroup(pairs, "1", kSnapshotGroup, true, false), 1);
+    EXPECT_EQ(errorText(*h),
+              "Failed to add snapshot-<LDEV-[1000], Pool-[1], Mode-[ CTG  cascade ], "
+              "SnapshotGroup-[KS_SNAP_job1]>. Error-[ LDEV is not installed.]");
+    EXPECT_EQ(h->operateOnSnapshotGroup("", "", VT_HDS_SNAP_OP_SPLIT), 1);
+    EXPECT_EQ(h->deleteLdevFromDeviceGroup("100", kPvolGroup), 0);
+  });
+  EXPECT_EQ(calls("add", "snapshot")[0],
+            "-ldev_id 100 1000 -pool 1 -snapshotgroup KS_SNAP_job1 -snap_mode CTG cascade");
+  EXPECT_TRUE(calls("modify", "snapshot").empty());
+}
+
+}  // namespace

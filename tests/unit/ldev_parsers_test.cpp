@@ -1,0 +1,197 @@
+#include <gtest/gtest.h>
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include "hds/common/HDSConstants.h"
+#include "hds/raidcom/RaidcomParsers.h"
+
+namespace {
+
+// A DP volume inside a virtual storage machine, an undefined number, and a parity-group LDEV of an
+// older array without paths, blank lines between, as -ldev_list prints them.
+const char* const kLdevListing =
+    "Serial#  : 412345\n"
+    "LDEV : 4660 VIR_LDEV : 4700\n"
+    "SL : 0\n"
+    "VOL_TYPE : OPEN-V-CVS\n"
+    "VOL_Capacity(BLK) : 41943040\n"
+    "NUM_PORT : 2\n"
+    "PORTs : CL1-A-3 12 mediahost01 : CL2-A-13 0 mediahost_long_n\n"
+    "F_POOLID : NONE\n"
+    "VOL_ATTR : CVS : HDP\n"
+    "B_POOLID : 5\n"
+    "LDEV_NAMING : KS_SVOL_4660\n"
+    "STS : NML\n"
+    "MP# : 2\n"
+    "RSGID : 3\n"
+    "\n"
+    "Serial#  : 412345\n"
+    "LDEV : 4662 VIR_LDEV : 65534\n"
+    "VOL_TYPE : NOT DEFINED\n"
+    "RSGID : 0\n"
+    "\n"
+    "Serial#  : 412345\n"
+    "LDEV : 0\n"
+    "VOL_TYPE : OPEN-V-CVS\n"
+    "PORTs :\n"
+    "VOL_ATTR : CVS\n"
+    "RAID_LEVEL  : RAID1\n"
+    "LDEV_NAMING : vol_a0\n";
+
+TEST(LdevListing, RecordsOfTheRealLayout) {
+  std::vector<hdsLdev_t> ldevs;
+  parseGetLdevOutput(kLdevListing, ldevs, {});
+  ASSERT_EQ(ldevs.size(), 3u);
+
+  const hdsLdev_t& dp = ldevs[0];
+  EXPECT_EQ(dp.serialNumber, "412345");
+  EXPECT_EQ(dp.ldevId, "4660");
+  EXPECT_EQ(dp.virtualLdevId, "4700");
+  EXPECT_EQ(dp.volType, "OPEN-V-CVS");
+  EXPECT_EQ(dp.capacity, 41943040u);
+  EXPECT_EQ(dp.poolId, "5");
+  EXPECT_EQ(dp.volAttr, VT_HDS_VOL_CVS | VT_HDS_VOL_HDP);
+  EXPECT_EQ(dp.label, "KS_SVOL_4660");
+  EXPECT_EQ(dp.mpBladeId, 2);
+  EXPECT_EQ(dp.resourceGroupId, 3);
+  ASSERT_EQ(dp.lunPaths.size(), 2u);
+  EXPECT_EQ(dp.lunPaths[0].port, "CL1-A");
+  EXPECT_EQ(dp.lunPaths[0].hostGroupId, "3");
+  EXPECT_EQ(dp.lunPaths[0].lunId, "12");
+  EXPECT_EQ(dp.lunPaths[0].hostGroupName, "mediahost01");
+  EXPECT_EQ(dp.lunPaths[1].hostGroupId, "13");
+
+  EXPECT_EQ(ldevs[1].ldevId, "4662");
+  EXPECT_EQ(ldevs[1].virtualLdevId, "65534");
+  EXPECT_EQ(ldevs[1].volType, "NOTDEFINED");  // values are compared without white space
+  EXPECT_EQ(ldevs[2].virtualLdevId, "");
+  EXPECT_TRUE(ldevs[2].lunPaths.empty());
+  EXPECT_EQ(ldevs[2].label, "vol_a0");
+
+  // Only that label; an empty label filters nothing.
+  ldevs.clear();
+  parseGetLdevOutput(kLdevListing, ldevs, {{VT_HDS_LDEV_FILTER_LABEL, "vol_a0"}});
+  ASSERT_EQ(ldevs.size(), 1u);
+  EXPECT_EQ(ldevs[0].ldevId, "0");
+  parseGetLdevOutput(kLdevListing, ldevs, {{VT_HDS_LDEV_FILTER_LABEL, ""}});
+  EXPECT_EQ(ldevs.size(), 4u);
+}
+
+TEST(LdevListing, SeparatorsAndShortForms) {
+  std::vector<hdsLdev_t> ldevs;
+  parseGetLdevOutput("", ldevs, {});
+  parseGetLdevOutput("\n\n", ldevs, {});
+  EXPECT_TRUE(ldevs.empty());
+
+  // CRLF endings, records without a blank line between, and the short form without Serial#.
+  parseGetLdevOutput(
+      "Serial#  : 1\r\nLDEV : 10\r\nLDEV_NAMING : a\r\nSerial#  : 1\r\nLDEV : 11\r\n", ldevs, {});
+  parseGetLdevOutput("LDEV : 4662\nVOL_TYPE : NOT DEFINED\n", ldevs, {});
+  ASSERT_EQ(ldevs.size(), 3u);
+  EXPECT_EQ(ldevs[0].label, "a");
+  EXPECT_EQ(ldevs[1].ldevId, "11");
+  EXPECT_EQ(ldevs[1].label, "");
+  EXPECT_EQ(ldevs[2].ldevId, "4662");
+}
+
+TEST(LdevListing, LongListingsOfUnevenRecords) {
+  // Hundreds of kilobytes, read in pieces, with a short record first: none may be lost or split.
+  std::string text = "Serial#  : 412345\r\nLDEV : 0\r\nVOL_TYPE : NOT DEFINED\r\n\r\n";
+  for (int id = 1; id < 3000; ++id) {
+    const std::string n = std::to_string(id);
+    text += "Serial#  : 412345\r\nLDEV : " + n + "\r\nSL : 0\r\nPORTs : CL1-A-1 " + n +
+            " h\r\nVOL_ATTR : CVS : HDP\r\nLDEV_NAMING : KS_SVOL_" + n +
+            "\r\nCSV_Status : DISABLED\r\nDEDUPLICATION_DATA : DISABLED\r\n\r\n";
+  }
+  std::vector<hdsLdev_t> ldevs;
+  parseGetLdevOutput(text, ldevs, {});
+  ASSERT_EQ(ldevs.size(), 3000u);
+  for (int id = 1; id < 3000; ++id) {
+    ASSERT_EQ(ldevs[id].ldevId, std::to_string(id));
+    ASSERT_EQ(ldevs[id].label, "KS_SVOL_" + std::to_string(id));
+    ASSERT_EQ(ldevs[id].lunPaths.size(), 1u);
+    ASSERT_EQ(ldevs[id].lunPaths[0].lunId, std::to_string(id));
+  }
+  EXPECT_LE(ldevs.capacity(), ldevs.size() * 2);
+}
+
+TEST(LdevListing, AttributeBitsAndPortLists) {
+  EXPECT_EQ(volumeAttributemap("NOT DEFINED"), VT_HDS_VOL_NOT_DEFINED);
+  EXPECT_EQ(volumeAttributemap("CVS : HDP"), 260);
+  EXPECT_EQ(volumeAttributemap(""), VT_HDS_VOL_NOT_FOUND);
+  EXPECT_EQ(volumeAttributemap("CVS:MRCF:QS"), VT_HDS_VOL_CVS | VT_HDS_VOL_MRCF | VT_HDS_VOL_QS);
+  EXPECT_EQ(volumeAttributemap("THP:SMRT:HA"), VT_HDS_VOL_HDP | VT_HDS_VOL_HDT | VT_HDS_VOL_GAD);
+  EXPECT_EQ(volumeAttributemap("NOT DEFINED CMD"), VT_HDS_VOL_CMD_DEV);
+
+  std::vector<hdsLun_t> luns(3);
+  parsePortList("PORTs : ", luns);
+  EXPECT_TRUE(luns.empty());
+  parsePortList("PORTs : CL3-B-0 1 host a : CL4 7 h2", luns);
+  ASSERT_EQ(luns.size(), 2u);
+  EXPECT_EQ(luns[0].hostGroupName, "host");  // PORTs carries no blank-safe names
+  EXPECT_EQ(luns[1].port, "CL4");
+  EXPECT_EQ(luns[1].hostGroupId, "");
+  EXPECT_EQ(luns[1].lunId, "7");
+}
+
+TEST(LdevFrontEnd, FixedColumns) {
+  // Serial 0-8, LDEV 9-13, type 23-41, capacity 42-53, attribute 59-81.
+  auto line = [](const std::string& ldev, const std::string& type, const std::string& attr) {
+    std::string text(88, ' ');
+    text.replace(1, 6, "412345").replace(9, ldev.size(), ldev).replace(23, type.size(), type);
+    return text.replace(42, 8, "41943040").replace(59, attr.size(), attr) + "\n";
+  };
+  const std::string listing = "header\n" + line("255", "OPEN-V-CVS", "CVS : HDP") +
+                              line("256", "NOT DEFINED", "-") + "412345 4663";
+  std::vector<hdsLdev_t> ldevs;
+  EXPECT_TRUE(parseGetLdevFrontEndOutput(listing, ldevs, {}));
+  ASSERT_EQ(ldevs.size(), 2u);  // the last piece has no line end
+  EXPECT_EQ(ldevs[0].serialNumber, "412345");
+  EXPECT_EQ(ldevs[0].ldevId, "255");
+  EXPECT_EQ(ldevs[0].volType, "OPEN-V-CVS");
+  EXPECT_EQ(ldevs[0].capacity, 41943040u);
+  EXPECT_EQ(ldevs[0].volAttr, 260);
+  // The label key also names a control unit; the listing has no label column.
+  ldevs.clear();
+  parseGetLdevFrontEndOutput(listing, ldevs, {{VT_HDS_LDEV_FILTER_LABEL, ""}});
+  ASSERT_EQ(ldevs.size(), 1u);
+  EXPECT_EQ(ldevs[0].ldevId, "255");
+}
+
+TEST(GroupListings, DeviceGroupsAndSnapshots) {
+  std::vector<std::string> groups;
+  parseGetDeviceGroupListOutput("LDEV_GROUP   Serial#\nKS_DEV_S_1   412345\nKS_DEV_P_1\nlast",
+                                groups);
+  EXPECT_EQ(groups, (std::vector<std::string>{"KS_DEV_S_1", "KS_DEV_P_1"}));
+  // A member line short of its serial stops the parse; what came before stays.
+  std::vector<hdsLdev_t> ldevs;
+  EXPECT_FALSE(
+      parseGetDeviceGroupOutput("h\ng Pair_1 1 412345\ng Pair_2 2\ng Pair_3 3 9\n", ldevs));
+  ASSERT_EQ(ldevs.size(), 1u);
+  EXPECT_EQ(ldevs[0].deviceName, "Pair_1");
+
+  std::vector<hdsSnapshotGroupInfo> pairs;
+  parseGetSnapshotGroupOutput("", pairs);
+  parseGetSnapshotGroupOutput("SnapShot_name P/S STAT\n", pairs);
+  EXPECT_TRUE(pairs.empty());
+  parseGetSnapshotGroupOutput(
+      "SnapShot_name                    P/S   STAT  Serial# LDEV#  MU# P-LDEV#  PID    % MODE "
+      "SPLT-TIME\n"
+      "nightly_db01                     P-VOL PSUS   412345  4660    3    4672    5   97 G--A "
+      "65a1c3f0\n"
+      "cut_short                        S-VOL SSUS\n",
+      pairs);
+  ASSERT_EQ(pairs.size(), 2u);
+  EXPECT_EQ(pairs[0].mirrorUnit, "3");
+  EXPECT_EQ(pairs[0].partnerLdevId, "4672");
+  EXPECT_EQ(pairs[0].poolId, "5");
+  EXPECT_EQ(pairs[0].copyPercent, 97);
+  EXPECT_EQ(pairs[0].mode, "G--A");
+  EXPECT_EQ(pairs[0].splitTime, 65);  // read as a decimal number, as callers have always had it
+  EXPECT_FALSE(pairs[1].isPVol);
+  EXPECT_EQ(pairs[1].ldevId, "");
+}
+
+}  // namespace
