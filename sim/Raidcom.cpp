@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cstdlib>
 
+#include "sim/Tools.h"
+
 namespace ccisim {
 
 namespace {
@@ -181,10 +183,6 @@ std::vector<int> Raidcom::deviceGroupLdevs(const std::string& group) {
   if (ldevs.empty()) fail(EX_ENOOBJ);
   return ldevs;
 }
-
-int64_t Raidcom::copyMs() { return std::atoll(db().meta("copy_ms").value_or("0").c_str()); }
-
-int64_t Raidcom::formatMs() { return std::atoll(db().meta("format_ms").value_or("0").c_str()); }
 
 int runRaidcom(Invocation& inv) {
   inv.takeInstanceOption();

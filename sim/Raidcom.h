@@ -45,8 +45,6 @@ class Raidcom {
   // Members of a device group, in the order they were added; EX_ENOOBJ when it has none.
   std::vector<int> deviceGroupLdevs(const std::string& group);
 
-  int64_t copyMs();
-  int64_t formatMs();
   // Background work the session's command status waits for (formatting).
   void addPending(int64_t untilMs) { m_iPendingUntil = std::max(m_iPendingUntil, untilMs); }
   int64_t pendingUntil() const { return m_iPendingUntil; }
@@ -59,9 +57,6 @@ class Raidcom {
   std::vector<std::string> m_oWords;
   int64_t m_iPendingUntil = 0;
 };
-
-// Entry point of the raidcom tool.
-int runRaidcom(Invocation& inv);
 
 // Command families, each in its own file.
 void getLdev(Raidcom& rc);

@@ -190,6 +190,7 @@ void getLdev(Raidcom& rc) {
     if (word != "pool" || !listKind.empty()) rc.inv().invalidOption(word);
     listKind = "pool";
   }
+  if (listKind.empty() && !opts.has("-ldev_id") && opts.has("-pool_id")) listKind = "pool";
   if (!listKind.empty()) {
     std::vector<LdevView> views = listLdevs(rc, listKind, opts);
     if (views.empty()) rc.fail(EX_ENODEV);
@@ -331,7 +332,7 @@ void initializeLdev(Raidcom& rc) {
   for (const LdevRow& row : rows) {
     if (row.status != "BLK") rc.inv().asyncFail(ssb::LDEV_NOT_BLOCKED);
   }
-  int64_t ms = rc.formatMs();
+  int64_t ms = timingMs(rc.db(), "format_ms");
   int64_t due = Invocation::nowMs() + ms;
   for (const LdevRow& row : rows) {
     if (ms <= 0) {

@@ -51,12 +51,6 @@ std::vector<SnapshotRow> loadSnapshots(Raidcom& rc, const std::string& where, co
   return rows;
 }
 
-int progress(int64_t since, std::optional<int64_t> due) {
-  if (!due || *due <= since) return 100;
-  int64_t pct = (Invocation::nowMs() - since) * 100 / (*due - since);
-  return static_cast<int>(std::max<int64_t>(0, std::min<int64_t>(99, pct)));
-}
-
 SnapshotView snapshotView(Raidcom& rc, const SnapshotRow& r, bool svolSide) {
   SnapshotView v;
   v.group = r.group;
@@ -67,7 +61,7 @@ SnapshotView snapshotView(Raidcom& rc, const SnapshotRow& r, bool svolSide) {
   v.mu = r.mu;
   v.partner = svolSide ? std::optional<int>(r.pvol) : r.svol;
   v.pool = r.pool;
-  v.percent = progress(r.since, r.due);
+  v.percent = copyPercent(r.since, r.due);
   v.mode = std::string("G") + (r.ctg ? "C" : "-") + "-" + (r.mode.empty() ? "-" : "A");
   v.splitTime = r.splitTime;
   return v;
@@ -307,7 +301,7 @@ void modifySnapshot(Raidcom& rc) {
   if (!kOps.count(op)) rc.inv().invalidOption("-snapshot_data");
   std::vector<SnapshotRow> rows = snapshotTargets(rc, opts, true);
   int64_t now = Invocation::nowMs();
-  int64_t copy = rc.copyMs();
+  int64_t copy = timingMs(rc.db(), "copy_ms");
   std::optional<int64_t> due;
   if (copy > 0) due = now + copy;
   for (const SnapshotRow& r : rows) {

@@ -186,7 +186,8 @@ void lockResource(Raidcom& rc) {
 }
 
 void unlockResource(Raidcom& rc) {
-  Options opts = rc.options({{"-resource_name", 1, 1}});
+  // The handler passes the same -time to unlock as to lock; it is accepted and has no effect.
+  Options opts = rc.options({{"-resource_name", 1, 1}, {"-time", 1, 1}});
   for (const ResourceGroup& g : loadGroups(rc, opts.value("-resource_name"))) {
     if (!g.owner) continue;
     if (!heldByMe(rc, g)) rc.reject(ssb::RSG_LOCKED);

@@ -173,8 +173,8 @@ void Invocation::pause(int64_t ms) {
   m_rStore.exec("RELEASE command");
   m_rStore.commit();
   std::this_thread::sleep_for(std::chrono::milliseconds(std::max<int64_t>(ms, 1)));
-  m_rStore.begin();
-  settle();
+  settleIfDue();
+  beginTransaction();
   m_rStore.exec("SAVEPOINT command");
 }
 
@@ -185,12 +185,24 @@ void Invocation::scheduleDue(int64_t dueMs) {
   }
 }
 
+void Invocation::settleIfDue() {
+  auto due = m_rStore.meta("next_due");
+  if (!due || std::atoll(due->c_str()) > nowMs()) return;
+  m_rStore.begin(true);
+  try {
+    settle();
+    m_rStore.commit();
+  } catch (...) {
+    m_rStore.rollback();
+    throw;
+  }
+}
+
 void Invocation::settle() {
   auto due = m_rStore.meta("next_due");
   if (!due) return;
   int64_t now = nowMs();
   if (std::atoll(due->c_str()) > now) return;
-  m_rStore.run("DELETE FROM pairs WHERE due<=? AND next='SMPL'", now);
   m_rStore.run("UPDATE pairs SET status=next, next=NULL, since=due, due=NULL WHERE due<=?", now);
   m_rStore.run("DELETE FROM snapshots WHERE due<=? AND next='SMPL'", now);
   m_rStore.run("UPDATE snapshots SET status=next, next=NULL, since=due, due=NULL WHERE due<=?",

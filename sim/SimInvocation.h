@@ -141,6 +141,9 @@ class Invocation {
 
   // Wall clock in milliseconds since the epoch.
   static int64_t nowMs();
+  // Whether this call may change the state: it then runs in a write transaction.
+  void setWriter(bool writer) { m_bWriter = writer; }
+  void beginTransaction() { m_rStore.begin(m_bWriter); }
   // Waits inside a command without holding the state: commits, sleeps, starts a new
   // transaction. The command must not have changed anything yet.
   void pause(int64_t ms);
@@ -148,8 +151,10 @@ class Invocation {
   double timeScale() const { return m_dTimeScale; }
   // Remembers that a timed transition falls due, so that later invocations settle it.
   void scheduleDue(int64_t dueMs);
-  // Applies every timed transition that has fallen due (copy completion and the like).
+  // Applies every timed transition that has fallen due (copy completion and the like), inside
+  // the current write transaction; settleIfDue checks first and writes only when one has.
   void settle();
+  void settleIfDue();
 
   // Instance selection from -I/-IM/-IH options (removed from the arguments) or HORCMINST.
   void takeInstanceOption();
@@ -176,6 +181,7 @@ class Invocation {
   std::string m_sInstance;
   InstanceMode m_eMode = InstanceMode::Any;
   double m_dTimeScale = 1.0;
+  bool m_bWriter = true;
   std::optional<AsyncFailure> m_oInjected;
 };
 

@@ -1,7 +1,12 @@
 #include "sim/SimJournal.h"
 
+#include <fcntl.h>
+#include <sys/file.h>
 #include <unistd.h>
 
+#include <ctime>
+#include <fstream>
+#include <map>
 #include <nlohmann/json.hpp>
 #include <regex>
 
@@ -44,12 +49,12 @@ std::vector<Fault> listFaults(Store& db) {
 
 void clearFaults(Store& db) { db.run("DELETE FROM faults"); }
 
+bool hasFaults(Store& db, const std::string& tool) {
+  return db.exists("SELECT 1 FROM faults WHERE (tool=? OR tool='*') AND remaining<>0", tool);
+}
+
 std::optional<Fault> takeFault(Store& db, const std::string& tool,
                                const std::vector<std::string>& args) {
-  // Most calls meet an empty table; the regular expressions are only built when needed.
-  if (!db.exists("SELECT 1 FROM faults WHERE (tool=? OR tool='*') AND remaining<>0", tool)) {
-    return std::nullopt;
-  }
   std::string joined;
   for (const std::string& a : args) joined += (joined.empty() ? "" : " ") + a;
   for (const Fault& f : listFaults(db)) {
@@ -97,42 +102,72 @@ std::string encodeArgs(const std::vector<std::string>& args) {
   return json + "]";
 }
 
-std::vector<std::string> decodeArgs(const std::string& json) {
-  std::vector<std::string> args;
-  // Arguments are whatever bytes the caller passed; invalid UTF-8 must not throw here.
-  nlohmann::json value = nlohmann::json::parse(json, nullptr, false);
-  if (!value.is_array()) return args;
-  for (const auto& a : value) {
-    if (a.is_string()) args.push_back(a.get<std::string>());
+std::string journalPath(const std::string& statePath) { return statePath + ".journal"; }
+
+std::string newCallId() {
+  timespec now;
+  clock_gettime(CLOCK_REALTIME, &now);
+  return strprintf("%d.%lld.%ld", static_cast<int>(getpid()), static_cast<long long>(now.tv_sec),
+                   now.tv_nsec);
+}
+
+void journalAppend(const std::string& statePath, const std::string& callId, const std::string& tool,
+                   const std::vector<std::string>& args, std::optional<int> exitCode) {
+  std::string line = "{\"id\":" + jsonQuote(callId) +
+                     ",\"time_ms\":" + std::to_string(Invocation::nowMs()) +
+                     ",\"pid\":" + std::to_string(getpid()) + ",\"tool\":" + jsonQuote(tool) +
+                     ",\"args\":" + encodeArgs(args) +
+                     ",\"exit\":" + (exitCode ? std::to_string(*exitCode) : "null") + "}\n";
+  int fd = ::open(journalPath(statePath).c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
+  if (fd < 0) return;
+  // One writer at a time keeps long lines whole.
+  ::flock(fd, LOCK_EX);
+  const char* p = line.data();
+  size_t left = line.size();
+  while (left > 0) {
+    ssize_t n = ::write(fd, p, left);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) break;
+    p += n;
+    left -= static_cast<size_t>(n);
   }
-  return args;
+  ::close(fd);
 }
 
-int64_t journalRecord(Store& db, const std::string& tool, const std::vector<std::string>& args,
-                      std::optional<int> exitCode) {
-  db.run("INSERT INTO journal(ts, pid, tool, args, exit_code) VALUES(?, ?, ?, ?, ?)",
-         Invocation::nowMs(), static_cast<int64_t>(getpid()), tool, encodeArgs(args), exitCode);
-  return db.lastInsertId();
-}
-
-void journalFinish(Store& db, int64_t seq, int exitCode) {
-  db.run("UPDATE journal SET exit_code=? WHERE seq=?", exitCode, seq);
-}
-
-std::vector<JournalEntry> readJournal(Store& db) {
+std::vector<JournalEntry> readJournal(const std::string& statePath) {
   std::vector<JournalEntry> entries;
-  Stmt st = db.query("SELECT seq, ts, pid, tool, args, exit_code FROM journal ORDER BY seq");
-  while (st.step()) {
+  std::map<std::string, size_t> byId;
+  std::ifstream in(journalPath(statePath));
+  std::string line;
+  while (std::getline(in, line)) {
+    nlohmann::json j = nlohmann::json::parse(line, nullptr, false);
+    if (!j.is_object()) continue;  // a line cut short by a crash
+    std::optional<int> exitCode;
+    if (j["exit"].is_number()) exitCode = j["exit"].get<int>();
+    std::string id = j.value("id", "");
+    auto seen = byId.find(id);
+    if (seen != byId.end()) {
+      entries[seen->second].exitCode = exitCode;
+      continue;
+    }
     JournalEntry e;
-    e.seq = st.i64(0);
-    e.timeMs = st.i64(1);
-    e.pid = st.i64(2);
-    e.tool = st.s(3);
-    e.args = decodeArgs(st.s(4));
-    if (!st.isNull(5)) e.exitCode = st.i(5);
+    e.seq = static_cast<int64_t>(entries.size()) + 1;
+    e.timeMs = j.value("time_ms", int64_t(0));
+    e.pid = j.value("pid", int64_t(0));
+    e.tool = j.value("tool", "");
+    for (const auto& a : j["args"]) {
+      if (a.is_string()) e.args.push_back(a.get<std::string>());
+    }
+    e.exitCode = exitCode;
+    byId[id] = entries.size();
     entries.push_back(e);
   }
   return entries;
+}
+
+void clearJournal(const std::string& statePath) {
+  int fd = ::open(journalPath(statePath).c_str(), O_WRONLY | O_TRUNC | O_CREAT | O_CLOEXEC, 0644);
+  if (fd >= 0) ::close(fd);
 }
 
 }  // namespace ccisim

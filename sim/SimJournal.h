@@ -27,6 +27,8 @@ struct Fault {
 void addFault(Store& db, const Fault& fault);
 std::vector<Fault> listFaults(Store& db);
 void clearFaults(Store& db);
+// Cheap first look: are there faults that could match a call of this tool?
+bool hasFaults(Store& db, const std::string& tool);
 // The first fault that matches this call, with one of its uses consumed.
 std::optional<Fault> takeFault(Store& db, const std::string& tool,
                                const std::vector<std::string>& args);
@@ -40,14 +42,17 @@ struct JournalEntry {
   std::optional<int> exitCode;  // none: the call has not finished (or was killed)
 };
 
-// Records a call; without an exit code it is a call still under way, finished later.
-int64_t journalRecord(Store& db, const std::string& tool, const std::vector<std::string>& args,
-                      std::optional<int> exitCode);
-void journalFinish(Store& db, int64_t seq, int exitCode);
-std::vector<JournalEntry> readJournal(Store& db);
+// The journal lives beside the state, in "<state>.journal", one JSON line a call. Appending a
+// line costs a fraction of the write transaction that calls which only read would otherwise
+// need. A call recorded before it hangs gets a second line under the same id when it ends.
+std::string journalPath(const std::string& statePath);
+std::string newCallId();
+void journalAppend(const std::string& statePath, const std::string& callId, const std::string& tool,
+                   const std::vector<std::string>& args, std::optional<int> exitCode);
+std::vector<JournalEntry> readJournal(const std::string& statePath);
+void clearJournal(const std::string& statePath);
 
 std::string jsonQuote(const std::string& text);
 std::string encodeArgs(const std::vector<std::string>& args);
-std::vector<std::string> decodeArgs(const std::string& json);
 
 }  // namespace ccisim

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cstdlib>
 
 #include "sim/SimInvocation.h"
 
@@ -142,6 +143,16 @@ void splitPortGid(const std::string& word, std::string& port, std::optional<int>
   if (word.find('-') == dash) return;  // "CL1-5" would be a port, not a port and a group
   port = word.substr(0, dash);
   gid = std::atoi(tail.c_str());
+}
+
+int64_t timingMs(Store& db, const char* key) {
+  return std::atoll(db.meta(key).value_or("0").c_str());
+}
+
+int copyPercent(int64_t since, std::optional<int64_t> due) {
+  if (!due || *due <= since) return 100;
+  int64_t pct = (Invocation::nowMs() - since) * 100 / (*due - since);
+  return static_cast<int>(std::max<int64_t>(0, std::min<int64_t>(99, pct)));
 }
 
 std::vector<int> parseHostModeOptions(const std::string& text) {

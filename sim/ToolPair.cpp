@@ -107,14 +107,6 @@ void setPair(Invocation& inv, const PairGroup& g, const Member& m, const std::st
   if (due) inv.scheduleDue(*due);
 }
 
-int64_t copyMs(Store& db) { return std::atoll(db.meta("copy_ms").value_or("0").c_str()); }
-
-int percent(const Pair& p) {
-  if (!p.due || *p.due <= p.since) return 100;
-  int64_t pct = (Invocation::nowMs() - p.since) * 100 / (*p.due - p.since);
-  return static_cast<int>(std::max<int64_t>(0, std::min<int64_t>(99, pct)));
-}
-
 void bumpIncarnation(Invocation& inv, const PairGroup& g) {
   inv.db().run(
       "UPDATE copygrps SET incarnation=incarnation+1, q_seq=0, q_time=? WHERE serial=? AND name=?",
@@ -163,7 +155,7 @@ int runPairCreate(Invocation& inv) {
   std::string kind =
       inv.instanceMode() == InstanceMode::Horc ? (g.journal ? "UR" : "HORC") : "MRCF";
   std::string fence = toUpper(opts.value("-f", g.journal ? "async" : "never"));
-  int64_t copy = opts.has("-nocopy") ? 0 : copyMs(db);
+  int64_t copy = opts.has("-nocopy") ? 0 : timingMs(db, "copy_ms");
   std::string settled = opts.has("-split") ? "PSUS" : "PAIR";
   for (const Member& m : g.members) {
     if (!m.svol) inv.fail(EX_EVOLCE);
@@ -239,7 +231,7 @@ int runPairResync(Invocation& inv) {
                                    {"-swapp", 0, 0},
                                    {"-l", 0, 0}});
   PairGroup g = resolveGroup(inv, opts);
-  int64_t copy = copyMs(inv.db());
+  int64_t copy = timingMs(inv.db(), "copy_ms");
   std::string copying = opts.has("-restore") ? "RCPY" : "COPY";
   for (const Member& m : g.members) {
     auto pair = loadPair(inv.db(), g, m);
@@ -293,7 +285,7 @@ int runPairDisplay(Invocation& inv) {
       } else {
         v.role = side == 0 ? "P-VOL" : "S-VOL";
         v.status = side == 1 && pair->status == "PSUS" ? "SSUS" : pair->status;
-        v.percent = std::to_string(percent(*pair));
+        v.percent = std::to_string(copyPercent(pair->since, pair->due));
         v.partnerSerial = side == 0 ? pair->svolSerial : (pair->kind == "MRCF" ? "-" : g.serial);
         v.partnerLdev = std::to_string(side == 0 ? pair->svol : m.pvol);
         v.mark = side == 0 && pair->status == "PSUS" ? "W" : "-";
@@ -379,7 +371,7 @@ int runPairSyncWait(Invocation& inv) {
   Store& db = inv.db();
   auto unit =
       db.scalar("SELECT ord FROM inst_units WHERE num=? AND serial=?", inv.instance(), g.serial);
-  int64_t lagMs = std::atoll(db.meta("sync_lag_ms").value_or("0").c_str());
+  int64_t lagMs = timingMs(db, "sync_lag_ms");
   auto groupState = [&](std::string& worst) {
     worst = "PAIR";
     for (const Member& m : g.members) {

@@ -28,6 +28,8 @@ struct ToolName {
 // The eleven tool names, as `ccisim install` links them.
 const std::vector<ToolName>& toolNames();
 ToolEntry findTool(const std::string& name);
+// Whether a call may change the state; listings run in read transactions that block nobody.
+bool toolWrites(const std::string& name, const std::vector<std::string>& args);
 
 // The directory of the horcm<N>.conf files, ending in "/".
 std::string horcmDirectory();

@@ -40,27 +40,31 @@ void holdBeforeCommit() {
   std::this_thread::sleep_for(std::chrono::milliseconds(std::atoll(hold)));
 }
 
-// One invocation of a tool is one transaction: the journal entry, the fault it meets and the
-// changes it makes commit together, and nothing is printed before they have. A command that
-// ends in an error keeps the state as it was (its journal entry stays).
+// One invocation of a tool is one transaction: the fault it meets and the changes it makes
+// commit together, and nothing is printed or journalled before they have. A command that ends in
+// an error keeps the state as it was. Calls that only list run in a read transaction.
 int runTool(const std::string& name, ToolEntry entry, const std::vector<std::string>& args) {
-  const char* state = std::getenv("CCISIM_STATE");
+  const char* statePath = std::getenv("CCISIM_STATE");
+  std::string state = statePath ? statePath : "";
+  std::string callId = newCallId();
   std::string out, err;
   int status = 0;
   try {
-    Store store(state ? state : "", Store::Mode::Existing);
+    Store store(state, Store::Mode::Existing);
     Invocation inv(store, name, args);
-    store.begin();
-    inv.settle();
-    std::optional<int64_t> seq;
-    std::optional<Fault> fault = takeFault(store, name, args);
+    inv.settleIfDue();
+    bool faults = hasFaults(store, name);
+    inv.setWriter(faults || toolWrites(name, args));
+    inv.beginTransaction();
+    std::optional<Fault> fault;
+    if (faults) fault = takeFault(store, name, args);
     if (fault && fault->delayMs > 0) {
       // The call is recorded and its fault used up before it hangs, as a time-out kills it.
-      seq = journalRecord(store, name, args, std::nullopt);
       store.commit();
+      journalAppend(state, callId, name, args, std::nullopt);
       std::this_thread::sleep_for(std::chrono::milliseconds(fault->delayMs));
-      store.begin();
-      inv.settle();
+      inv.settleIfDue();
+      inv.beginTransaction();
     }
     if (fault && fault->exitCode) {
       out = fault->out;
@@ -82,13 +86,9 @@ int runTool(const std::string& name, ToolEntry entry, const std::vector<std::str
       out = inv.out();
       err = inv.err();
     }
-    if (seq) {
-      journalFinish(store, *seq, status);
-    } else {
-      journalRecord(store, name, args, status);
-    }
     holdBeforeCommit();
     store.commit();
+    journalAppend(state, callId, name, args, status);
   } catch (const StoreError& e) {
     out.clear();
     err = std::string("ccisim: ") + e.what() + "\n";
