@@ -142,19 +142,20 @@ int toInt(const std::string& text, const std::string& what) {
   return static_cast<int>(*n);
 }
 
-// init and load replace the state; a file that is not a state at all is replaced whole.
+// init and load replace the state, or leave it as it was when the scenario does not load; a
+// file that is not a state at all is replaced whole.
 void replaceState(const json& scenario) {
   std::string path = statePath();
-  clearJournal(path);
   try {
     Store store(path, Store::Mode::Create);
     loadScenario(store, scenario);
-    return;
-  } catch (const StoreError&) {
+  } catch (const StoreError& e) {
+    if (e.code() != SQLITE_NOTADB) throw;
     for (const char* suffix : {"", "-wal", "-shm"}) ::unlink((path + suffix).c_str());
+    Store store(path, Store::Mode::Create);
+    loadScenario(store, scenario);
   }
-  Store store(path, Store::Mode::Create);
-  loadScenario(store, scenario);
+  clearJournal(path);
 }
 
 void install(const std::string& dir) {

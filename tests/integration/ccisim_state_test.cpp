@@ -101,6 +101,10 @@ TEST_F(CcisimStateTest, DumpLoadsBackToTheSameState) {
   std::string json = m_oSim.dumpJson();
   m_oSim.load(json);
   EXPECT_EQ(m_oSim.dumpJson(), json);
+  // A scenario that does not load leaves the state alone.
+  EXPECT_THROW(m_oSim.load(R"({"arrays":[{"serial":"1","ldevs":[{"id":1},{"id":1}]}]})"),
+               std::runtime_error);
+  EXPECT_EQ(m_oSim.dumpJson(), json);
 }
 
 TEST_F(CcisimStateTest, FaultsFailMatchingCallsTheGivenNumberOfTimes) {
