@@ -130,8 +130,7 @@ void addDeviceGroup(Raidcom& rc) {
   requireGroupName(rc, group);
   requireGroupName(rc, device);
   int first = opts.ldevId("-ldev_id");
-  int64_t count = opts.optNumber("-cnt").value_or(1);
-  if (count < 1) rc.inv().invalidOption("-cnt");
+  int64_t count = opts.count("-cnt", maxLdevId(rc.db(), rc.serial()) - first + 1);
   for (int64_t i = 0; i < count; ++i) {
     int id = first + static_cast<int>(i);
     LdevRow row = rc.requireLdev(id);
@@ -169,9 +168,7 @@ void getSnapshot(Raidcom& rc) {
     if (rows.empty()) rc.fail(EX_ENOOBJ);
     if (opts.has("-check_status")) {
       std::string want = toUpper(opts.required("-check_status"));
-      int64_t deadline =
-          Invocation::nowMs() +
-          static_cast<int64_t>(opts.optNumber("-time").value_or(0) * 1000 * rc.inv().timeScale());
+      int64_t deadline = rc.inv().deadlineAfter(opts.optNumber("-time").value_or(0), 1000);
       for (;;) {
         bool all = true;
         for (const SnapshotRow& r : rows) all = all && r.status == want;

@@ -45,7 +45,8 @@ const char* const kUsage =
     "  session list | session expire [--instance N]\n"
     "  resource lock NAME --owner U --host H [--serial S] | resource unlock NAME [--serial S]\n"
     "  pair fail COPY_GROUP             suspend a copy group's pairs with an error\n"
-    "  timing [--copy-ms N] [--format-ms N] [--sync-lag-ms N]\n";
+    "  timing [--copy-ms N] [--format-ms N] [--sync-lag-ms N]\n"
+    "  finish                           complete every copy and format under way now\n";
 
 class UsageError : public std::runtime_error {
  public:
@@ -454,6 +455,17 @@ int runAdmin(const std::vector<std::string>& args) {
       withState([&](Store& db) {
         db.run("UPDATE pairs SET status='PSUE', next=NULL, due=NULL WHERE cg=?", group);
         if (db.changes() == 0) throw AdminError("copy group " + group + " has no pairs");
+      });
+    } else if (command == "finish") {
+      a.done();
+      withState([&](Store& db) {
+        int64_t now = Invocation::nowMs();
+        db.run("UPDATE pairs SET due=? WHERE due IS NOT NULL", now);
+        db.run("UPDATE snapshots SET due=? WHERE due IS NOT NULL", now);
+        db.run("UPDATE ldevs SET ope_due=? WHERE ope_due IS NOT NULL", now);
+        db.run("UPDATE cmdstatus SET pending_until=? WHERE pending_until>?", now, now);
+        db.setMeta("next_due", std::to_string(now));
+        Invocation(db, "ccisim", {}).settle();
       });
     } else if (command == "timing") {
       std::optional<std::string> copy = a.take("--copy-ms"), format = a.take("--format-ms"),

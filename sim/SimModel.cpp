@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cctype>
 #include <cstdlib>
+#include <limits>
 
 #include "sim/SimInvocation.h"
 
@@ -141,8 +142,10 @@ void splitPortGid(const std::string& word, std::string& port, std::optional<int>
     return;
   }
   if (word.find('-') == dash) return;  // "CL1-5" would be a port, not a port and a group
+  auto number = parseNumber(tail);
+  if (!number || *number > std::numeric_limits<int>::max()) return;
   port = word.substr(0, dash);
-  gid = std::atoi(tail.c_str());
+  gid = static_cast<int>(*number);
 }
 
 int64_t timingMs(Store& db, const char* key) {

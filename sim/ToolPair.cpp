@@ -337,7 +337,7 @@ int runPairEvtWait(Invocation& inv) {
   std::string timeout = opts.required("-t");
   auto seconds = parseNumber(timeout.substr(0, timeout.find(',')));
   if (!seconds) inv.invalidOption("-t");
-  int64_t deadline = Invocation::nowMs() + static_cast<int64_t>(*seconds * 1000 * inv.timeScale());
+  int64_t deadline = inv.deadlineAfter(*seconds, 1000);
   for (;;) {
     bool done = true;
     bool suspended = false;
@@ -412,7 +412,7 @@ int runPairSyncWait(Invocation& inv) {
   auto wanted = parseNumber("0x" + wantedText);
   if (!wanted) inv.invalidOption(opts.has("-q") ? "-q" : "-m");
   auto tenths = opts.optNumber("-t").value_or(0);
-  int64_t deadline = Invocation::nowMs() + static_cast<int64_t>(tenths * 100 * inv.timeScale());
+  int64_t deadline = inv.deadlineAfter(tenths, 100);
   for (;;) {
     load(seq, time, incarnation);
     int64_t committed = (lagMs <= 0 || Invocation::nowMs() - time >= lagMs) ? seq : seq - 1;

@@ -142,7 +142,7 @@ TEST_F(CcisimStateTest, DelayFaultHangsPastATimeOutOnce) {
   std::string error;
   int code = 0;
   ASSERT_TRUE(process.StartProcess(argv, &error, 0));
-  EXPECT_FALSE(process.WaitForProcessToEndMs(&code, &error, 300));
+  EXPECT_FALSE(process.WaitForProcessToEndMs(&code, &error, 1000));
   EXPECT_EQ(error, "timedout");
 
   ToolResult again = m_oSim.raidcom("get port");
