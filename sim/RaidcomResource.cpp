@@ -186,7 +186,8 @@ void lockResource(Raidcom& rc) {
 }
 
 void unlockResource(Raidcom& rc) {
-  Options opts = rc.options({{"-resource_name", 1, 1}});
+  // The raidcom handler gives unlock the same -time as lock; nothing waits on an unlock.
+  Options opts = rc.options({{"-resource_name", 1, 1}, {"-time", 1, 1}});
   for (const ResourceGroup& g : loadGroups(rc, opts.value("-resource_name"))) {
     if (!g.owner) continue;
     if (!heldByMe(rc, g)) rc.reject(ssb::RSG_LOCKED);
