@@ -12,10 +12,12 @@
 
 namespace {
 
+using hdstest::arrayState;
 using hdstest::hdsctlPath;
 using hdstest::readFile;
 using hdstest::runTool;
-using hdstest::SimHost;
+using hdstest::SimArray;
+using hdstest::SimFault;
 using hdstest::TestEnv;
 using hdstest::ToolResult;
 using hdstest::ToolRun;
@@ -42,10 +44,12 @@ TEST(HdsctlDemo, RunsSixteenPairsAndLeavesTheArrayAsItFoundIt) {
   EXPECT_NE(readFile(dir + "/hdsctl.log").find("HDS  "), std::string::npos);
 
   env.setEnv("CCISIM_STATE", (dir + "/ccisim.db").c_str());
-  SimHost probe(env, false);
-  EXPECT_EQ(probe.arrays(), json::parse(readFile(dir + "/array-before.json"))["arrays"].dump(1));
+  ToolResult after = runTool({SimArray::ccisimPath(), "dump", "--json"});
+  ASSERT_EQ(after.exitCode, 0) << after.err;
+  EXPECT_EQ(json::parse(after.out)["arrays"],
+            json::parse(readFile(dir + "/array-before.json"))["arrays"]);
   // No session, instance or command status of the job is left on the simulator either.
-  std::string dump = probe.ccisim({"dump"});
+  std::string dump = runTool({SimArray::ccisimPath(), "dump"}).out;
   for (const char* kind : {"\nsession ", "\ninstance ", "\ncommand_status "}) {
     EXPECT_EQ(dump.find(kind), std::string::npos) << kind << " left in:\n" << dump;
   }
@@ -67,11 +71,12 @@ TEST(HdsctlDemo, JsonSummaryParses) {
 class HdsctlJob : public ::testing::Test {
  protected:
   TestEnv env;
-  SimHost host{env};
+  SimArray sim{env};
   std::string jobFile = env.root() + "/job.json";
-  std::string before = host.arrays();
+  std::string before = arrayState(sim);
 
   void SetUp() override {
+    hdstest::useSimArray(env, sim);
     hdstest::writeFile(jobFile,
                        R"({"name": "t", "pool": 0, "pvols": [100, 101, 102, 103],
                            "svol_first": 2000,
@@ -79,10 +84,13 @@ class HdsctlJob : public ::testing::Test {
                                        "wwns": ["10000090fa1b2c4d"]}})");
   }
 
-  void fault(const std::string& match, const std::string& times = "1") {
-    host.ccisim({"fault", "add", "--tool", "raidcom", "--match", match, "--exit", "1", "--stderr",
-                 "raidcom: [EX_CMDRJE] An order to the control/command device was rejected",
-                 "--times", times});
+  void fault(const std::string& match, int times) {
+    SimFault f;
+    f.match = match;
+    f.exitCode = 1;
+    f.err = "raidcom: [EX_CMDRJE] An order to the control/command device was rejected";
+    f.times = times;
+    sim.addFault(f);
   }
 };
 
@@ -95,7 +103,7 @@ TEST_F(HdsctlJob, CompletesAndKeepsAnExistingHostGroup) {
   json summary = json::parse(r.out);
   EXPECT_EQ(summary["pairs"][1]["svol"], "3001");
   EXPECT_EQ(summary["pairs"][1]["lun"], "CL1-A-0-1");
-  EXPECT_EQ(host.arrays(), before);
+  EXPECT_EQ(arrayState(sim), before);
 }
 
 // A step that fails ends the job with the library's error text, and what the job made up to
@@ -103,27 +111,27 @@ TEST_F(HdsctlJob, CompletesAndKeepsAnExistingHostGroup) {
 TEST_F(HdsctlJob, FailureAtAnyStepLeavesTheArrayAsBefore) {
   struct Case {
     const char* match;
-    const char* times;  // scripts and retries run a command again: making fails every time
+    int times;  // scripts and retries run a command again: making fails every time
     const char* step;
   };
   const Case failures[] = {
-      {"add ldev.*-ldev_id 2002", "-1", "create S-VOLs"},
-      {"modify ldev.*-ldev_name", "-1", "label S-VOLs"},
-      {"add device_grp.*KS_DEV_P_t", "-1", "device groups"},
-      {"add snapshot -ldev_id 102", "-1", "snapshot group add"},
-      {"modify snapshot.*split", "-1", "snapshot split"},
-      {"add hba_wwn", "-1", "present"},
-      {"add lun", "-1", "present"},
+      {"add ldev.*-ldev_id 2002", -1, "create S-VOLs"},
+      {"modify ldev.*-ldev_name", -1, "label S-VOLs"},
+      {"add device_grp.*KS_DEV_P_t", -1, "device groups"},
+      {"add snapshot -ldev_id 102", -1, "snapshot group add"},
+      {"modify snapshot.*split", -1, "snapshot split"},
+      {"add hba_wwn", -1, "present"},
+      {"add lun", -1, "present"},
       // A failure on the way back; the clean-up then finishes the work.
-      {"delete lun", "1", "withdraw"},
-      {"delete snapshot -ldev_id 2001", "1", "delete snapshots"},
+      {"delete lun", 1, "withdraw"},
+      {"delete snapshot -ldev_id 2001", 1, "delete snapshots"},
       // The last line of the script: a script is judged by its exit status and what it printed
       // on stdout, so an earlier line that fails goes unseen.
-      {"delete device_grp.*KS_DEV_P_t.*-ldev_id 103", "1", "delete device groups"},
-      {"delete ldev -ldev_id 2003", "1", "delete S-VOLs"},
+      {"delete device_grp.*KS_DEV_P_t.*-ldev_id 103", 1, "delete device groups"},
+      {"delete ldev -ldev_id 2003", 1, "delete S-VOLs"},
   };
   for (const Case& c : failures) {
-    host.ccisim({"fault", "clear"});
+    sim.clearFaults();
     fault(c.match, c.times);
     ToolResult r = runTool({hdsctlPath(), "job", jobFile});
     EXPECT_EQ(r.exitCode, 1) << c.match;
@@ -136,12 +144,12 @@ TEST_F(HdsctlJob, FailureAtAnyStepLeavesTheArrayAsBefore) {
         << c.match << "\n"
         << r.out;
     EXPECT_EQ(r.out.find("clean-up failed"), std::string::npos) << c.match << "\n" << r.out;
-    EXPECT_EQ(host.arrays(), before) << "left behind after a failure at " << c.match;
+    EXPECT_EQ(arrayState(sim), before) << "left behind after a failure at " << c.match;
   }
 }
 
 TEST_F(HdsctlJob, WhatCannotBeCleanedUpIsNamed) {
-  fault("delete ldev -ldev_id 2003", "-1");
+  fault("delete ldev -ldev_id 2003", -1);
   ToolResult r = runTool({hdsctlPath(), "job", jobFile});
   EXPECT_EQ(r.exitCode, 1);
   EXPECT_NE(r.out.find("left on array 412345: S-VOLs"), std::string::npos) << r.out;
@@ -149,13 +157,20 @@ TEST_F(HdsctlJob, WhatCannotBeCleanedUpIsNamed) {
 }
 
 TEST_F(HdsctlJob, InterruptEndsTheJobAtTheNextStepAndCleansUp) {
-  host.ccisim({"fault", "add", "--tool", "raidcom", "--match", "add snapshot", "--delay-ms", "1500",
-               "--times", "1"});
+  SimFault slow;
+  slow.match = "add snapshot";
+  slow.delayMs = 1500;
+  sim.addFault(slow);
   ToolRun job({hdsctlPath(), "job", jobFile, "--json"});
   // Wait until the job is inside the slow command, then interrupt it.
+  auto inSlowCommand = [this] {
+    for (const hdstest::SimJournalEntry& e : sim.journal()) {
+      if (e.args.size() > 1 && e.args[0] == "add" && e.args[1] == "snapshot") return true;
+    }
+    return false;
+  };
   auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-  while (host.ccisim({"journal", "--tool", "raidcom"}).find("add snapshot") == std::string::npos &&
-         std::chrono::steady_clock::now() < deadline) {
+  while (!inSlowCommand() && std::chrono::steady_clock::now() < deadline) {
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
   }
   kill(job.pid(), SIGINT);
@@ -164,7 +179,7 @@ TEST_F(HdsctlJob, InterruptEndsTheJobAtTheNextStepAndCleansUp) {
   json summary = json::parse(r.out);
   EXPECT_EQ(summary["error"], "interrupted by a signal");
   EXPECT_EQ(summary["failedStep"], "snapshot create");
-  EXPECT_EQ(host.arrays(), before);
+  EXPECT_EQ(arrayState(sim), before);
 }
 
 }  // namespace
