@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <cctype>
 #include <chrono>
 #include <nlohmann/json.hpp>
 #include <thread>
@@ -78,7 +79,7 @@ class HdsctlJob : public ::testing::Test {
   void SetUp() override {
     hdstest::useSimArray(env, sim);
     hdstest::writeFile(jobFile,
-                       R"({"name": "t", "pool": 0, "pvols": [100, 101, 102, 103],
+                       R"({"name": "t", "pool": 0, "pvols": [100, 101, 102],
                            "svol_first": 2000,
                            "present": {"port": "CL2-A", "host_group": "backup_host",
                                        "wwns": ["10000090fa1b2c4d"]}})");
@@ -106,50 +107,64 @@ TEST_F(HdsctlJob, CompletesAndKeepsAnExistingHostGroup) {
   EXPECT_EQ(arrayState(sim), before);
 }
 
+struct FailurePoint {
+  const char* match;
+  int times;  // scripts and retries run a command again: while making, it fails every time
+  const char* step;
+};
+
 // A step that fails ends the job with the library's error text, and what the job made up to
 // then is removed: S-VOLs, labels, device groups, snapshot pairs, LUNs and the host group.
-TEST_F(HdsctlJob, FailureAtAnyStepLeavesTheArrayAsBefore) {
-  struct Case {
-    const char* match;
-    int times;  // scripts and retries run a command again: making fails every time
-    const char* step;
-  };
-  const Case failures[] = {
-      {"add ldev.*-ldev_id 2002", -1, "create S-VOLs"},
-      {"modify ldev.*-ldev_name", -1, "label S-VOLs"},
-      {"add device_grp.*KS_DEV_P_t", -1, "device groups"},
-      {"add snapshot -ldev_id 102", -1, "snapshot group add"},
-      {"modify snapshot.*split", -1, "snapshot split"},
-      {"add hba_wwn", -1, "present"},
-      {"add lun", -1, "present"},
-      // A failure on the way back; the clean-up then finishes the work.
-      {"delete lun", 1, "withdraw"},
-      {"delete snapshot -ldev_id 2001", 1, "delete snapshots"},
-      // The last line of the script: a script is judged by its exit status and what it printed
-      // on stdout, so an earlier line that fails goes unseen.
-      {"delete device_grp.*KS_DEV_P_t.*-ldev_id 103", 1, "delete device groups"},
-      {"delete ldev -ldev_id 2003", 1, "delete S-VOLs"},
-  };
-  for (const Case& c : failures) {
-    sim.clearFaults();
-    fault(c.match, c.times);
-    ToolResult r = runTool({hdsctlPath(), "job", jobFile});
-    EXPECT_EQ(r.exitCode, 1) << c.match;
-    EXPECT_EQ(
-        lastLine(r.err).rfind(std::string("hdsctl: job t failed at step '") + c.step + "': ", 0),
-        0u)
-        << c.match << "\n"
-        << r.err;
-    EXPECT_NE(r.out.find(std::string("] ") + c.step + ": FAILED"), std::string::npos)
-        << c.match << "\n"
-        << r.out;
-    EXPECT_EQ(r.out.find("clean-up failed"), std::string::npos) << c.match << "\n" << r.out;
-    EXPECT_EQ(arrayState(sim), before) << "left behind after a failure at " << c.match;
+void PrintTo(const FailurePoint& p, std::ostream* os) { *os << "raidcom " << p.match; }
+
+class HdsctlJobFailure : public HdsctlJob, public ::testing::WithParamInterface<FailurePoint> {};
+
+std::string failureName(const ::testing::TestParamInfo<FailurePoint>& info) {
+  std::string name = std::to_string(info.index) + "_" + info.param.step;
+  for (char& c : name) {
+    if (!std::isalnum(static_cast<unsigned char>(c))) c = '_';
   }
+  return name;
 }
 
+TEST_P(HdsctlJobFailure, LeavesTheArrayAsBefore) {
+  const FailurePoint& c = GetParam();
+  fault(c.match, c.times);
+  ToolResult r = runTool({hdsctlPath(), "job", jobFile});
+  EXPECT_EQ(r.exitCode, 1);
+  EXPECT_EQ(
+      lastLine(r.err).rfind(std::string("hdsctl: job t failed at step '") + c.step + "': ", 0), 0u)
+      << r.err;
+  EXPECT_NE(r.out.find(std::string("] ") + c.step + ": FAILED"), std::string::npos) << r.out;
+  EXPECT_EQ(r.out.find("clean-up failed"), std::string::npos) << r.out;
+  EXPECT_EQ(arrayState(sim), before);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    WhileMaking, HdsctlJobFailure,
+    ::testing::Values(FailurePoint{"add ldev.*-ldev_id 2002", -1, "create S-VOLs"},
+                      FailurePoint{"modify ldev.*-ldev_name", -1, "label S-VOLs"},
+                      FailurePoint{"add device_grp.*KS_DEV_P_t", -1, "device groups"},
+                      FailurePoint{"add snapshot -ldev_id 102", -1, "snapshot group add"},
+                      FailurePoint{"modify snapshot.*split", -1, "snapshot split"},
+                      FailurePoint{"add hba_wwn", -1, "present"},
+                      FailurePoint{"add lun", -1, "present"}),
+    failureName);
+
+// A failure on the way back, once; the clean-up then finishes the work.
+INSTANTIATE_TEST_SUITE_P(
+    OnTheWayBack, HdsctlJobFailure,
+    ::testing::Values(FailurePoint{"delete lun", 1, "withdraw"},
+                      FailurePoint{"delete snapshot -ldev_id 2001", 1, "delete snapshots"},
+                      // The last line of the script: a script is judged by its exit status and
+                      // what it printed on stdout, so an earlier line that fails goes unseen.
+                      FailurePoint{"delete device_grp.*KS_DEV_P_t.*-ldev_id 102", 1,
+                                   "delete device groups"},
+                      FailurePoint{"delete ldev -ldev_id 2002", 1, "delete S-VOLs"}),
+    failureName);
+
 TEST_F(HdsctlJob, WhatCannotBeCleanedUpIsNamed) {
-  fault("delete ldev -ldev_id 2003", -1);
+  fault("delete ldev -ldev_id 2002", -1);
   ToolResult r = runTool({hdsctlPath(), "job", jobFile});
   EXPECT_EQ(r.exitCode, 1);
   EXPECT_NE(r.out.find("left on array 412345: S-VOLs"), std::string::npos) << r.out;
