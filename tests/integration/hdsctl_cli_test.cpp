@@ -1,0 +1,277 @@
+// hdsctl as an operator and a script meet it: help, argument errors, check, listings and the
+// single operations, run as the built binary against ccisim.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <functional>
+#include <nlohmann/json.hpp>
+#include <set>
+#include <sstream>
+
+#include "tests/support/TestEnv.h"
+#include "tests/support/ToolRun.h"
+
+namespace {
+
+using hdstest::arrayState;
+using hdstest::hdsctlPath;
+using hdstest::runTool;
+using hdstest::SimArray;
+using hdstest::TestEnv;
+using hdstest::ToolResult;
+using hdstest::useSimArray;
+using nlohmann::json;
+
+ToolResult hdsctl(std::vector<std::string> args) {
+  args.insert(args.begin(), hdsctlPath());
+  return runTool(args);
+}
+
+std::string joined(const std::vector<std::string>& words) {
+  std::string text;
+  for (const std::string& w : words) text += " " + w;
+  return text;
+}
+
+// The names listed under "Subcommands:" in a help text.
+std::vector<std::string> subcommandsIn(const std::string& help) {
+  std::vector<std::string> names;
+  std::istringstream in(help);
+  std::string line;
+  bool inList = false;
+  while (std::getline(in, line)) {
+    if (line == "Subcommands:") {
+      inList = true;
+    } else if (inList && line.rfind("  ", 0) == 0 && line.size() > 2 && line[2] != ' ') {
+      names.push_back(line.substr(2, line.find(' ', 2) - 2));
+    } else if (inList && line.empty()) {
+      inList = false;
+    }
+  }
+  return names;
+}
+
+TEST(HdsctlCli, EverySubcommandAnswersHelp) {
+  TestEnv env;
+  std::set<std::string> seen;
+  std::function<void(const std::vector<std::string>&)> visit =
+      [&](const std::vector<std::string>& path) {
+        std::vector<std::string> args = path;
+        args.push_back("--help");
+        ToolResult r = hdsctl(args);
+        ASSERT_EQ(r.exitCode, 0) << joined(args) << ": " << r.err;
+        EXPECT_NE(r.out.find("Usage: hdsctl" + joined(path)), std::string::npos) << r.out;
+        seen.insert(joined(path));
+        for (const std::string& sub : subcommandsIn(r.out)) {
+          std::vector<std::string> deeper = path;
+          deeper.push_back(sub);
+          visit(deeper);
+        }
+      };
+  visit({});
+  for (const char* expected : {" check",
+                               " ldevs",
+                               " pools",
+                               " ports",
+                               " host-groups",
+                               " luns",
+                               " snapshot-groups",
+                               " device-groups",
+                               " copy-groups",
+                               " resource-groups",
+                               " svol create",
+                               " svol delete",
+                               " svol label",
+                               " snapshot add",
+                               " snapshot create",
+                               " snapshot split",
+                               " snapshot resync",
+                               " snapshot restore",
+                               " snapshot clone",
+                               " snapshot delete",
+                               " map",
+                               " unmap",
+                               " lock",
+                               " unlock",
+                               " job",
+                               " demo"}) {
+    EXPECT_TRUE(seen.count(expected)) << "no help reached for hdsctl" << expected;
+  }
+  // The job file format is documented where the job is.
+  EXPECT_NE(hdsctl({"job", "--help"}).out.find("\"svol_first\""), std::string::npos);
+}
+
+TEST(HdsctlCli, WrongArgumentsGiveOneLineAndExitTwo) {
+  TestEnv env;
+  for (const char* name : {"HDSCTL_SERIAL", "HDSCTL_USER", "HDSCTL_PASSWORD", "HDSCTL_CMDDEV"}) {
+    env.setEnv(name, nullptr);
+  }
+  std::string badJson = env.root() + "/bad.json";
+  std::string unknownKey = env.root() + "/unknown.json";
+  std::string twice = env.root() + "/twice.json";
+  hdstest::writeFile(badJson, "{\"pool\": 0,");
+  hdstest::writeFile(unknownKey, "{\"pool\": 0, \"pvols\": [100], \"pvol\": [101]}");
+  hdstest::writeFile(twice, "{\"pool\": 0, \"pvols\": [100, 100]}");
+  const std::vector<std::vector<std::string>> cases = {
+      {},
+      {"--bogus"},
+      {"nosuch"},
+      {"svol"},
+      {"ldevs", "--pool", "x"},
+      {"ldevs", "--mapped", "--unmapped"},
+      {"ldevs", "--ldev", "100", "--pool", "0"},
+      {"ldevs"},  // no array given
+      {"svol", "create", "300", "--pool", "0"},
+      {"svol", "create", "3a0", "--pool", "0", "--capacity", "1"},
+      {"snapshot", "split", "--group", "g", "--svol", "300"},
+      {"snapshot", "add", "g", "--pool", "0", "--pair", "100-300"},
+      {"luns", "--port", "CL1-A"},
+      {"lock", "--hold", "-1"},
+      {"demo", "--pvols", "0"},
+      {"job"},
+      {"job", env.root() + "/missing.json"},
+      {"job", badJson},
+      {"job", unknownKey},
+      {"job", twice},
+      {"--log", env.root() + "/no/such/dir/log", "pools"},
+  };
+  for (const auto& args : cases) {
+    ToolResult r = hdsctl(args);
+    EXPECT_EQ(r.exitCode, 2) << joined(args) << ": " << r.err;
+    EXPECT_EQ(r.out, "") << joined(args);
+    ASSERT_FALSE(r.err.empty()) << joined(args);
+    EXPECT_EQ(r.err.rfind("hdsctl: ", 0), 0u) << joined(args) << ": " << r.err;
+    EXPECT_EQ(r.err.find('\n'), r.err.size() - 1) << joined(args) << ": " << r.err;
+  }
+}
+
+TEST(HdsctlCli, CheckNamesWhatIsMissing) {
+  TestEnv env;
+  // No CCI directory at all.
+  std::string nowhere = env.root() + "/no-cci";
+  ToolResult r = hdsctl({"check", "--cci-dir", nowhere});
+  EXPECT_EQ(r.exitCode, 1);
+  EXPECT_NE(r.out.find(nowhere + " does not exist"), std::string::npos) << r.out;
+
+  // A directory with raidqry alone: every other tool is named, raidqry is not.
+  env.writeSettings("[iHarbor]\nsVTHDSHorcmDirectory = " + env.cciDir() + "\n");
+  ASSERT_EQ(symlink(SimArray::ccisimPath().c_str(), (env.cciDir() + "raidqry").c_str()), 0);
+  r = hdsctl({"check", "--json"});
+  EXPECT_EQ(r.exitCode, 1);
+  json report = json::parse(r.out);
+  EXPECT_FALSE(report["ready"].get<bool>());
+  std::string tools;
+  for (const json& c : report["checks"]) {
+    if (c["check"] == "CCI tools")
+      tools = c["result"].get<std::string>() + " " + c["detail"].get<std::string>();
+  }
+  for (const char* name :
+       {"raidcom", "raidscan", "horcmstart.sh", "horcmshutdown.sh", "paircreate", "pairsplit",
+        "pairresync", "pairdisplay", "pairevtwait", "pairsyncwait"}) {
+    EXPECT_NE(tools.find(name), std::string::npos) << name << " not named in: " << tools;
+  }
+  EXPECT_EQ(tools.find("raidqry"), std::string::npos) << tools;
+  EXPECT_EQ(tools.rfind("FAIL", 0), 0u) << tools;
+}
+
+TEST(HdsctlCli, CheckPassesOnAReadyHostAndDistrustsANegativeLoginCount) {
+  TestEnv env;
+  SimArray sim(env);
+  useSimArray(env, sim);
+  ToolResult r = hdsctl({"check"});
+  EXPECT_EQ(r.exitCode, 0) << r.out << r.err;
+  EXPECT_NE(r.out.find("01-74-03/00"), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("a command device of array 412345 is visible"), std::string::npos);
+
+  env.writeSettings("[iHarbor]\nsVTHDSHorcmDirectory = " + env.cciDir() +
+                    "\n[~iHarbor]\nsVTHDSRaidcomLockCount_412345 = -3\n");
+  r = hdsctl({"check", "--json"});
+  EXPECT_EQ(r.exitCode, 1);
+  json report = json::parse(r.out);
+  for (const json& c : report["checks"]) {
+    EXPECT_EQ(c["result"] == "FAIL", c["check"] == "login count") << c.dump();
+  }
+}
+
+TEST(HdsctlCli, LogGoesToTheFileAndWithVerboseToStderrButNeverThePassword) {
+  TestEnv env;
+  SimArray sim(env);
+  useSimArray(env, sim);
+  std::string logFile = env.root() + "/hdsctl.log";
+  ToolResult r = hdsctl({"--log", logFile, "pools", "-v"});
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  std::string log = hdstest::readFile(logFile);
+  EXPECT_NE(log.find("0 HDS   Raidcom command handler initialized for local execution\n"),
+            std::string::npos)
+      << log;
+  EXPECT_NE(log.find("get pool"), std::string::npos) << log;
+  EXPECT_EQ(r.err, log);
+  EXPECT_EQ(log.find("admin123"), std::string::npos) << log;
+  EXPECT_EQ(r.out.rfind("POOL  NAME", 0), 0u) << r.out;
+}
+
+// Runs a listing with --json and hands over what it printed.
+json listing(std::vector<std::string> args) {
+  args.push_back("--json");
+  ToolResult r = hdsctl(args);
+  EXPECT_EQ(r.exitCode, 0) << joined(args) << ": " << r.err;
+  json parsed = json::parse(r.out, nullptr, false);
+  EXPECT_FALSE(parsed.is_discarded()) << joined(args) << " printed no JSON: " << r.out;
+  return parsed;
+}
+
+std::set<std::string> values(const json& list, const char* key) {
+  std::set<std::string> found;
+  for (const json& item : list) found.insert(item[key].get<std::string>());
+  return found;
+}
+
+TEST(HdsctlCli, ListingsAndSingleOperationsOnTheSimulatedArray) {
+  TestEnv env;
+  SimArray sim(env);
+  useSimArray(env, sim);
+  std::string before = arrayState(sim);
+
+  json ldevs = listing({"ldevs"});
+  ASSERT_EQ(ldevs.size(), 17u);
+  EXPECT_EQ(ldevs[16]["ldevId"], "4095");
+  EXPECT_EQ(ldevs[16]["lunPaths"][0]["port"], "CL1-A");
+  EXPECT_EQ(ldevs[0]["attributes"], json({"CVS", "HDP"}));
+  EXPECT_EQ(values(listing({"pools"}), "poolName"),
+            std::set<std::string>({"dp_pool_00", "ti_pool_01"}));
+  EXPECT_EQ(listing({"ports", "--logins"})[0]["loginWwns"].size(), 2u);
+  EXPECT_EQ(listing({"host-groups", "--wwns", "--port", "CL1-A"})[1]["wwns"],
+            json({"10000090fa1b2c3d"}));
+  EXPECT_EQ(listing({"resource-groups"})[0]["status"], "Unlocked");
+  for (const char* empty : {"device-groups", "snapshot-groups", "copy-groups"}) {
+    EXPECT_EQ(listing({empty}), json::array()) << empty;
+  }
+
+  // Two S-VOLs as large as LDEV 100, snapshots of 100 and 101 on them, one presented.
+  auto run = [](std::vector<std::string> args) {
+    ToolResult r = hdsctl(args);
+    EXPECT_EQ(r.exitCode, 0) << joined(args) << ": " << r.err;
+  };
+  run({"svol", "create", "300", "301", "--pool", "0", "--like", "100", "--label", "KS_T"});
+  json svols = listing({"ldevs", "--label", "KS_T"});
+  EXPECT_EQ(values(svols, "ldevId"), std::set<std::string>({"300", "301"}));
+  EXPECT_EQ(svols[0]["capacity"], ldevs[0]["capacity"]);
+  run({"snapshot", "add", "KS_SG_T", "--pool", "0", "--pair", "100:300", "--pair", "101:301"});
+  run({"snapshot", "split", "--group", "KS_SG_T"});
+  json pairs = listing({"snapshot-groups", "--group", "KS_SG_T"});
+  ASSERT_EQ(pairs.size(), 2u);
+  EXPECT_EQ(values(pairs, "pairStatus"), std::set<std::string>({"PSUS"}));
+  run({"map", "--port", "CL1-A", "--host-group", "1a-g00", "--ldev", "300"});
+  json luns = listing({"luns", "--port", "CL1-A", "--host-group", "0"});
+  ASSERT_EQ(luns.size(), 1u);
+  EXPECT_EQ(luns[0]["ldevId"], "300");
+  run({"lock", "--hold", "0"});
+  EXPECT_EQ(listing({"resource-groups"})[0]["status"], "Unlocked");
+
+  run({"unmap", "--port", "CL1-A", "--host-group", "0", "--ldev", "300"});
+  run({"snapshot", "delete", "300", "301"});
+  run({"svol", "delete", "300", "301"});
+  EXPECT_EQ(arrayState(sim), before);
+}
+
+}  // namespace

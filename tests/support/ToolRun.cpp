@@ -1,0 +1,56 @@
+#include "tests/support/ToolRun.h"
+
+#include <gtest/gtest.h>
+
+#include <nlohmann/json.hpp>
+
+#include "hds/platform/VtProcess.h"
+
+namespace hdstest {
+
+ToolRun::ToolRun(const std::vector<std::string>& argv) : m_pProcess(new VtProcess) {
+  std::vector<std::string> words = argv;
+  std::vector<char*> args;
+  for (std::string& w : words) args.push_back(&w[0]);
+  args.push_back(nullptr);
+  m_pProcess->TrapIO(true, true);
+  std::string error;
+  if (!m_pProcess->StartProcess(args.data(), &error, 0)) {
+    ADD_FAILURE() << "cannot start " << argv[0] << ": " << error;
+  }
+}
+
+ToolRun::~ToolRun() = default;
+
+pid_t ToolRun::pid() const { return m_pProcess->pid(); }
+
+ToolResult ToolRun::finish(int timeoutSec) {
+  ToolResult r;
+  std::string error;
+  if (!m_pProcess->WaitForProcessToEnd(&r.exitCode, &error, timeoutSec)) {
+    ADD_FAILURE() << "the program did not end: " << error;
+    r.exitCode = -1;
+  }
+  m_pProcess->GetIO(&r.out, &r.err);
+  return r;
+}
+
+ToolResult runTool(const std::vector<std::string>& argv, int timeoutSec) {
+  return ToolRun(argv).finish(timeoutSec);
+}
+
+std::string hdsctlPath() { return HDS_TEST_BINARY_DIR "/tools/hdsctl/hdsctl"; }
+
+void useSimArray(TestEnv& env, const SimArray& sim) {
+  env.writeSettings("[iHarbor]\nsVTHDSHorcmDirectory = " + sim.cciDir() + "\n");
+  env.setEnv("HDSCTL_SERIAL", SimArray::kSerial);
+  env.setEnv("HDSCTL_USER", SimArray::kUser);
+  env.setEnv("HDSCTL_PASSWORD", SimArray::kPassword);
+  env.setEnv("HDSCTL_CMDDEV", "/dev/sdc");
+}
+
+std::string arrayState(const SimArray& sim) {
+  return nlohmann::json::parse(sim.dumpJson())["arrays"].dump(1);
+}
+
+}  // namespace hdstest

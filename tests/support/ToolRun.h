@@ -1,0 +1,39 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "tests/support/SimArray.h"
+#include "tests/support/TestEnv.h"
+
+class VtProcess;
+
+namespace hdstest {
+
+// One run of a built program (hdsctl) with the test's environment; the deadline only catches a
+// hang. The pid lets a test signal it while it runs.
+class ToolRun {
+ public:
+  explicit ToolRun(const std::vector<std::string>& argv);
+  ~ToolRun();
+  pid_t pid() const;
+  ToolResult finish(int timeoutSec = 300);
+
+ private:
+  std::unique_ptr<VtProcess> m_pProcess;
+};
+
+ToolResult runTool(const std::vector<std::string>& argv, int timeoutSec = 300);
+
+std::string hdsctlPath();
+
+// Sets a host up for hdsctl on the simulated array as an operator would: the CCI directory in
+// the settings file, the array options in HDSCTL_*.
+void useSimArray(TestEnv& env, const SimArray& sim);
+// The arrays of `ccisim dump --json`: everything the array holds, without the host's instances.
+std::string arrayState(const SimArray& sim);
+
+}  // namespace hdstest

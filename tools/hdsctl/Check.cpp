@@ -1,0 +1,269 @@
+// hdsctl check: is this host ready to drive an array through the library.
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+
+#include "hds/common/HDSConstants.h"
+#include "hds/handler/CommandHandler.h"
+#include "hds/platform/VTPI_Base.h"
+#include "hds/platform/VTPlatformInfo.h"
+#include "hds/platform/VtNamedMutex.h"
+#include "tools/hdsctl/Commands.h"
+#include "tools/hdsctl/Output.h"
+
+namespace hdsctl {
+
+namespace {
+
+// The programs the handlers run, by the names the CCI installs them under.
+const char* const kCciTools[] = {"raidcom",          "raidqry",     "raidscan",    "horcmstart.sh",
+                                 "horcmshutdown.sh", "paircreate",  "pairsplit",   "pairresync",
+                                 "pairdisplay",      "pairevtwait", "pairsyncwait"};
+
+struct CheckLine {
+  std::string name, result, detail;
+};
+
+class Report {
+ public:
+  void ok(const std::string& name, const std::string& detail) { add(name, "ok", detail); }
+  void warn(const std::string& name, const std::string& detail) { add(name, "warn", detail); }
+  void fail(const std::string& name, const std::string& detail) { add(name, "FAIL", detail); }
+  void skip(const std::string& name, const std::string& detail) { add(name, "skip", detail); }
+
+  int failures() const {
+    int n = 0;
+    for (const CheckLine& l : m_oLines) n += l.result == "FAIL";
+    return n;
+  }
+  const std::vector<CheckLine>& lines() const { return m_oLines; }
+
+ private:
+  void add(const std::string& name, const char* result, const std::string& detail) {
+    m_oLines.push_back({name, result, detail});
+  }
+  std::vector<CheckLine> m_oLines;
+};
+
+bool isDirectory(const std::string& path) {
+  struct stat st;
+  return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+std::string withSlash(std::string dir) {
+  if (dir.empty() || dir.back() != '/') dir += '/';
+  return dir;
+}
+
+// The directory the handlers will run the CCI from: the client setting, else the array-level
+// one, else the default. The library keeps its choice to itself, so the rule is repeated here.
+std::string cciDirectory(const ArrayOptions& array) {
+  char buf[1024] = {};
+  if (VTPlatformInfo::getString(VT_HDS_REG_SECTION, "sVTHDSHorcmDirectory", buf, sizeof(buf)) &&
+      buf[0] != '\0') {
+    return buf;
+  }
+  return array.cciDir.empty() ? VT_HDS_DEFAULT_CCI_PATH : array.cciDir;
+}
+
+// Makes and removes a file in dir: what the library itself will do there. "" when it works.
+std::string probeWritable(const std::string& dir) {
+  std::string path = withSlash(dir) + ".hdsctl-check.XXXXXX";
+  int fd = mkstemp(&path[0]);
+  if (fd < 0) return strerror(errno);
+  close(fd);
+  unlink(path.c_str());
+  return "";
+}
+
+void checkCci(Report& report, LogSink& log, const ArrayOptions& array) {
+  std::string dir = cciDirectory(array);
+  if (!isDirectory(dir)) {
+    report.fail("CCI directory", dir +
+                                     " does not exist (install the CCI there, or point "
+                                     "--cci-dir or the setting sVTHDSHorcmDirectory at it)");
+    report.fail("CCI tools",
+                "missing: " + joinWords({std::begin(kCciTools), std::end(kCciTools)}, ", "));
+    report.skip("CCI version", "needs the CCI tools");
+    report.skip("command device", "needs the CCI tools");
+    return;
+  }
+  report.ok("CCI directory", withSlash(dir));
+
+  std::vector<std::string> missing;
+  for (const char* tool : kCciTools) {
+    if (access((withSlash(dir) + tool).c_str(), X_OK) != 0) missing.push_back(tool);
+  }
+  if (missing.empty()) {
+    report.ok("CCI tools", "all " + std::to_string(std::size(kCciTools)) + " present");
+  } else {
+    report.fail("CCI tools", "missing in " + withSlash(dir) + ": " + joinWords(missing, ", "));
+  }
+  if (std::find(missing.begin(), missing.end(), "raidqry") != missing.end()) {
+    report.skip("CCI version", "needs raidqry");
+    report.skip("command device", "needs raidqry and raidscan");
+    return;
+  }
+
+  // Initialising a handler is what finds the CCI version (raidqry -h), the host name and the
+  // temporary directory; a later initialize() answers whether that worked.
+  HDSCLIInitParam param;
+  param.serialNumber = array.serial;
+  CommandHandler handler(log.snapInfo(), param);
+  if (handler.initialize() != 0) {
+    int code = 0;
+    std::string text;
+    handler.getErrorCodeAndString(code, text);
+    report.fail("CCI version",
+                text.empty() ? "the handler could not be initialised (see --log)" : text);
+    report.skip("command device", "needs a working CCI");
+    return;
+  }
+  std::string version;
+  handler.getCCIVersionInstalled(version);
+  report.ok("CCI version", version + (handler.isHTISupported()
+                                          ? " (newer in-system copy commands supported)"
+                                          : " (older than 01-29-03/05: older copy commands)"));
+
+  if (array.serial.empty()) {
+    report.skip("command device", "give --serial to look for the array's command device");
+  } else if (std::find(missing.begin(), missing.end(), "raidscan") != missing.end()) {
+    report.skip("command device", "needs raidscan");
+  } else if (handler.CheckIfCommandDeviceExist() == 0) {
+    report.ok("command device", "a command device of array " + array.serial + " is visible");
+  } else {
+    int code = 0;
+    std::string text;
+    handler.getErrorCodeAndString(code, text);
+    report.fail("command device", text);
+  }
+}
+
+void checkDirectories(Report& report) {
+  std::string horcm = VTPI_Base::getHorcmDirectory();
+  if (!isDirectory(horcm)) {
+    report.fail("HORCM directory", horcm + " does not exist (set HDS_HORCM_DIR to use another)");
+  } else if (std::string error = probeWritable(horcm); !error.empty()) {
+    report.fail("HORCM directory", horcm + " is not writable: " + error);
+  } else {
+    report.ok("HORCM directory", horcm + " (writable)");
+  }
+
+  const char* temp = VTPI_Base::getOrreryTempDirectory();
+  if (temp == nullptr) {
+    report.fail("temporary directory", "cannot make the temporary directory (HDS_TEMP_DIR)");
+  } else if (std::string error = probeWritable(temp); !error.empty()) {
+    report.fail("temporary directory", std::string(temp) + " is not writable: " + error);
+  } else {
+    report.ok("temporary directory", std::string(temp) + " (writable)");
+  }
+}
+
+void checkSettings(Report& report) {
+  std::string path = VTPlatformInfo::settingsFile();
+  struct stat st;
+  if (stat(path.c_str(), &st) != 0) {
+    report.ok("settings file", path + " absent: every setting at its default");
+  } else if (!std::ifstream(path)) {
+    report.fail("settings file", path + " is not readable: " + strerror(errno));
+  } else {
+    report.ok("settings file", path + " (readable)");
+  }
+  // Login counts are written next to the file; the nearest existing directory must take them.
+  std::string dir = path.substr(0, path.rfind('/') + 1);
+  while (dir.size() > 1 && !isDirectory(dir)) {
+    dir.pop_back();
+    dir = dir.substr(0, dir.rfind('/') + 1);
+  }
+  if (access(dir.c_str(), W_OK) != 0) {
+    report.fail("settings directory",
+                dir + " is not writable: the login count of an array cannot be kept");
+  } else {
+    report.ok("settings directory", dir + " (writable)");
+  }
+}
+
+void checkLocks(Report& report) {
+  VtNamedMutex mutex("HDSCTL_CHECK_LOCK");
+  if (!mutex.isValid()) {
+    report.fail("lock directory", VtNamedMutex::lockDirectory() + ": " + mutex.lastError());
+  } else if (!mutex.lock(2000)) {
+    report.fail("lock directory",
+                "a test lock in " + VtNamedMutex::lockDirectory() + " was not granted in 2 s");
+  } else {
+    mutex.unlock();
+    report.ok("lock directory", VtNamedMutex::lockDirectory() + " (named locks work)");
+  }
+}
+
+void checkLoginCount(Report& report, const std::string& serial) {
+  if (serial.empty()) {
+    report.skip("login count", "give --serial to check the array's session count");
+    return;
+  }
+  std::string key = std::string(VT_HDS_RAIDCOM_LOCK_COUNT) + "_" + serial;
+  int count = 0;
+  if (!VTPlatformInfo::getRegInt(VT_HDS_REG_SECTION_LOCAL, key.c_str(), &count)) {
+    report.ok("login count", "no session of array " + serial + " counted on this host");
+  } else if (count < 0) {
+    report.fail("login count",
+                key + " is " + std::to_string(count) + ": negative; set it to 0 while no job runs");
+  } else if (count == 0) {
+    report.ok("login count", "no session of array " + serial + " open");
+  } else {
+    report.warn("login count",
+                std::to_string(count) +
+                    " session(s) counted: jobs are running, or a process ended without logging "
+                    "out (the next login that finds its session expired sets the count right)");
+  }
+}
+
+int runCheck(Context& ctx) {
+  applyCciDirOption(ctx.log, ctx.array);
+  Report report;
+  checkCci(report, ctx.log, ctx.array);
+  checkDirectories(report);
+  checkSettings(report);
+  checkLocks(report);
+  checkLoginCount(report, ctx.array.serial);
+
+  int failed = report.failures();
+  if (ctx.json) {
+    nlohmann::json checks = nlohmann::json::array();
+    for (const CheckLine& l : report.lines()) {
+      checks.push_back({{"check", l.name}, {"result", l.result}, {"detail", l.detail}});
+    }
+    printJson(std::cout, {{"ready", failed == 0}, {"checks", checks}});
+  } else {
+    Table table({"CHECK", "RESULT", "DETAIL"});
+    for (const CheckLine& l : report.lines()) table.addRow({l.name, l.result, l.detail});
+    table.print(std::cout);
+    if (failed == 0) {
+      std::cout << "this host is ready\n";
+    } else {
+      std::cout << "this host is not ready: " << failed << " check(s) failed\n";
+    }
+  }
+  return failed == 0 ? 0 : kExitFailed;
+}
+
+}  // namespace
+
+void addCheckCommand(CLI::App& app, Context& ctx) {
+  CLI::App* check = app.add_subcommand(
+      "check",
+      "Is this host ready (CCI, command device, directories, settings, locks, login count)");
+  addArrayOptions(check, ctx.array);
+  addJsonFlag(check, ctx);
+  check->callback([&ctx] { ctx.action = [&ctx] { return runCheck(ctx); }; });
+}
+
+}  // namespace hdsctl

@@ -1,0 +1,146 @@
+#include "tools/hdsctl/Session.h"
+
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <cctype>
+#include <iostream>
+
+#include "tools/hdsctl/Output.h"
+
+namespace hdsctl {
+
+void addArrayOptions(CLI::App* command, ArrayOptions& options) {
+  auto* group = command->add_option_group(
+      "array", "How to reach the array; each option can also be set by its HDSCTL_ variable");
+  group->add_option("--serial", options.serial, "Array serial number")->envname("HDSCTL_SERIAL");
+  group->add_option("--user", options.user, "Array user for the raidcom session")
+      ->envname("HDSCTL_USER");
+  group
+      ->add_option("--password", options.password,
+                   "That user's password (HDSCTL_PASSWORD keeps it out of the process list)")
+      ->envname("HDSCTL_PASSWORD");
+  group
+      ->add_option("--cmddev", options.commandDevices,
+                   "Command device of the array on this host (repeat, or comma-separated)")
+      ->envname("HDSCTL_CMDDEV")
+      ->delimiter(',');
+  group
+      ->add_option("--horcm-instance", options.horcmInstance,
+                   "Use this HORCM instance instead of allocating one")
+      ->envname("HDSCTL_HORCM_INSTANCE");
+  group->add_option("--resource-group", options.resourceGroup, "Resource group to work in")
+      ->envname("HDSCTL_RESOURCE_GROUP");
+  group
+      ->add_option("--cci-dir", options.cciDir,
+                   "CCI program directory (the client setting sVTHDSHorcmDirectory wins)")
+      ->envname("HDSCTL_CCI_DIR");
+}
+
+int LogSink::TeeBuf::overflow(int c) {
+  if (c == traits_type::eof()) return traits_type::not_eof(c);
+  for (std::streambuf* t : targets) t->sputc(static_cast<char>(c));
+  return c;
+}
+
+std::streamsize LogSink::TeeBuf::xsputn(const char* s, std::streamsize n) {
+  for (std::streambuf* t : targets) t->sputn(s, n);
+  return n;
+}
+
+int LogSink::TeeBuf::sync() {
+  for (std::streambuf* t : targets) t->pubsync();
+  return 0;
+}
+
+LogSink::LogSink() : m_oOut(&m_oTee), m_pSnapInfo(new BasicSnapInfo(&m_oOut)) {}
+
+LogSink::~LogSink() = default;
+
+void LogSink::openFile(const std::string& path) {
+  if (m_oFile.is_open()) m_oFile.close();
+  m_oFile.open(path, std::ios::out | std::ios::app);
+  if (!m_oFile.is_open()) throw Failure("cannot open the log file " + path);
+  m_sFilePath = path;
+  retarget();
+}
+
+void LogSink::setVerbose(bool verbose) {
+  m_bVerbose = verbose;
+  retarget();
+}
+
+void LogSink::retarget() {
+  m_oOut.flush();
+  m_oTee.targets.clear();
+  if (m_oFile.is_open()) m_oTee.targets.push_back(m_oFile.rdbuf());
+  if (m_bVerbose) m_oTee.targets.push_back(std::cerr.rdbuf());
+}
+
+std::string handlerError(RaidcomCommandHandler& handler) {
+  int code = 0;
+  std::string text;
+  handler.getErrorCodeAndString(code, text);
+  while (!text.empty() && (text.back() == '\n' || text.back() == ' ')) text.pop_back();
+  if (text.empty()) return "the library reported error " + std::to_string(code);
+  return text + " (error " + std::to_string(code) + ")";
+}
+
+void applyCciDirOption(LogSink& log, const ArrayOptions& options) {
+  if (!options.cciDir.empty()) {
+    log.snapInfo().setConfigString(SMCONFIG_NAME_HORCM_INSTALLATION_PATH, options.cciDir);
+  }
+}
+
+ArraySession::ArraySession(LogSink& log, const ArrayOptions& options) : m_sSerial(options.serial) {
+  if (options.serial.empty()) throw UsageError("--serial (or HDSCTL_SERIAL) is required");
+  if (options.user.empty()) throw UsageError("--user (or HDSCTL_USER) is required");
+  if (options.password.empty()) throw UsageError("--password (or HDSCTL_PASSWORD) is required");
+  if (options.commandDevices.empty() && options.horcmInstance.empty()) {
+    throw UsageError("--cmddev or --horcm-instance (or HDSCTL_CMDDEV) is required");
+  }
+  applyCciDirOption(log, options);
+  HDSCLIInitParam param;
+  param.serialNumber = options.serial;
+  param.horcmInstance = options.horcmInstance;
+  param.jobId = getpid();
+  param.userName = options.user;
+  param.password = options.password;
+  param.resourceGroupName = options.resourceGroup;
+  param.commandDevices = options.commandDevices;
+  m_pHandler.reset(new RaidcomCommandHandler(log.snapInfo(), param));
+  int code = 0;
+  std::string text;
+  m_pHandler->getErrorCodeAndString(code, text);
+  if (code != 0) {
+    std::string error = handlerError(*m_pHandler);
+    m_pHandler.reset();
+    throw Failure("cannot open a raidcom session on array " + options.serial + ": " + error);
+  }
+}
+
+ArraySession::~ArraySession() = default;
+
+void ArraySession::require(int rc, const std::string& what) {
+  if (rc != 0) throw Failure(what + ": " + handlerError(*m_pHandler));
+}
+
+std::string lookUpHostGroup(ArraySession& session, const std::string& port,
+                            const std::string& numberOrName) {
+  hdsPort_t rec;
+  rec.portName = port;
+  session.require(session.handler().getPortHostGroupList(port, "", rec, false, "", false),
+                  "cannot list the host groups of port " + port);
+  auto upper = [](std::string text) {
+    for (char& c : text) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+    return text;
+  };
+  for (const hdsHostGroup_t& hg : rec.hostGroups) {
+    if (hg.hostGroupId == numberOrName || upper(hg.hostGroupName) == upper(numberOrName)) {
+      return hg.hostGroupId;
+    }
+  }
+  return "";
+}
+
+}  // namespace hdsctl

@@ -1,0 +1,105 @@
+#pragma once
+
+#include <fstream>
+#include <memory>
+#include <ostream>
+#include <streambuf>
+#include <string>
+#include <vector>
+
+#include "hds/platform/SnapInfo.h"
+#include "hds/raidcom/RaidcomCommandHandler.h"
+
+namespace CLI {
+class App;
+}
+
+namespace hdsctl {
+
+// How to reach the array; every field can also come from an HDSCTL_* environment variable.
+struct ArrayOptions {
+  std::string serial;
+  std::string user;
+  std::string password;
+  std::vector<std::string> commandDevices;
+  std::string horcmInstance;
+  std::string resourceGroup;
+  std::string cciDir;
+};
+
+// Adds the array options to a subcommand; all subcommands share the one ArrayOptions.
+void addArrayOptions(CLI::App* command, ArrayOptions& options);
+
+// The library's log: lines "level module text" written through a BasicSnapInfo to a file, to
+// stderr, to both or nowhere.
+class LogSink {
+ public:
+  LogSink();
+  ~LogSink();
+  LogSink(const LogSink&) = delete;
+  LogSink& operator=(const LogSink&) = delete;
+
+  // Appends to path from now on; a Failure when it cannot be opened.
+  void openFile(const std::string& path);
+  void setVerbose(bool verbose);
+  bool hasFile() const { return m_oFile.is_open(); }
+  const std::string& filePath() const { return m_sFilePath; }
+
+  BasicSnapInfo& snapInfo() { return *m_pSnapInfo; }
+
+ private:
+  // Hands every write to the file and, when verbose, to stderr.
+  class TeeBuf : public std::streambuf {
+   public:
+    std::vector<std::streambuf*> targets;
+
+   protected:
+    int overflow(int c) override;
+    std::streamsize xsputn(const char* s, std::streamsize n) override;
+    int sync() override;
+  };
+
+  std::ofstream m_oFile;
+  std::string m_sFilePath;
+  bool m_bVerbose = false;
+  TeeBuf m_oTee;
+  std::ostream m_oOut;
+  std::unique_ptr<BasicSnapInfo> m_pSnapInfo;
+
+  void retarget();
+};
+
+// The handler's error text and code after a failed operation.
+std::string handlerError(RaidcomCommandHandler& handler);
+
+// One raidcom session on the array for the life of the object: construction logs in (or joins
+// the session that other processes of this host hold), destruction releases the resource group
+// lock when it is held and logs out when this is the last session.
+class ArraySession {
+ public:
+  // UsageError when an option the session needs is missing, Failure when the library cannot
+  // open the session.
+  ArraySession(LogSink& log, const ArrayOptions& options);
+  ~ArraySession();
+  ArraySession(const ArraySession&) = delete;
+  ArraySession& operator=(const ArraySession&) = delete;
+
+  RaidcomCommandHandler& handler() { return *m_pHandler; }
+  const std::string& serial() const { return m_sSerial; }
+  // Failure with the library's error text when rc is not 0.
+  void require(int rc, const std::string& what);
+
+ private:
+  std::unique_ptr<RaidcomCommandHandler> m_pHandler;
+  std::string m_sSerial;
+};
+
+// The number of a host group of port given by its number or name (names compare without regard
+// to case, as the library compares them); "" when the port has no such group.
+std::string lookUpHostGroup(ArraySession& session, const std::string& port,
+                            const std::string& numberOrName);
+
+// The array-level CCI directory setting, when --cci-dir or HDSCTL_CCI_DIR gives one.
+void applyCciDirOption(LogSink& log, const ArrayOptions& options);
+
+}  // namespace hdsctl
