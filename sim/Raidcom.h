@@ -29,8 +29,8 @@ class Raidcom {
   const std::vector<std::string>& words() const { return m_oWords; }
 
   // The options after "<verb> <object>".
-  Options options(std::initializer_list<OptionSpec> specs) {
-    return Options(m_rInv, m_oWords, 2, specs);
+  Options options(std::initializer_list<OptionSpec> optionSpecs) {
+    return Options(m_rInv, m_oWords, 2, optionSpecs);
   }
 
   [[noreturn]] void reject(const Ssb& sense) { m_rInv.reject(sense, m_sSerial); }

@@ -288,7 +288,7 @@ std::string Invocation::hostName() {
 }
 
 Options::Options(Invocation& inv, const std::vector<std::string>& words, size_t first,
-                 std::initializer_list<OptionSpec> specs)
+                 std::initializer_list<OptionSpec> optionSpecs)
     : m_rInv(inv) {
   const OptionSpec* current = nullptr;
   std::vector<std::string>* values = nullptr;
@@ -303,8 +303,8 @@ Options::Options(Invocation& inv, const std::vector<std::string>& words, size_t 
     if (isOption) {
       close();
       current = nullptr;
-      for (const OptionSpec& spec : specs) {
-        if (word == spec.name) current = &spec;
+      for (const OptionSpec& option : optionSpecs) {
+        if (word == option.name) current = &option;
       }
       if (!current) inv.unknownOption(word);
       values = &m_oValues[word];

@@ -199,7 +199,7 @@ class Options {
   // Parses words[first..]; an unknown option or a wrong number of values ends the command
   // with the tool's option error.
   Options(Invocation& inv, const std::vector<std::string>& words, size_t first,
-          std::initializer_list<OptionSpec> specs);
+          std::initializer_list<OptionSpec> optionSpecs);
 
   bool has(const std::string& name) const { return m_oValues.count(name) != 0; }
   const std::vector<std::string>& values(const std::string& name) const;

@@ -39,9 +39,9 @@ struct PairGroup {
 };
 
 // Parses the options of a pair command; -g names the group and is always required.
-Options pairOptions(Invocation& inv, std::initializer_list<OptionSpec> specs) {
+Options pairOptions(Invocation& inv, std::initializer_list<OptionSpec> optionSpecs) {
   inv.takeInstanceOption();
-  Options opts(inv, inv.args(), 0, specs);
+  Options opts(inv, inv.args(), 0, optionSpecs);
   if (!opts.positional().empty()) inv.fail(EX_INVARG);
   if (!opts.has("-g")) inv.fail(EX_REQARG);
   inv.requireRunningInstance();
