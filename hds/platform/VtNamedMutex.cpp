@@ -16,6 +16,17 @@
 #include "hds/platform/PlatformInternal.h"
 #include "hds/platform/ZoSleep.h"
 
+#if defined(__SANITIZE_THREAD__)
+#define HDS_THREAD_SANITIZER 1
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define HDS_THREAD_SANITIZER 1
+#endif
+#endif
+#ifdef HDS_THREAD_SANITIZER
+#include <sanitizer/tsan_interface.h>
+#endif
+
 // Each lock file holds one robust, process-shared pthread mutex, mapped by every process that
 // uses the name. Against flock this gives a real timed wait (the futex wakes the next waiter at
 // once, no polling), exclusion between threads of one process through the same primitive, and
@@ -42,6 +53,21 @@ std::mutex g_oMapMutex;
 // Mappings are kept for the life of the process: a robust mutex must stay mapped while any
 // thread may hold or wait on it, and lock names are few.
 std::map<std::string, Mapping>* g_pMappings = new std::map<std::string, Mapping>;
+
+// ThreadSanitizer does not intercept pthread_mutex_clocklock: unless told, it takes the unlock
+// that follows for one of a mutex never locked, and misses the order the lock gives.
+int clockLock(pthread_mutex_t* mutex, const timespec* deadline) {
+#ifdef HDS_THREAD_SANITIZER
+  __tsan_mutex_pre_lock(mutex, __tsan_mutex_try_lock);
+  int rc = pthread_mutex_clocklock(mutex, CLOCK_MONOTONIC, deadline);
+  __tsan_mutex_post_lock(
+      mutex,
+      __tsan_mutex_try_lock | (rc == 0 || rc == EOWNERDEAD ? 0 : __tsan_mutex_try_lock_failed), 0);
+  return rc;
+#else
+  return pthread_mutex_clocklock(mutex, CLOCK_MONOTONIC, deadline);
+#endif
+}
 
 int initMutex(SharedLock* lock) {
   pthread_mutexattr_t attr;
@@ -176,8 +202,7 @@ bool VtNamedMutex::lock(unsigned long ms) {
     int rc;
     do {
       // The monotonic clock: a change of the wall clock neither cuts nor stretches the wait.
-      rc = scaled == 0 ? pthread_mutex_trylock(mutex)
-                       : pthread_mutex_clocklock(mutex, CLOCK_MONOTONIC, &deadline);
+      rc = scaled == 0 ? pthread_mutex_trylock(mutex) : clockLock(mutex, &deadline);
     } while (rc == EINTR);
     if (rc == EOWNERDEAD) {
       // The previous holder died holding it; what it guarded is files, which stay as they are.

@@ -148,6 +148,9 @@ INSTANTIATE_TEST_SUITE_P(
                       FailurePoint{"add snapshot -ldev_id 102", -1, "snapshot group add"},
                       FailurePoint{"modify snapshot.*split", -1, "snapshot split"},
                       FailurePoint{"add hba_wwn", -1, "present"},
+                      // A failed resource group query leaves the handler's command suffix cut
+                      // short; the clean-up that follows must still send well-formed commands.
+                      FailurePoint{"get resource -key opt -IM3532$", 1, "present"},
                       FailurePoint{"add lun", -1, "present"}),
     failureName);
 
@@ -156,11 +159,12 @@ INSTANTIATE_TEST_SUITE_P(
     OnTheWayBack, HdsctlJobFailure,
     ::testing::Values(FailurePoint{"delete lun", 1, "withdraw"},
                       FailurePoint{"delete snapshot -ldev_id 2001", 1, "delete snapshots"},
-                      // The last line of the script: a script is judged by its exit status and
-                      // what it printed on stdout, so an earlier line that fails goes unseen.
-                      FailurePoint{"delete device_grp.*KS_DEV_P_t.*-ldev_id 102", 1,
+                      // A line in the middle of the device group script.
+                      FailurePoint{"delete device_grp.*KS_DEV_P_t.*-ldev_id 101", 1,
                                    "delete device groups"},
-                      FailurePoint{"delete ldev -ldev_id 2002", 1, "delete S-VOLs"}),
+                      FailurePoint{"delete ldev -ldev_id 2002", 1, "delete S-VOLs"},
+                      // The logout: the session's end is reported, not only logged.
+                      FailurePoint{"^-logout", 1, "close session"}),
     failureName);
 
 TEST_F(HdsctlJob, WhatCannotBeCleanedUpIsNamed) {

@@ -200,6 +200,8 @@ class JobRun {
 
   void cleanUp();
   void unmapOurLuns();
+  // Removes the host group the job made unless LUNs of others are in it; true when removed.
+  bool removeOurHostGroup();
   void deleteOurSnapshots();
   void deleteOurDeviceGroups();
   void deleteOurSvols();
@@ -328,8 +330,30 @@ std::string JobRun::chooseSvols() {
 }
 
 std::string JobRun::createSvols() {
-  // All or nothing: a failed creation takes back the S-VOLs it made.
-  require(static_cast<int>(h().createSvol(pairMap(), m_oSpec.pool)), "cannot create the S-VOLs");
+  // All or nothing: a failed creation takes back the S-VOLs it made, but not the one whose
+  // creation ran and could not be confirmed (its command status could not be read). The job
+  // cannot tell that one from an LDEV another process made with the same number meanwhile, so
+  // it names it instead of deleting it.
+  if (h().createSvol(pairMap(), m_oSpec.pool) != 0) {
+    std::string error = handlerError(h());
+    std::vector<hdsLdev_t> svols;
+    for (const Pair& p : m_oPairs) {
+      hdsLdev_t l;
+      l.ldevId = p.svol;
+      l.serialNumber = m_oSpec.array.serial;
+      svols.push_back(l);
+    }
+    if (h().getLdevInfo(svols) == 1) {
+      m_oLeftOver.push_back("S-VOLs " + m_oPairs.front().svol + " to " + m_oPairs.back().svol +
+                            " (not readable after a failed creation)");
+    }
+    for (const hdsLdev_t& l : svols) {
+      if (l.capacity != 0 && l.volAttr != VT_HDS_VOL_NOT_DEFINED) {
+        m_oLeftOver.push_back("S-VOL " + l.ldevId + " (defined after its creation failed)");
+      }
+    }
+    throw Failure("cannot create the S-VOLs: " + error);
+  }
   m_bSvolsCreated = true;
   return std::to_string(m_oPairs.size()) + " S-VOLs in pool " + m_oSpec.pool;
 }
@@ -450,14 +474,33 @@ std::string JobRun::withdraw() {
   require(h().unmapDeviceGroupFromHostGroup(m_sSvolGroup, m_oSpec.port, m_sHostGroupId),
           "cannot withdraw the S-VOLs");
   m_bLunsTouched = false;
+  std::string removed = std::to_string(m_oPairs.size()) + " LUNs removed";
   if (m_bHostGroupCreated) {
+    removed += removeOurHostGroup() ? ", host group " + m_oSpec.hostGroup + " removed"
+                                    : ", host group " + m_oSpec.hostGroup + " kept for other LUNs";
+  }
+  return removed;
+}
+
+bool JobRun::removeOurHostGroup() {
+  // Another job that found the group may have presented its S-VOLs there meanwhile; removing
+  // the group would withdraw them under that job.
+  std::vector<hdsLun_t> luns;
+  if (!m_sHostGroupId.empty()) {
+    require(h().getLunsForHostGroup(m_oSpec.port, m_sHostGroupId, luns),
+            "cannot list the LUNs of " + m_oSpec.port + "-" + m_sHostGroupId);
+  }
+  bool empty = true;
+  for (const hdsLun_t& lun : luns) empty &= isOurSvol(lun.ldevId);
+  if (empty) {
     require(h().deleteHostGroup(m_oSpec.port, m_oSpec.hostGroup),
             "cannot remove host group " + m_oSpec.hostGroup);
-    m_bHostGroupCreated = false;
-    return std::to_string(m_oPairs.size()) + " LUNs removed, host group " + m_oSpec.hostGroup +
-           " removed";
+  } else {
+    m_oLeftOver.push_back("host group " + m_oSpec.hostGroup + " on " + m_oSpec.port +
+                          " (LUNs of others are in it)");
   }
-  return std::to_string(m_oPairs.size()) + " LUNs removed";
+  m_bHostGroupCreated = false;
+  return empty;
 }
 
 std::string JobRun::deleteSnapshots() {
@@ -489,14 +532,18 @@ std::string JobRun::deleteSvols() {
 std::string JobRun::closeSession() {
   require(h().unlockResource(), "cannot unlock the resource group");
   m_bLocked = false;
+  m_pSession->close();
   m_pSession.reset();
   return "resource group unlocked, logged out";
 }
 
 void JobRun::unmapOurLuns() {
   std::vector<hdsLun_t> luns;
-  require(h().getLunsForHostGroup(m_oSpec.port, m_sHostGroupId, luns),
-          "cannot list the LUNs of " + m_oSpec.port + "-" + m_sHostGroupId);
+  if (h().getLunsForHostGroup(m_oSpec.port, m_sHostGroupId, luns) != 0) {
+    // The job that made the group may have removed it, and our LUNs with it.
+    if (lookUpHostGroup(*m_pSession, m_oSpec.port, m_sHostGroupId).empty()) return;
+    require(1, "cannot list the LUNs of " + m_oSpec.port + "-" + m_sHostGroupId);
+  }
   for (const hdsLun_t& lun : luns) {
     if (!isOurSvol(lun.ldevId)) continue;
     require(h().unmapLdevFromHostGroup(lun.ldevId, m_oSpec.port, m_sHostGroupId),
@@ -558,10 +605,8 @@ void JobRun::cleanUp() {
   };
   // The reverse of the order they were made in: a LUN keeps its S-VOL, a pair its device.
   attempt(m_bLunsTouched, "LUNs of the S-VOLs on " + m_oSpec.port, [this] { unmapOurLuns(); });
-  attempt(m_bHostGroupCreated, "host group " + m_oSpec.hostGroup + " on " + m_oSpec.port, [this] {
-    require(h().deleteHostGroup(m_oSpec.port, m_oSpec.hostGroup),
-            "cannot remove host group " + m_oSpec.hostGroup);
-  });
+  attempt(m_bHostGroupCreated, "host group " + m_oSpec.hostGroup + " on " + m_oSpec.port,
+          [this] { removeOurHostGroup(); });
   attempt(m_bSnapshotsTouched, "snapshot pairs of " + m_sSnapshotGroup,
           [this] { deleteOurSnapshots(); });
   attempt(m_bDeviceGroupsTouched, "device groups " + m_sPvolGroup + " and " + m_sSvolGroup,
@@ -620,6 +665,11 @@ void JobRun::printSummary(bool ok, double seconds, const std::string& failedStep
         {p.pvol, p.svol, std::to_string(p.capacity), p.label, p.status, p.mirrorUnit, p.lun});
   }
   table.print(std::cout);
+  if (!m_oLeftOver.empty()) {
+    std::cout << "left on array " << m_oSpec.array.serial << ": " << joinWords(m_oLeftOver, "; ")
+              << "\n";
+    return;
+  }
   std::cout << "every object the job made on array " << m_oSpec.array.serial
             << " has been removed again\n";
 }

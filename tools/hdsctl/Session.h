@@ -72,6 +72,8 @@ class LogSink {
 // The handler's error text and code after a failed operation.
 std::string handlerError(RaidcomCommandHandler& handler);
 
+class SessionHandler;
+
 // One raidcom session on the array for the life of the object: construction logs in (or joins
 // the session that other processes of this host hold), destruction releases the resource group
 // lock when it is held and logs out when this is the last session.
@@ -84,13 +86,16 @@ class ArraySession {
   ArraySession(const ArraySession&) = delete;
   ArraySession& operator=(const ArraySession&) = delete;
 
-  RaidcomCommandHandler& handler() { return *m_pHandler; }
+  RaidcomCommandHandler& handler();
   const std::string& serial() const { return m_sSerial; }
   // Failure with the library's error text when rc is not 0.
   void require(int rc, const std::string& what);
+  // Ends the session now: releases the resource group lock when it is held and logs out when
+  // this is the last session. A Failure when either fails; the destructor could only log it.
+  void close();
 
  private:
-  std::unique_ptr<RaidcomCommandHandler> m_pHandler;
+  std::unique_ptr<SessionHandler> m_pHandler;
   std::string m_sSerial;
 };
 

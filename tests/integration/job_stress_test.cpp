@@ -1,0 +1,183 @@
+// Thirty-two hdsctl jobs on one simulated array at once. They share the host's session and login
+// count, the HORCM instance, the resource group lock and the serialised asynchronous commands;
+// each must succeed or end with the step and error that stopped it, and in the end the array is
+// as it was, no session or process is left and the login count is back at 0. And a job killed
+// outright holds up no job after it.
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <chrono>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <thread>
+
+#include "tests/support/Leftovers.h"
+#include "tests/support/TestEnv.h"
+#include "tests/support/ToolRun.h"
+
+namespace {
+
+using hdstest::ToolResult;
+using hdstest::ToolRun;
+using nlohmann::json;
+using Clock = std::chrono::steady_clock;
+
+constexpr int kJobs = 32;
+
+class JobStress : public ::testing::Test {
+ protected:
+  hdstest::TestEnv env;
+  hdstest::SimHost host{env};
+
+  void SetUp() override { host.ccisim({"init", "--ldevs", "100-" + std::to_string(99 + kJobs)}); }
+
+  std::string jobFile(const std::string& name, const json& job) {
+    const std::string file = env.root() + "/" + name + ".json";
+    hdstest::writeFile(file, job.dump());
+    return file;
+  }
+
+  // Starts every job at once; how many succeeded. A failure must name the job, its step and the
+  // library's error, with nothing that its clean-up could not give back.
+  int runAtOnce(const std::vector<std::string>& files, bool* keptHostGroup = nullptr) {
+    std::vector<std::unique_ptr<ToolRun>> runs;
+    for (const std::string& f : files)
+      runs.emplace_back(new ToolRun({hdstest::hdsctlPath(), "job", f}));
+    int succeeded = 0;
+    for (size_t i = 0; i < runs.size(); ++i) {
+      ToolResult r = runs[i]->finish(600);
+      if (keptHostGroup != nullptr &&
+          r.out.find("(LUNs of others are in it)") != std::string::npos) {
+        *keptHostGroup = true;
+      }
+      if (r.exitCode == 0) {
+        ++succeeded;
+        continue;
+      }
+      EXPECT_EQ(r.exitCode, 1) << r.err;
+      EXPECT_NE(r.err.find("hdsctl: job s" + std::to_string(i) + " failed at step '"),
+                std::string::npos)
+          << r.err;
+      EXPECT_NE(r.err.find("(error 626"), std::string::npos) << r.err;
+      EXPECT_EQ(r.out.find("clean-up failed"), std::string::npos) << r.out;
+    }
+    return succeeded;
+  }
+
+  int loginCount() const {
+    const std::string settings = hdstest::readFile(env.settingsFile());
+    const size_t at = settings.find("sVTHDSRaidcomLockCount_412345");
+    return at == std::string::npos ? -1000 : atoi(settings.c_str() + settings.find('=', at) + 1);
+  }
+
+  // Apart from the array, which each test compares in its own way.
+  void expectNothingLeftOnTheHost() {
+    EXPECT_EQ(host.ccisim({"dump"}).find("\nsession "), std::string::npos) << "a session is open";
+    EXPECT_EQ(loginCount(), 0);
+    EXPECT_EQ(hdstest::processesWithEnvironment("CCISIM_STATE=" + env.simState()),
+              std::vector<std::string>{});
+    EXPECT_EQ(hdstest::filesIn(env.tempDir()), std::set<std::string>{});
+  }
+};
+
+// Jobs on objects of their own: every one of them must get through.
+TEST_F(JobStress, ThirtyTwoJobsOfTheirOwnAllSucceed) {
+  const std::string before = host.arrays();
+  std::vector<std::string> files;
+  for (int i = 0; i < kJobs; ++i) {
+    const std::string name = "s" + std::to_string(i);
+    files.push_back(jobFile(
+        name, {{"name", name},
+               {"pool", 0},
+               {"pvols", {100 + i}},
+               {"svols", {2000 + i}},
+               {"present", {{"port", i % 2 ? "CL1-A" : "CL2-A"}, {"host_group", "HG_" + name}}},
+               {"wait_seconds", 120}}));
+  }
+  int succeeded = runAtOnce(files);
+  printf("%d of %d jobs of their own at once succeeded\n", succeeded, kJobs);
+  EXPECT_EQ(succeeded, kJobs);
+  EXPECT_EQ(host.arrays(), before);
+  expectNothingLeftOnTheHost();
+}
+
+// Jobs that pick their S-VOL numbers from the same free range and present on the same host
+// group get in each other's way; those that lose must say so and give back what they made.
+TEST_F(JobStress, ThirtyTwoCompetingJobsSucceedOrFailCleanly) {
+  const std::string before = host.arrays();
+  std::vector<std::string> files;
+  for (int i = 0; i < kJobs; ++i) {
+    const std::string name = "s" + std::to_string(i);
+    files.push_back(jobFile(name, {{"name", name},
+                                   {"pool", 0},
+                                   {"pvols", {100 + i}},
+                                   {"present", {{"port", "CL1-A"}}},
+                                   {"wait_seconds", 120}}));
+  }
+  bool kept = false;
+  int succeeded = runAtOnce(files, &kept);
+  printf("%d of %d competing jobs at once succeeded\n", succeeded, kJobs);
+  EXPECT_GE(succeeded, 1);
+  if (kept) {
+    // The job that made the host group found LUNs of others in it when it was done, and left it
+    // (as it said); it is all that may stay, and empty.
+    json arrays = json::parse(host.arrays());
+    for (json& port : arrays[0]["ports"]) {
+      json& groups = port["host_groups"];
+      for (auto g = groups.begin(); g != groups.end(); ++g) {
+        if ((*g)["name"] == "KS_PRE_SNAP_HOST_GROUP" && (*g)["luns"].empty()) {
+          groups.erase(g);
+          break;
+        }
+      }
+    }
+    EXPECT_EQ(arrays.dump(1), before);
+  } else {
+    EXPECT_EQ(host.arrays(), before);
+  }
+  expectNothingLeftOnTheHost();
+}
+
+// A job killed inside an asynchronous command, with the host's locks and the array's resource
+// group lock held: the next job must neither wait for those locks nor fail on them.
+TEST_F(JobStress, KilledJobHoldsUpNoJobAfterIt) {
+  host.ccisim({"fault", "add", "--tool", "raidcom", "--match", "add ldev", "--delay-ms", "3000",
+               "--times", "1"});
+  ToolRun killed({hdstest::hdsctlPath(), "job",
+                  jobFile("k", {{"name", "k"}, {"pool", 0}, {"pvols", {100}}, {"svols", {2000}}})});
+  const Clock::time_point deadline = Clock::now() + std::chrono::seconds(60);
+  while (host.ccisim({"journal", "--tool", "raidcom"}).find("add ldev") == std::string::npos &&
+         Clock::now() < deadline) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  kill(killed.pid(), SIGKILL);
+  EXPECT_EQ(killed.finish().exitCode, 128 + SIGKILL);
+
+  const Clock::time_point start = Clock::now();
+  ToolResult next = hdstest::runTool(
+      {hdstest::hdsctlPath(), "job",
+       jobFile("n", {{"name", "n"}, {"pool", 0}, {"pvols", {101}}, {"svols", {2001}}})});
+  const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+  EXPECT_EQ(next.exitCode, 0) << next.out << next.err;
+  // Waiting out a lock would take its five-second rounds.
+  EXPECT_LT(seconds, 5.0);
+  // The killed job's session stays counted: no process is left to give it back. Once the array
+  // ends that session, the next job's first command meets the expired session, logs in anew and
+  // counts only its own session, so the count is right again after it.
+  EXPECT_EQ(loginCount(), 1);
+  host.ccisim({"session", "expire"});
+  ToolResult after = hdstest::runTool(
+      {hdstest::hdsctlPath(), "job",
+       jobFile("a", {{"name", "a"}, {"pool", 0}, {"pvols", {102}}, {"svols", {2002}}})});
+  EXPECT_EQ(after.exitCode, 0) << after.out << after.err;
+  EXPECT_EQ(loginCount(), 0);
+  EXPECT_EQ(host.ccisim({"dump"}).find("\nsession "), std::string::npos) << "a session is open";
+
+  // The command the killed job had started runs to its end on its own.
+  const std::string state = "CCISIM_STATE=" + env.simState();
+  while (!hdstest::processesWithEnvironment(state).empty() && Clock::now() < deadline) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  }
+}
+
+}  // namespace

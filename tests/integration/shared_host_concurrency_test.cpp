@@ -1,0 +1,154 @@
+// Several processes, each with several threads, each thread with a raidcom handler of its own on
+// one simulated array: the named locks must exclude threads as well as processes, and what a
+// process keeps for all its handlers (resource lock count, retry settings, raidqry cache, file
+// name counters) must hold up under its threads. scripts/tsan.sh runs this under
+// ThreadSanitizer.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <nlohmann/json.hpp>
+#include <thread>
+
+#include "hds/platform/VTPlatformInfo.h"
+#include "tests/support/Leftovers.h"
+#include "tests/support/ProcessHelpers.h"
+#include "tests/support/RaidcomProbe.h"
+#include "tests/support/RecordingSnapInfo.h"
+#include "tests/support/SimArray.h"
+
+namespace {
+
+using hdstest::SimArray;
+using hdstest::SimJournalEntry;
+
+constexpr int kProcesses = 4;
+constexpr int kThreads = 4;
+constexpr int kScriptsPerThread = 4;
+
+HDSCLIInitParam sessionParam() {
+  HDSCLIInitParam p;
+  p.serialNumber = SimArray::kSerial;
+  p.userName = SimArray::kUser;
+  p.password = SimArray::kPassword;
+  p.operationType = 1;
+  p.commandDevices = {"\\\\.\\CMD-412345:/dev/sdc"};
+  return p;
+}
+
+// One thread's share of the work: an S-VOL of its own made, labelled and removed under the
+// resource group lock, and scripts whose output must be its own. 0, or the number of the stage
+// that went wrong.
+int threadWork(VTSO::SnapInfo& log, int process, int thread) {
+  hdstest::RaidcomProbe h(log, sessionParam());
+  if (h.errorCode() != 0) return 1;
+  if (h.lockResource() != 0) return 2;
+  const std::string svol = std::to_string(3000 + process * 10 + thread);
+  const std::string pvol = std::to_string(100 + process * kThreads + thread);
+  std::map<std::string, hdsLdev_t> pair;
+  hdsLdev_t& l = pair[pvol + "->" + svol];
+  l.serialNumber = SimArray::kSerial;
+  l.ldevId = svol;
+  l.capacity = 2097152;
+  if (h.createSvol(pair, "0") != 0) return 3;
+  if (h.modifySvolLabel(svol, "KS_SVOL_" + svol) != 0) return 4;
+  for (int i = 0; i < kScriptsPerThread; ++i) {
+    const std::string word =
+        "p" + std::to_string(process) + "t" + std::to_string(thread) + "i" + std::to_string(i);
+    std::string output;
+    int exitCode = -1;
+    if (h.executeScriptFile("echo " + word + "\n", output, exitCode) != 0) return 5;
+    if (exitCode != 0 || output != word + "\n") return 6;
+  }
+  if (h.deleteSvol(svol) != 0) return 7;
+  if (h.unlockResource() != 0) return 8;
+  return 0;
+}
+
+bool isRaidcom(const SimJournalEntry& e, const char* verb, const char* object) {
+  return e.tool == "raidcom" && e.args.size() > 1 && e.args[0] == verb && e.args[1] == object;
+}
+
+TEST(SharedHost, ThreadsOfSeveralProcessesShareOneSessionLockAndCounter) {
+  hdstest::TestEnv env;
+  SimArray sim(env);
+  env.writeSettings("[iHarbor]\nsVTHDSHorcmDirectory=" + env.cciDir() +
+                    "\nsClientHostName=testhost\n[~iHarbor]\n");
+  const std::string before = nlohmann::json::parse(sim.dumpJson())["arrays"].dump(1);
+
+  const std::vector<int> codes = hdstest::runInChildren(kProcesses, [](int process) {
+    hdstest::RecordingSnapInfo log;
+    std::atomic<int> failed{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+      threads.emplace_back([&, t] {
+        int stage = threadWork(log, process, t);
+        if (stage != 0) failed = stage;
+      });
+    }
+    for (std::thread& t : threads) t.join();
+    return failed.load();
+  });
+  EXPECT_EQ(codes, std::vector<int>(kProcesses, 0)) << "a stage of threadWork failed";
+
+  EXPECT_EQ(hdstest::storedLoginCount(SimArray::kSerial), 0);
+  EXPECT_EQ(nlohmann::json::parse(sim.dumpJson())["arrays"].dump(1), before);
+  EXPECT_EQ(sim.dump().find("\nsession "), std::string::npos) << "a session was left open";
+  EXPECT_EQ(hdstest::filesIn(env.tempDir()).size(), 0u) << "script files were left behind";
+
+  // Between a reset of the command status and its reading no other asynchronous command may
+  // run: the status is the session's, and every thread of every process shares that session.
+  // Synchronous commands take no lock and may come in between.
+  bool open = false;
+  size_t ldevCommands = 0;
+  for (const SimJournalEntry& e : sim.journal()) {
+    if (isRaidcom(e, "reset", "command_status")) {
+      EXPECT_FALSE(open) << "two asynchronous commands overlapped";
+      open = true;
+    } else if (isRaidcom(e, "get", "command_status")) {
+      open = false;
+    } else if (isRaidcom(e, "add", "ldev") || isRaidcom(e, "delete", "ldev")) {
+      EXPECT_TRUE(open) << "an LDEV was made or deleted outside its status window";
+      ++ldevCommands;
+    }
+  }
+  EXPECT_EQ(ldevCommands, static_cast<size_t>(2 * kProcesses * kThreads));
+}
+
+// The settings store takes every write under its own lock: threads of one process and other
+// processes updating the same file, some of them the same key, lose nothing.
+TEST(SharedHost, SettingsWritersInThreadsAndProcessesLoseNothing) {
+  hdstest::TestEnv env;
+  constexpr int kRounds = 20;
+  auto bump = [](bool present, int v) { return present ? v + 1 : 1; };
+  const std::vector<int> codes = hdstest::runInChildren(kProcesses, [&](int process) {
+    std::atomic<int> failed{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+      threads.emplace_back([&, t] {
+        const std::string own = "nOwn" + std::to_string(process) + "_" + std::to_string(t);
+        for (int r = 0; r < kRounds; ++r) {
+          if (!VTPlatformInfo::updateRegInt("~iHarbor", own.c_str(), bump) ||
+              !VTPlatformInfo::updateRegInt("~iHarbor", "nShared", bump)) {
+            failed = 1;
+          }
+        }
+      });
+    }
+    for (std::thread& t : threads) t.join();
+    return failed.load();
+  });
+  EXPECT_EQ(codes, std::vector<int>(kProcesses, 0));
+  for (int p = 0; p < kProcesses; ++p) {
+    for (int t = 0; t < kThreads; ++t) {
+      int v = 0;
+      const std::string own = "nOwn" + std::to_string(p) + "_" + std::to_string(t);
+      EXPECT_TRUE(VTPlatformInfo::getRegInt("~iHarbor", own.c_str(), &v));
+      EXPECT_EQ(v, kRounds) << own;
+    }
+  }
+  int shared = 0;
+  EXPECT_TRUE(VTPlatformInfo::getRegInt("~iHarbor", "nShared", &shared));
+  EXPECT_EQ(shared, kProcesses * kThreads * kRounds);
+}
+
+}  // namespace
