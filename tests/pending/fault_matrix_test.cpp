@@ -24,6 +24,7 @@
 #include <stdexcept>
 #include <thread>
 
+#include "tests/support/SimArray.h"
 #include "tests/support/Leftovers.h"
 #include "tests/support/TestEnv.h"
 #include "tests/support/ToolRun.h"
@@ -130,7 +131,7 @@ class MatrixHost {
     return hdstest::runTool(full, timeoutSec);
   }
   std::string ccisim(std::vector<std::string> args) const {
-    args.insert(args.begin(), hdstest::ccisimPath());
+    args.insert(args.begin(), hdstest::SimArray::ccisimPath());
     ToolResult r = run(args);
     if (r.exitCode != 0) throw std::runtime_error("ccisim " + args[1] + " failed: " + r.err);
     return r.out;
