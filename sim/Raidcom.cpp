@@ -74,8 +74,7 @@ void getCommandStatus(Raidcom& rc) {
   auto waitSec = opts.optNumber("-time");
   CommandStatusRow row = loadStatus(rc.db(), rc.inv().instance(), rc.serial());
   if (waitSec && row.pendingUntil > Invocation::nowMs()) {
-    int64_t deadline =
-        Invocation::nowMs() + static_cast<int64_t>(*waitSec * 1000 * rc.inv().timeScale());
+    int64_t deadline = rc.inv().deadlineAfter(*waitSec, 1000);
     while (row.pendingUntil > Invocation::nowMs()) {
       int64_t now = Invocation::nowMs();
       if (now >= deadline) rc.fail(EX_EWSTOT);
@@ -183,10 +182,6 @@ std::vector<int> Raidcom::deviceGroupLdevs(const std::string& group) {
   if (ldevs.empty()) fail(EX_ENOOBJ);
   return ldevs;
 }
-
-int64_t Raidcom::copyMs() { return std::atoll(db().meta("copy_ms").value_or("0").c_str()); }
-
-int64_t Raidcom::formatMs() { return std::atoll(db().meta("format_ms").value_or("0").c_str()); }
 
 int runRaidcom(Invocation& inv) {
   inv.takeInstanceOption();

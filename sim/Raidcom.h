@@ -29,8 +29,8 @@ class Raidcom {
   const std::vector<std::string>& words() const { return m_oWords; }
 
   // The options after "<verb> <object>".
-  Options options(std::initializer_list<OptionSpec> specs) {
-    return Options(m_rInv, m_oWords, 2, specs);
+  Options options(std::initializer_list<OptionSpec> optionSpecs) {
+    return Options(m_rInv, m_oWords, 2, optionSpecs);
   }
 
   [[noreturn]] void reject(const Ssb& sense) { m_rInv.reject(sense, m_sSerial); }
@@ -45,8 +45,6 @@ class Raidcom {
   // Members of a device group, in the order they were added; EX_ENOOBJ when it has none.
   std::vector<int> deviceGroupLdevs(const std::string& group);
 
-  int64_t copyMs();
-  int64_t formatMs();
   // Background work the session's command status waits for (formatting).
   void addPending(int64_t untilMs) { m_iPendingUntil = std::max(m_iPendingUntil, untilMs); }
   int64_t pendingUntil() const { return m_iPendingUntil; }

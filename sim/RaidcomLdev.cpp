@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <cctype>
+#include <limits>
 #include <set>
 
 #include "sim/Raidcom.h"
@@ -37,7 +38,7 @@ std::optional<int64_t> parseCapacity(const std::string& text) {
     factor = 1;
   }
   auto n = parseNumber(digits);
-  if (!n || *n <= 0) return std::nullopt;
+  if (!n || *n <= 0 || *n > std::numeric_limits<int64_t>::max() / factor) return std::nullopt;
   return *n * factor;
 }
 
@@ -70,8 +71,7 @@ void printLdevs(Raidcom& rc, const std::vector<LdevView>& views, bool frontEnd) 
 
 void waitForStatus(Raidcom& rc, int id, const std::vector<std::string>& wanted,
                    std::optional<int64_t> waitSec) {
-  int64_t deadline =
-      Invocation::nowMs() + static_cast<int64_t>(waitSec.value_or(0) * 1000 * rc.inv().timeScale());
+  int64_t deadline = rc.inv().deadlineAfter(waitSec.value_or(0), 1000);
   for (;;) {
     auto row = loadLdev(rc.db(), rc.serial(), id);
     if (matchesStatus(row ? &*row : nullptr, wanted)) return;
@@ -162,8 +162,7 @@ std::vector<int> targetLdevs(Raidcom& rc, const Options& opts) {
     return rc.deviceGroupLdevs(opts.required("-device_grp_name"));
   }
   int first = opts.ldevId("-ldev_id");
-  int64_t count = opts.optNumber("-cnt").value_or(1);
-  if (count < 1) rc.inv().invalidOption("-cnt");
+  int64_t count = opts.count("-cnt", maxLdevId(rc.db(), rc.serial()) - first + 1);
   std::vector<int> ids;
   for (int64_t i = 0; i < count; ++i) ids.push_back(first + static_cast<int>(i));
   return ids;
@@ -332,7 +331,7 @@ void initializeLdev(Raidcom& rc) {
   for (const LdevRow& row : rows) {
     if (row.status != "BLK") rc.inv().asyncFail(ssb::LDEV_NOT_BLOCKED);
   }
-  int64_t ms = rc.formatMs();
+  int64_t ms = timingMs(rc.db(), "format_ms");
   int64_t due = Invocation::nowMs() + ms;
   for (const LdevRow& row : rows) {
     if (ms <= 0) {

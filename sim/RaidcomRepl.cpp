@@ -51,12 +51,6 @@ std::vector<SnapshotRow> loadSnapshots(Raidcom& rc, const std::string& where, co
   return rows;
 }
 
-int progress(int64_t since, std::optional<int64_t> due) {
-  if (!due || *due <= since) return 100;
-  int64_t pct = (Invocation::nowMs() - since) * 100 / (*due - since);
-  return static_cast<int>(std::max<int64_t>(0, std::min<int64_t>(99, pct)));
-}
-
 SnapshotView snapshotView(Raidcom& rc, const SnapshotRow& r, bool svolSide) {
   SnapshotView v;
   v.group = r.group;
@@ -67,7 +61,7 @@ SnapshotView snapshotView(Raidcom& rc, const SnapshotRow& r, bool svolSide) {
   v.mu = r.mu;
   v.partner = svolSide ? std::optional<int>(r.pvol) : r.svol;
   v.pool = r.pool;
-  v.percent = progress(r.since, r.due);
+  v.percent = copyPercent(r.since, r.due);
   v.mode = std::string("G") + (r.ctg ? "C" : "-") + "-" + (r.mode.empty() ? "-" : "A");
   v.splitTime = r.splitTime;
   return v;
@@ -136,8 +130,7 @@ void addDeviceGroup(Raidcom& rc) {
   requireGroupName(rc, group);
   requireGroupName(rc, device);
   int first = opts.ldevId("-ldev_id");
-  int64_t count = opts.optNumber("-cnt").value_or(1);
-  if (count < 1) rc.inv().invalidOption("-cnt");
+  int64_t count = opts.count("-cnt", maxLdevId(rc.db(), rc.serial()) - first + 1);
   for (int64_t i = 0; i < count; ++i) {
     int id = first + static_cast<int>(i);
     LdevRow row = rc.requireLdev(id);
@@ -175,9 +168,7 @@ void getSnapshot(Raidcom& rc) {
     if (rows.empty()) rc.fail(EX_ENOOBJ);
     if (opts.has("-check_status")) {
       std::string want = toUpper(opts.required("-check_status"));
-      int64_t deadline =
-          Invocation::nowMs() +
-          static_cast<int64_t>(opts.optNumber("-time").value_or(0) * 1000 * rc.inv().timeScale());
+      int64_t deadline = rc.inv().deadlineAfter(opts.optNumber("-time").value_or(0), 1000);
       for (;;) {
         bool all = true;
         for (const SnapshotRow& r : rows) all = all && r.status == want;
@@ -307,7 +298,7 @@ void modifySnapshot(Raidcom& rc) {
   if (!kOps.count(op)) rc.inv().invalidOption("-snapshot_data");
   std::vector<SnapshotRow> rows = snapshotTargets(rc, opts, true);
   int64_t now = Invocation::nowMs();
-  int64_t copy = rc.copyMs();
+  int64_t copy = timingMs(rc.db(), "copy_ms");
   std::optional<int64_t> due;
   if (copy > 0) due = now + copy;
   for (const SnapshotRow& r : rows) {

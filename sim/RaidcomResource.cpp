@@ -54,8 +54,7 @@ bool moveResources(Raidcom& rc, const Options& opts, int from, int to, const Ssb
   std::vector<int> ldevs;
   if (opts.has("-ldev_id")) {
     int first = opts.ldevId("-ldev_id");
-    int64_t count = opts.optNumber("-cnt").value_or(1);
-    if (count < 1) rc.inv().invalidOption("-cnt");
+    int64_t count = opts.count("-cnt", maxLdevId(rc.db(), rc.serial()) - first + 1);
     for (int64_t i = 0; i < count; ++i) ldevs.push_back(first + static_cast<int>(i));
   }
   if (opts.has("-device_grp_name")) {
@@ -165,9 +164,7 @@ void getResource(Raidcom& rc) {
 void lockResource(Raidcom& rc) {
   Options opts = rc.options({{"-resource_name", 1, 1}, {"-time", 1, 1}});
   std::string name = opts.value("-resource_name");
-  int64_t waitMs =
-      static_cast<int64_t>(opts.optNumber("-time").value_or(0) * 1000 * rc.inv().timeScale());
-  int64_t deadline = Invocation::nowMs() + waitMs;
+  int64_t deadline = rc.inv().deadlineAfter(opts.optNumber("-time").value_or(0), 1000);
   for (;;) {
     std::vector<ResourceGroup> groups = loadGroups(rc, name);
     bool foreign = std::any_of(groups.begin(), groups.end(),

@@ -28,160 +28,6 @@ class AdminError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-std::string statePath() {
-  const char* path = std::getenv("CCISIM_STATE");
-  if (!path || !*path) throw AdminError("CCISIM_STATE is not set; point it at the state file");
-  return path;
-}
-
-std::vector<std::string> splitOn(const std::string& text, char sep) {
-  std::vector<std::string> parts;
-  std::stringstream in(text);
-  std::string part;
-  while (std::getline(in, part, sep)) parts.push_back(part);
-  return parts;
-}
-
-int toInt(const std::string& text, const std::string& what) {
-  auto n = parseNumber(text);
-  if (!n || *n > INT_MAX) throw AdminError("'" + text + "' is not a number (" + what + ")");
-  return static_cast<int>(*n);
-}
-
-// init and load replace the state; a file that is not a state at all is replaced whole.
-void replaceState(const json& scenario) {
-  std::string path = statePath();
-  clearJournal(path);
-  try {
-    Store store(path, Store::Mode::Create);
-    loadScenario(store, scenario);
-    return;
-  } catch (const StoreError&) {
-    for (const char* suffix : {"", "-wal", "-shm"}) ::unlink((path + suffix).c_str());
-  }
-  Store store(path, Store::Mode::Create);
-  loadScenario(store, scenario);
-}
-
-void install(const std::string& dir) {
-  char self[PATH_MAX];
-  ssize_t n = ::readlink("/proc/self/exe", self, sizeof(self) - 1);
-  if (n <= 0) throw AdminError(std::string("cannot find the ccisim binary: ") + strerror(errno));
-  self[n] = '\0';
-  if (::mkdir(dir.c_str(), 0755) != 0 && errno != EEXIST) {
-    throw AdminError("cannot create " + dir + ": " + strerror(errno));
-  }
-  for (const ToolName& tool : toolNames()) {
-    std::string link = dir + "/" + tool.name;
-    ::unlink(link.c_str());
-    if (::symlink(self, link.c_str()) != 0) {
-      throw AdminError("cannot link " + link + ": " + strerror(errno));
-    }
-  }
-}
-
-struct InitOptions {
-  std::string serial = "412345", type = "R9", microcode = "93-07-22/00", cciVersion = "01-74-03/00",
-              ldevs = "100-115";
-  int64_t cacheMb = 524288, ldevCapacity = 2097152;
-  int maxLdev = 65279;
-  int64_t copyMs = 0, formatMs = 0, syncLagMs = 0;
-  std::vector<std::string> pools, ports, cmddevs, rsgs, users;
-};
-
-// Builds the default scenario with the options given on the command line laid over it.
-json initScenario(const InitOptions& o) {
-  json s = defaultScenario();
-  json& a = s["arrays"][0];
-  s["cci_version"] = o.cciVersion;
-  s["timings"] = {{"copy_ms", o.copyMs}, {"format_ms", o.formatMs}, {"sync_lag_ms", o.syncLagMs}};
-  a["serial"] = o.serial;
-  a["type"] = o.type;
-  a["microcode"] = o.microcode;
-  a["cache_mb"] = o.cacheMb;
-  a["max_ldev_id"] = o.maxLdev;
-  a["resource_groups"][0]["virtual_serial"] = o.serial;
-  a["resource_groups"][0]["virtual_type"] = o.type;
-  auto range = splitOn(o.ldevs, '-');
-  if (range.size() != 2) throw AdminError("--ldevs takes FIRST-LAST");
-  int first = toInt(range[0], "--ldevs");
-  int last = toInt(range[1], "--ldevs");
-  a["ldevs"][0]["id"] = first;
-  a["ldevs"][0]["count"] = last - first + 1;
-  a["ldevs"][0]["capacity"] = o.ldevCapacity;
-  if (!o.pools.empty()) {
-    a["pools"] = json::array();
-    for (const std::string& p : o.pools) {
-      auto f = splitOn(p, ':');
-      if (f.size() < 2) throw AdminError("--pool takes ID:NAME[:TYPE]");
-      a["pools"].push_back(
-          {{"id", toInt(f[0], "--pool")}, {"name", f[1]}, {"type", f.size() > 2 ? f[2] : "HDP"}});
-    }
-    a["ldevs"][0]["pool"] = a["pools"][0]["id"];
-  }
-  if (!o.ports.empty()) {
-    a["ports"] = json::array();
-    int n = 0;
-    for (const std::string& p : o.ports) {
-      auto f = splitOn(p, ':');
-      json port = {{"name", f[0]},
-                   {"wwn", strprintf("50060e8012abcd%02x", n++ * 16)},
-                   {"logins", json::array()},
-                   {"host_groups", {{{"gid", 0}, {"name", f[0].substr(2) + "-G00"}}}}};
-      if (f.size() > 1) {
-        for (const std::string& w : splitOn(f[1], ',')) port["logins"].push_back(w);
-      }
-      a["ports"].push_back(port);
-    }
-  }
-  if (!o.cmddevs.empty()) {
-    a["command_devices"] = json::array();
-    for (const std::string& c : o.cmddevs) {
-      auto f = splitOn(c, ':');
-      if (f.size() != 2) throw AdminError("--cmddev takes LDEV:DEVICE");
-      a["command_devices"].push_back({{"ldev", toInt(f[0], "--cmddev")}, {"device", f[1]}});
-    }
-  }
-  for (const std::string& r : o.rsgs) {
-    auto f = splitOn(r, ':');
-    if (f.size() != 2 && f.size() != 4) throw AdminError("--rsg takes NAME:ID[:VSERIAL:VTYPE]");
-    json g = {{"name", f[0]}, {"id", toInt(f[1], "--rsg")}};
-    if (f.size() == 4) {
-      g["virtual_serial"] = f[2];
-      g["virtual_type"] = f[3];
-    }
-    a["resource_groups"].push_back(g);
-  }
-  if (!o.users.empty()) {
-    a["users"] = json::array();
-    for (const std::string& u : o.users) {
-      size_t colon = u.find(':');
-      if (colon == std::string::npos) throw AdminError("--user takes NAME:PASSWORD");
-      a["users"].push_back({{"name", u.substr(0, colon)}, {"password", u.substr(colon + 1)}});
-    }
-  }
-  return s;
-}
-
-std::string quoteArg(const std::string& arg) {
-  if (!arg.empty() && arg.find_first_of(" \t\"'\\") == std::string::npos) return arg;
-  return jsonQuote(arg);
-}
-
-// Runs fn inside one transaction on the existing state.
-template <typename Fn>
-void withState(Fn fn) {
-  Store store(statePath(), Store::Mode::Existing);
-  store.begin();
-  try {
-    fn(store);
-    store.commit();
-  } catch (...) {
-    store.rollback();
-    throw;
-  }
-}
-
 const char* const kUsage =
     "usage: ccisim <command> (state in $CCISIM_STATE)\n"
     "  install DIR                      link the eleven CCI tool names in DIR to ccisim\n"
@@ -199,7 +45,8 @@ const char* const kUsage =
     "  session list | session expire [--instance N]\n"
     "  resource lock NAME --owner U --host H [--serial S] | resource unlock NAME [--serial S]\n"
     "  pair fail COPY_GROUP             suspend a copy group's pairs with an error\n"
-    "  timing [--copy-ms N] [--format-ms N] [--sync-lag-ms N]\n";
+    "  timing [--copy-ms N] [--format-ms N] [--sync-lag-ms N]\n"
+    "  finish                           complete every copy and format under way now\n";
 
 class UsageError : public std::runtime_error {
  public:
@@ -276,6 +123,166 @@ class AdminArgs {
   std::vector<std::string> m_oWords;
 };
 
+std::string statePath() {
+  const char* path = std::getenv("CCISIM_STATE");
+  if (!path || !*path) throw AdminError("CCISIM_STATE is not set; point it at the state file");
+  return path;
+}
+
+std::vector<std::string> splitOn(const std::string& text, char sep) {
+  std::vector<std::string> parts;
+  std::stringstream in(text);
+  std::string part;
+  while (std::getline(in, part, sep)) parts.push_back(part);
+  return parts;
+}
+
+int toInt(const std::string& text, const std::string& what) {
+  auto n = parseNumber(text);
+  if (!n || *n > INT_MAX) throw AdminError("'" + text + "' is not a number (" + what + ")");
+  return static_cast<int>(*n);
+}
+
+// init and load replace the state, or leave it as it was when the scenario does not load; a
+// file that is not a state at all is replaced whole.
+void replaceState(const json& scenario) {
+  std::string path = statePath();
+  try {
+    Store store(path, Store::Mode::Create);
+    loadScenario(store, scenario);
+  } catch (const StoreError& e) {
+    if (e.code() != SQLITE_NOTADB) throw;
+    for (const char* suffix : {"", "-wal", "-shm"}) ::unlink((path + suffix).c_str());
+    Store store(path, Store::Mode::Create);
+    loadScenario(store, scenario);
+  }
+  clearJournal(path);
+}
+
+void install(const std::string& dir) {
+  char self[PATH_MAX];
+  ssize_t n = ::readlink("/proc/self/exe", self, sizeof(self) - 1);
+  if (n <= 0) throw AdminError(std::string("cannot find the ccisim binary: ") + strerror(errno));
+  self[n] = '\0';
+  if (::mkdir(dir.c_str(), 0755) != 0 && errno != EEXIST) {
+    throw AdminError("cannot create " + dir + ": " + strerror(errno));
+  }
+  for (const ToolName& tool : toolNames()) {
+    std::string link = dir + "/" + tool.name;
+    ::unlink(link.c_str());
+    if (::symlink(self, link.c_str()) != 0) {
+      throw AdminError("cannot link " + link + ": " + strerror(errno));
+    }
+  }
+}
+
+// The default scenario with the options of `ccisim init` laid over it.
+json initScenario(AdminArgs& args) {
+  json s = defaultScenario();
+  json& a = s["arrays"][0];
+  auto text = [&](const char* option, json& target) {
+    if (auto v = args.take(option)) target = *v;
+  };
+  auto number = [&](const char* option, json& target) {
+    if (auto v = args.take(option)) target = toInt(*v, option);
+  };
+  text("--cci-version", s["cci_version"]);
+  number("--copy-ms", s["timings"]["copy_ms"]);
+  number("--format-ms", s["timings"]["format_ms"]);
+  number("--sync-lag-ms", s["timings"]["sync_lag_ms"]);
+  // meta_resource names the array itself as its virtual storage machine.
+  if (auto serial = args.take("--serial")) {
+    a["serial"] = *serial;
+    a["resource_groups"][0]["virtual_serial"] = *serial;
+  }
+  if (auto type = args.take("--type")) {
+    a["type"] = *type;
+    a["resource_groups"][0]["virtual_type"] = *type;
+  }
+  text("--microcode", a["microcode"]);
+  number("--cache-mb", a["cache_mb"]);
+  number("--max-ldev", a["max_ldev_id"]);
+  if (auto ldevs = args.take("--ldevs")) {
+    auto range = splitOn(*ldevs, '-');
+    if (range.size() != 2) throw UsageError("--ldevs takes FIRST-LAST");
+    int first = toInt(range[0], "--ldevs");
+    a["ldevs"][0]["id"] = first;
+    a["ldevs"][0]["count"] = toInt(range[1], "--ldevs") - first + 1;
+  }
+  number("--ldev-capacity", a["ldevs"][0]["capacity"]);
+  if (auto pools = args.takeAll("--pool"); !pools.empty()) {
+    a["pools"] = json::array();
+    for (const std::string& p : pools) {
+      auto f = splitOn(p, ':');
+      if (f.size() < 2) throw UsageError("--pool takes ID:NAME[:TYPE]");
+      a["pools"].push_back(
+          {{"id", toInt(f[0], "--pool")}, {"name", f[1]}, {"type", f.size() > 2 ? f[2] : "HDP"}});
+    }
+    a["ldevs"][0]["pool"] = a["pools"][0]["id"];
+  }
+  if (auto ports = args.takeAll("--port"); !ports.empty()) {
+    a["ports"] = json::array();
+    int n = 0;
+    for (const std::string& p : ports) {
+      auto f = splitOn(p, ':');
+      json port = {{"name", f[0]},
+                   {"wwn", strprintf("50060e8012abcd%02x", n++ * 16)},
+                   {"logins", json::array()},
+                   {"host_groups", {{{"gid", 0}, {"name", f[0].substr(2) + "-G00"}}}}};
+      if (f.size() > 1) {
+        for (const std::string& w : splitOn(f[1], ',')) port["logins"].push_back(w);
+      }
+      a["ports"].push_back(port);
+    }
+  }
+  if (auto cmddevs = args.takeAll("--cmddev"); !cmddevs.empty()) {
+    a["command_devices"] = json::array();
+    for (const std::string& c : cmddevs) {
+      auto f = splitOn(c, ':');
+      if (f.size() != 2) throw UsageError("--cmddev takes LDEV:DEVICE");
+      a["command_devices"].push_back({{"ldev", toInt(f[0], "--cmddev")}, {"device", f[1]}});
+    }
+  }
+  for (const std::string& r : args.takeAll("--rsg")) {
+    auto f = splitOn(r, ':');
+    if (f.size() != 2 && f.size() != 4) throw UsageError("--rsg takes NAME:ID[:VSERIAL:VTYPE]");
+    json g = {{"name", f[0]}, {"id", toInt(f[1], "--rsg")}};
+    if (f.size() == 4) {
+      g["virtual_serial"] = f[2];
+      g["virtual_type"] = f[3];
+    }
+    a["resource_groups"].push_back(g);
+  }
+  if (auto users = args.takeAll("--user"); !users.empty()) {
+    a["users"] = json::array();
+    for (const std::string& u : users) {
+      size_t colon = u.find(':');
+      if (colon == std::string::npos) throw UsageError("--user takes NAME:PASSWORD");
+      a["users"].push_back({{"name", u.substr(0, colon)}, {"password", u.substr(colon + 1)}});
+    }
+  }
+  return s;
+}
+
+std::string quoteArg(const std::string& arg) {
+  if (!arg.empty() && arg.find_first_of(" \t\"'\\") == std::string::npos) return arg;
+  return jsonQuote(arg);
+}
+
+// Runs fn inside one transaction on the existing state.
+template <typename Fn>
+void withState(Fn fn) {
+  Store store(statePath(), Store::Mode::Existing);
+  store.begin();
+  try {
+    fn(store);
+    store.commit();
+  } catch (...) {
+    store.rollback();
+    throw;
+  }
+}
+
 }  // namespace
 
 int runAdmin(const std::vector<std::string>& args) {
@@ -294,29 +301,13 @@ int runAdmin(const std::vector<std::string>& args) {
       a.done();
       install(dir);
     } else if (command == "init") {
-      InitOptions o;
-      a.take("--serial", o.serial);
-      a.take("--type", o.type);
-      a.take("--microcode", o.microcode);
-      a.take("--cci-version", o.cciVersion);
-      a.take("--cache-mb", o.cacheMb);
-      a.take("--max-ldev", o.maxLdev);
-      a.take("--ldevs", o.ldevs);
-      a.take("--ldev-capacity", o.ldevCapacity);
-      a.take("--copy-ms", o.copyMs);
-      a.take("--format-ms", o.formatMs);
-      a.take("--sync-lag-ms", o.syncLagMs);
-      o.pools = a.takeAll("--pool");
-      o.ports = a.takeAll("--port");
-      o.cmddevs = a.takeAll("--cmddev");
-      o.rsgs = a.takeAll("--rsg");
-      o.users = a.takeAll("--user");
       bool print = a.flag("--print");
+      json scenario = initScenario(a);
       a.done();
       if (print) {
-        std::printf("%s\n", initScenario(o).dump(2).c_str());
+        std::printf("%s\n", scenario.dump(2).c_str());
       } else {
-        replaceState(initScenario(o));
+        replaceState(scenario);
       }
     } else if (command == "load") {
       std::string file = a.word("SCENARIO");
@@ -464,6 +455,17 @@ int runAdmin(const std::vector<std::string>& args) {
       withState([&](Store& db) {
         db.run("UPDATE pairs SET status='PSUE', next=NULL, due=NULL WHERE cg=?", group);
         if (db.changes() == 0) throw AdminError("copy group " + group + " has no pairs");
+      });
+    } else if (command == "finish") {
+      a.done();
+      withState([&](Store& db) {
+        int64_t now = Invocation::nowMs();
+        db.run("UPDATE pairs SET due=? WHERE due IS NOT NULL", now);
+        db.run("UPDATE snapshots SET due=? WHERE due IS NOT NULL", now);
+        db.run("UPDATE ldevs SET ope_due=? WHERE ope_due IS NOT NULL", now);
+        db.run("UPDATE cmdstatus SET pending_until=? WHERE pending_until>?", now, now);
+        db.setMeta("next_due", std::to_string(now));
+        Invocation(db, "ccisim", {}).settle();
       });
     } else if (command == "timing") {
       std::optional<std::string> copy = a.take("--copy-ms"), format = a.take("--format-ms"),

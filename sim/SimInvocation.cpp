@@ -7,6 +7,7 @@
 #include <chrono>
 #include <cstdarg>
 #include <cstdlib>
+#include <limits>
 #include <thread>
 
 namespace ccisim {
@@ -41,13 +42,13 @@ std::string strprintf(const char* format, ...) {
 }
 
 std::optional<int64_t> parseNumber(const std::string& text) {
-  if (text.empty() || text.size() > 18) return std::nullopt;
   int base = 10;
   size_t start = 0;
   if (text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X')) {
     base = 16;
     start = 2;
   }
+  if (start >= text.size()) return std::nullopt;
   int64_t value = 0;
   for (size_t i = start; i < text.size(); ++i) {
     int digit;
@@ -59,6 +60,7 @@ std::optional<int64_t> parseNumber(const std::string& text) {
     } else {
       return std::nullopt;
     }
+    if (value > (std::numeric_limits<int64_t>::max() - digit) / base) return std::nullopt;
     value = value * base + digit;
   }
   return value;
@@ -167,6 +169,12 @@ void Invocation::asyncFail(const Ssb& sense, const std::string& description) {
 int64_t Invocation::nowMs() {
   using namespace std::chrono;
   return duration_cast<milliseconds>(system_clock::now().time_since_epoch()).count();
+}
+
+int64_t Invocation::deadlineAfter(int64_t units, int64_t unitMs) const {
+  constexpr double kLongestWaitMs = 24.0 * 3600 * 1000;
+  double ms = static_cast<double>(units) * static_cast<double>(unitMs) * m_dTimeScale;
+  return nowMs() + static_cast<int64_t>(std::max(0.0, std::min(ms, kLongestWaitMs)));
 }
 
 void Invocation::pause(int64_t ms) {
@@ -280,7 +288,7 @@ std::string Invocation::hostName() {
 }
 
 Options::Options(Invocation& inv, const std::vector<std::string>& words, size_t first,
-                 std::initializer_list<OptionSpec> specs)
+                 std::initializer_list<OptionSpec> optionSpecs)
     : m_rInv(inv) {
   const OptionSpec* current = nullptr;
   std::vector<std::string>* values = nullptr;
@@ -295,8 +303,8 @@ Options::Options(Invocation& inv, const std::vector<std::string>& words, size_t 
     if (isOption) {
       close();
       current = nullptr;
-      for (const OptionSpec& spec : specs) {
-        if (word == spec.name) current = &spec;
+      for (const OptionSpec& option : optionSpecs) {
+        if (word == option.name) current = &option;
       }
       if (!current) inv.unknownOption(word);
       values = &m_oValues[word];
@@ -343,6 +351,12 @@ int64_t Options::number(const std::string& name) const {
 std::optional<int64_t> Options::optNumber(const std::string& name) const {
   if (!has(name)) return std::nullopt;
   return number(name);
+}
+
+int64_t Options::count(const std::string& name, int64_t max) const {
+  int64_t n = optNumber(name).value_or(1);
+  if (n < 1 || n > max) m_rInv.invalidOption(name);
+  return n;
 }
 
 int Options::ldevId(const std::string& name, size_t index) const {

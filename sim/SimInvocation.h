@@ -147,8 +147,9 @@ class Invocation {
   // Waits inside a command without holding the state: commits, sleeps, starts a new
   // transaction. The command must not have changed anything yet.
   void pause(int64_t ms);
-  // Factor applied to every wait a tool is asked for (-t, -time); tests shrink it.
-  double timeScale() const { return m_dTimeScale; }
+  // The end of a wait a tool is asked for (-t, -time) in units of `unitMs`, scaled by
+  // $CCISIM_TIME_SCALE (tests shrink waits) and kept within a day.
+  int64_t deadlineAfter(int64_t units, int64_t unitMs) const;
   // Remembers that a timed transition falls due, so that later invocations settle it.
   void scheduleDue(int64_t dueMs);
   // Applies every timed transition that has fallen due (copy completion and the like), inside
@@ -198,7 +199,7 @@ class Options {
   // Parses words[first..]; an unknown option or a wrong number of values ends the command
   // with the tool's option error.
   Options(Invocation& inv, const std::vector<std::string>& words, size_t first,
-          std::initializer_list<OptionSpec> specs);
+          std::initializer_list<OptionSpec> optionSpecs);
 
   bool has(const std::string& name) const { return m_oValues.count(name) != 0; }
   const std::vector<std::string>& values(const std::string& name) const;
@@ -213,6 +214,8 @@ class Options {
   std::optional<int64_t> optNumber(const std::string& name) const;
   // LDEV numbers: decimal, 0x hexadecimal or CU:LDEV.
   int ldevId(const std::string& name, size_t index = 0) const;
+  // A -cnt style count: 1 when absent, else 1..max.
+  int64_t count(const std::string& name, int64_t max) const;
 
  private:
   Invocation& m_rInv;

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cstdlib>
+#include <limits>
 
 #include "sim/SimInvocation.h"
 
@@ -140,8 +142,20 @@ void splitPortGid(const std::string& word, std::string& port, std::optional<int>
     return;
   }
   if (word.find('-') == dash) return;  // "CL1-5" would be a port, not a port and a group
+  auto number = parseNumber(tail);
+  if (!number || *number > std::numeric_limits<int>::max()) return;
   port = word.substr(0, dash);
-  gid = std::atoi(tail.c_str());
+  gid = static_cast<int>(*number);
+}
+
+int64_t timingMs(Store& db, const char* key) {
+  return std::atoll(db.meta(key).value_or("0").c_str());
+}
+
+int copyPercent(int64_t since, std::optional<int64_t> due) {
+  if (!due || *due <= since) return 100;
+  int64_t pct = (Invocation::nowMs() - since) * 100 / (*due - since);
+  return static_cast<int>(std::max<int64_t>(0, std::min<int64_t>(99, pct)));
 }
 
 std::vector<int> parseHostModeOptions(const std::string& text) {

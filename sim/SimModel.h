@@ -67,4 +67,10 @@ bool portExists(Store& db, const std::string& serial, const std::string& port);
 // The attribute words of an LDEV as VOL_ATTR lists them, including those its pairs give it.
 std::vector<std::string> volumeAttributes(Store& db, const LdevRow& row);
 
+// How long the array's background work takes, in milliseconds: "copy_ms", "format_ms",
+// "sync_lag_ms".
+int64_t timingMs(Store& db, const char* key);
+// How far a copy that started at `since` and ends at `due` has got: 0..99, 100 once done.
+int copyPercent(int64_t since, std::optional<int64_t> due);
+
 }  // namespace ccisim

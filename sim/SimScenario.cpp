@@ -250,9 +250,10 @@ json defaultScenario() {
 
 void loadScenario(Store& db, const json& scenario) {
   if (!scenario.is_object()) throw ScenarioError("a scenario is a JSON object");
-  db.resetSchema();
+  db.useWriteAheadLog();
   db.begin();
   try {
+    db.resetSchema();
     db.setMeta("cci_version", get<std::string>(scenario, "cci_version", "01-74-03/00"));
     json timings = get<json>(scenario, "timings", json::object());
     for (const char* key : {"copy_ms", "format_ms", "sync_lag_ms"}) {

@@ -85,11 +85,13 @@ CREATE TABLE faults(id INTEGER PRIMARY KEY, tool TEXT NOT NULL, pattern TEXT NOT
 
 std::string describe(sqlite3* db) { return db ? sqlite3_errmsg(db) : "out of memory"; }
 
+int codeOf(sqlite3* db) { return db ? sqlite3_errcode(db) : SQLITE_NOMEM; }
+
 }  // namespace
 
 Stmt::Stmt(sqlite3* db, const char* sql) : m_pDb(db), m_pStmt(nullptr) {
   if (sqlite3_prepare_v2(db, sql, -1, &m_pStmt, nullptr) != SQLITE_OK) {
-    throw StoreError(describe(db));
+    throw StoreError(describe(db), codeOf(db));
   }
 }
 
@@ -111,7 +113,7 @@ bool Stmt::step() {
   int rc = sqlite3_step(m_pStmt);
   if (rc == SQLITE_ROW) return true;
   if (rc == SQLITE_DONE) return false;
-  throw StoreError(describe(m_pDb));
+  throw StoreError(describe(m_pDb), codeOf(m_pDb));
 }
 
 void Stmt::run() {
@@ -161,12 +163,14 @@ Store::Store(const std::string& path, Mode mode) : m_sPath(path) {
   int persist = 1;
   sqlite3_file_control(m_pDb, "main", SQLITE_FCNTL_PERSIST_WAL, &persist);
   char* err = nullptr;
-  if (sqlite3_exec(m_pDb, "PRAGMA synchronous=OFF; PRAGMA journal_size_limit=0", nullptr, nullptr,
-                   &err) != SQLITE_OK) {
+  int rc = sqlite3_exec(m_pDb, "PRAGMA synchronous=OFF; PRAGMA journal_size_limit=0", nullptr,
+                        nullptr, &err);
+  if (rc != SQLITE_OK) {
     std::string why = err ? err : "unknown error";
     sqlite3_free(err);
     throw StoreError("simulator state '" + path + "' is unreadable or corrupt (" + why +
-                     "); recreate it with 'ccisim init' or 'ccisim load'");
+                         "); recreate it with 'ccisim init' or 'ccisim load'",
+                     rc);
   }
   if (mode == Mode::Existing) checkSchema();
 }
@@ -183,7 +187,8 @@ void Store::checkSchema() {
     if (st.step()) version = st.i(0);
   } catch (const StoreError& e) {
     throw StoreError("simulator state '" + m_sPath + "' is unreadable or corrupt (" + e.what() +
-                     "); recreate it with 'ccisim init' or 'ccisim load'");
+                         "); recreate it with 'ccisim init' or 'ccisim load'",
+                     e.code());
   }
   if (version != kSchemaVersion) {
     throw StoreError("'" + m_sPath + "' is not a simulator state of this ccisim (layout " +
@@ -194,10 +199,11 @@ void Store::checkSchema() {
 
 void Store::exec(const char* sql) {
   char* err = nullptr;
-  if (sqlite3_exec(m_pDb, sql, nullptr, nullptr, &err) != SQLITE_OK) {
+  int rc = sqlite3_exec(m_pDb, sql, nullptr, nullptr, &err);
+  if (rc != SQLITE_OK) {
     std::string why = err ? err : describe(m_pDb);
     sqlite3_free(err);
-    throw StoreError(why);
+    throw StoreError(why, rc);
   }
 }
 
@@ -220,25 +226,18 @@ int64_t Store::changes() const { return sqlite3_changes64(m_pDb); }
 
 int64_t Store::lastInsertId() const { return sqlite3_last_insert_rowid(m_pDb); }
 
+void Store::useWriteAheadLog() { exec("PRAGMA journal_mode=WAL"); }
+
 void Store::resetSchema() {
-  exec("PRAGMA journal_mode=WAL");
-  begin();
-  try {
-    std::vector<std::string> objects;
-    {
-      Stmt st(m_pDb,
-              "SELECT type, name FROM sqlite_master WHERE type IN ('table') AND name NOT LIKE "
-              "'sqlite_%'");
-      while (st.step()) objects.push_back("DROP TABLE IF EXISTS \"" + st.s(1) + "\"");
-    }
-    for (const std::string& drop : objects) exec(drop.c_str());
-    exec(kSchema);
-    exec(("PRAGMA user_version=" + std::to_string(kSchemaVersion)).c_str());
-    commit();
-  } catch (...) {
-    rollback();
-    throw;
+  std::vector<std::string> drops;
+  {
+    Stmt st(m_pDb,
+            "SELECT name FROM sqlite_master WHERE type='table' AND name NOT LIKE 'sqlite_%'");
+    while (st.step()) drops.push_back("DROP TABLE IF EXISTS \"" + st.s(0) + "\"");
   }
+  for (const std::string& drop : drops) exec(drop.c_str());
+  exec(kSchema);
+  exec(("PRAGMA user_version=" + std::to_string(kSchemaVersion)).c_str());
 }
 
 std::optional<std::string> Store::meta(const std::string& key) {

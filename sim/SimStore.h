@@ -13,7 +13,13 @@ namespace ccisim {
 // Any failure of the state database. The invocation that meets one is rolled back whole.
 class StoreError : public std::runtime_error {
  public:
-  using std::runtime_error::runtime_error;
+  explicit StoreError(const std::string& what, int code = SQLITE_ERROR)
+      : std::runtime_error(what), m_iCode(code) {}
+  // The SQLite result code (SQLITE_NOTADB for a file that is not a database at all).
+  int code() const { return m_iCode; }
+
+ private:
+  int m_iCode;
 };
 
 // One prepared statement. Values are bound by position, starting at 1.
@@ -111,8 +117,11 @@ class Store {
   int64_t changes() const;
   int64_t lastInsertId() const;
 
-  // Drops whatever is there and lays down an empty schema of the current version.
+  // Drops whatever is there and lays down an empty schema of the current version, inside the
+  // caller's transaction.
   void resetSchema();
+  // Write-ahead logging is a property of the file, set once when it is created.
+  void useWriteAheadLog();
 
   std::optional<std::string> meta(const std::string& key);
   void setMeta(const std::string& key, const std::string& value);

@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <cctype>
+#include <climits>
 #include <cstdlib>
 #include <fstream>
 #include <set>
@@ -175,11 +176,10 @@ PairSide pairSide(Invocation& inv, const std::string& serial, int ldev, int mu) 
 
 // Prints one line per LU that the statement selects (port, gid, lun, ldev, command device).
 void printScanRows(Invocation& inv, const std::string& serial, Stmt& st, const std::string& mu,
-                   bool cli) {
+                   int muNumber, bool cli) {
   std::string text = cli ? formatRaidscanHeader()
                          : "PORT# /ALPA/C,TID#, LU#.Num(LDEV#....)...P/S, Status,Fence,LDEV#,"
                            "P-Seq#,P-LDEV#\n";
-  int muNumber = std::atoi(mu.c_str() + (mu[0] == 'h' ? 1 : 0));
   while (st.step()) {
     RaidscanView v;
     v.portGid = st.s(0) + "-" + std::to_string(st.i(1));
@@ -218,8 +218,8 @@ void findCommandDevices(Invocation& inv, const std::vector<std::string>& words) 
   auto a = parseNumber(words[0].substr(0, dash));
   auto b = dash == std::string::npos ? a : parseNumber(words[0].substr(dash + 1));
   if (!a || !b) inv.fail(EX_INVARG);
-  low = static_cast<int>(*a);
-  high = static_cast<int>(*b);
+  low = static_cast<int>(std::min<int64_t>(*a, INT_MAX));
+  high = static_cast<int>(std::min<int64_t>(*b, INT_MAX));
   Stmt st = inv.db().query("SELECT serial, device FROM cmddevs ORDER BY device");
   while (st.step()) {
     int index = deviceIndex(st.s(1));
@@ -332,9 +332,8 @@ int runRaidscan(Invocation& inv) {
   }
   bool cli = opts.has("-CLI");
   std::string mu = opts.value("-m", opts.value("-mu", "0"));
-  if (!std::isdigit(static_cast<unsigned char>(mu[0])) && !(mu[0] == 'h' && mu.size() > 1)) {
-    inv.invalidOption("-m");
-  }
+  auto muNumber = parseNumber(mu[0] == 'h' ? mu.substr(1) : mu);
+  if (!muNumber || *muNumber > 1023) inv.invalidOption("-m");
   if (opts.has("-p")) {
     inv.requireRunningInstance();
     std::string serial = scanSerial(inv, opts);
@@ -349,11 +348,11 @@ int runRaidscan(Invocation& inv) {
       if (!hg) inv.fail(EX_ENOOBJ);
       std::string sql = std::string(kScanSelect) + "l.port=? AND l.gid=? ORDER BY l.lun";
       Stmt st = inv.db().query(sql.c_str(), serial, hg->port, hg->gid);
-      printScanRows(inv, serial, st, mu, cli);
+      printScanRows(inv, serial, st, mu, static_cast<int>(*muNumber), cli);
     } else {
       std::string sql = std::string(kScanSelect) + "l.port=? ORDER BY l.gid, l.lun";
       Stmt st = inv.db().query(sql.c_str(), serial, port);
-      printScanRows(inv, serial, st, mu, cli);
+      printScanRows(inv, serial, st, mu, static_cast<int>(*muNumber), cli);
     }
     return 0;
   }
@@ -370,7 +369,7 @@ int runRaidscan(Invocation& inv) {
     std::string serial = dev.s(0);
     std::string sql = std::string(kScanSelect) + "l.ldev=? ORDER BY l.port, l.gid";
     Stmt st = inv.db().query(sql.c_str(), serial, dev.i(1));
-    printScanRows(inv, serial, st, mu, cli);
+    printScanRows(inv, serial, st, mu, static_cast<int>(*muNumber), cli);
     return 0;
   }
   inv.fail(EX_REQARG);

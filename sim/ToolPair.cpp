@@ -39,9 +39,9 @@ struct PairGroup {
 };
 
 // Parses the options of a pair command; -g names the group and is always required.
-Options pairOptions(Invocation& inv, std::initializer_list<OptionSpec> specs) {
+Options pairOptions(Invocation& inv, std::initializer_list<OptionSpec> optionSpecs) {
   inv.takeInstanceOption();
-  Options opts(inv, inv.args(), 0, specs);
+  Options opts(inv, inv.args(), 0, optionSpecs);
   if (!opts.positional().empty()) inv.fail(EX_INVARG);
   if (!opts.has("-g")) inv.fail(EX_REQARG);
   inv.requireRunningInstance();
@@ -107,14 +107,6 @@ void setPair(Invocation& inv, const PairGroup& g, const Member& m, const std::st
   if (due) inv.scheduleDue(*due);
 }
 
-int64_t copyMs(Store& db) { return std::atoll(db.meta("copy_ms").value_or("0").c_str()); }
-
-int percent(const Pair& p) {
-  if (!p.due || *p.due <= p.since) return 100;
-  int64_t pct = (Invocation::nowMs() - p.since) * 100 / (*p.due - p.since);
-  return static_cast<int>(std::max<int64_t>(0, std::min<int64_t>(99, pct)));
-}
-
 void bumpIncarnation(Invocation& inv, const PairGroup& g) {
   inv.db().run(
       "UPDATE copygrps SET incarnation=incarnation+1, q_seq=0, q_time=? WHERE serial=? AND name=?",
@@ -163,7 +155,7 @@ int runPairCreate(Invocation& inv) {
   std::string kind =
       inv.instanceMode() == InstanceMode::Horc ? (g.journal ? "UR" : "HORC") : "MRCF";
   std::string fence = toUpper(opts.value("-f", g.journal ? "async" : "never"));
-  int64_t copy = opts.has("-nocopy") ? 0 : copyMs(db);
+  int64_t copy = opts.has("-nocopy") ? 0 : timingMs(db, "copy_ms");
   std::string settled = opts.has("-split") ? "PSUS" : "PAIR";
   for (const Member& m : g.members) {
     if (!m.svol) inv.fail(EX_EVOLCE);
@@ -239,7 +231,7 @@ int runPairResync(Invocation& inv) {
                                    {"-swapp", 0, 0},
                                    {"-l", 0, 0}});
   PairGroup g = resolveGroup(inv, opts);
-  int64_t copy = copyMs(inv.db());
+  int64_t copy = timingMs(inv.db(), "copy_ms");
   std::string copying = opts.has("-restore") ? "RCPY" : "COPY";
   for (const Member& m : g.members) {
     auto pair = loadPair(inv.db(), g, m);
@@ -293,7 +285,7 @@ int runPairDisplay(Invocation& inv) {
       } else {
         v.role = side == 0 ? "P-VOL" : "S-VOL";
         v.status = side == 1 && pair->status == "PSUS" ? "SSUS" : pair->status;
-        v.percent = std::to_string(percent(*pair));
+        v.percent = std::to_string(copyPercent(pair->since, pair->due));
         v.partnerSerial = side == 0 ? pair->svolSerial : (pair->kind == "MRCF" ? "-" : g.serial);
         v.partnerLdev = std::to_string(side == 0 ? pair->svol : m.pvol);
         v.mark = side == 0 && pair->status == "PSUS" ? "W" : "-";
@@ -345,7 +337,7 @@ int runPairEvtWait(Invocation& inv) {
   std::string timeout = opts.required("-t");
   auto seconds = parseNumber(timeout.substr(0, timeout.find(',')));
   if (!seconds) inv.invalidOption("-t");
-  int64_t deadline = Invocation::nowMs() + static_cast<int64_t>(*seconds * 1000 * inv.timeScale());
+  int64_t deadline = inv.deadlineAfter(*seconds, 1000);
   for (;;) {
     bool done = true;
     bool suspended = false;
@@ -379,7 +371,7 @@ int runPairSyncWait(Invocation& inv) {
   Store& db = inv.db();
   auto unit =
       db.scalar("SELECT ord FROM inst_units WHERE num=? AND serial=?", inv.instance(), g.serial);
-  int64_t lagMs = std::atoll(db.meta("sync_lag_ms").value_or("0").c_str());
+  int64_t lagMs = timingMs(db, "sync_lag_ms");
   auto groupState = [&](std::string& worst) {
     worst = "PAIR";
     for (const Member& m : g.members) {
@@ -420,7 +412,7 @@ int runPairSyncWait(Invocation& inv) {
   auto wanted = parseNumber("0x" + wantedText);
   if (!wanted) inv.invalidOption(opts.has("-q") ? "-q" : "-m");
   auto tenths = opts.optNumber("-t").value_or(0);
-  int64_t deadline = Invocation::nowMs() + static_cast<int64_t>(tenths * 100 * inv.timeScale());
+  int64_t deadline = inv.deadlineAfter(tenths, 100);
   for (;;) {
     load(seq, time, incarnation);
     int64_t committed = (lagMs <= 0 || Invocation::nowMs() - time >= lagMs) ? seq : seq - 1;

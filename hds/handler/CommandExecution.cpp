@@ -174,8 +174,13 @@ int CommandHandler::executeScriptFile(const std::string& scriptContent, std::str
     m_sErrorString = kScriptFailedText;
     return 1;
   }
+  // raidcom reports on stderr, and the runner hands that text back only with a non-zero exit,
+  // which for a script is its last line's. A line that failed earlier in the script shows only
+  // on stderr, so it is judged here as the output would be, and kept in the output for callers.
   std::string errorPart;
-  if (didTheCommandFail(output, errorPart)) {
+  if (!didTheCommandFail(output, errorPart) && didTheCommandFail(runError, errorPart))
+    output += runError;
+  if (!errorPart.empty()) {
     m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Script [%s] output has error [%s]", path.c_str(),
                      output.c_str());
     m_iErrorCode = VT_HDS_ERROR_COMMAND_FAILED;

@@ -139,8 +139,7 @@ int RaidcomCommandHandler::getPortHostGroupList(std::string const& port,
   const std::string preSnap =
       m_bVSM ? std::string(VT_HDS_PRE_SNAP_HOSTGROUP_VSM) + m_sVirtualStorageSerial
              : std::string(VT_HDS_PRE_SNAP_HOSTGROUP);
-  // The pre-snap host group holds no host's WWNs; reading them would be a command per group for
-  // nothing.
+  // A lookup of the pre-snap host group only needs its number, so no WWNs are read for it.
   if (hostGroup != preSnap && withWWNs) {
     for (size_t i = firstNew; i < portRec.hostGroups.size(); ++i) {
       hdsHostGroup_t& entry = portRec.hostGroups[i];

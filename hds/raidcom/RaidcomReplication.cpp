@@ -101,8 +101,8 @@ unsigned int RaidcomCommandHandler::createSvol(std::map<std::string, hdsLdev_t> 
     created.push_back(CreatedLdev{id, false, false, ""});
     if (m_sResourceGroupName == VT_HDS_META_RESOURCE_NAME) continue;
 
-    // Each phase gets a few attempts: the array refuses resource moves for a while after the
-    // LDEV appears, and other hosts may be moving resources of the same group.
+    // The array refuses resource moves while other sessions move resources of the same group, so
+    // each phase is tried a few times before the LDEV counts as failed.
     auto phase = [&](const std::function<int()>& attempt, const char* logFormat,
                      std::string const& errorText) {
       for (int round = 1; round <= kVirtualizeAttempts; ++round) {

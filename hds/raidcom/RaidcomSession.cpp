@@ -14,6 +14,7 @@
 #include "hds/platform/CZoFile.h"
 #include "hds/platform/VTPlatformInfo.h"
 #include "hds/platform/ZoSleep.h"
+#include "hds/raidcom/RaidcomArgs.h"
 #include "hds/raidcom/RaidcomCommandHandler.h"
 #include "hds/raidcom/RaidcomParsers.h"
 
@@ -55,8 +56,6 @@ std::string loginCountKey(const std::string& serialNumber) {
 bool readLocalInt(const char* key, int& value) {
   return VTPlatformInfo::getRegInt(VT_HDS_REG_SECTION_LOCAL, key, &value);
 }
-
-bool containsBlank(const std::string& text) { return text.find(' ') != std::string::npos; }
 
 }  // namespace
 
@@ -429,8 +428,7 @@ int RaidcomCommandHandler::lockUnlockResourceGroup(bool unlock) {
   if (m_bResourceGroupLocked && !unlock) return 0;
 
   const std::string action = unlock ? "unlock" : "lock";
-  const std::string name = containsBlank(m_sResourceGroupName) ? "\"" + m_sResourceGroupName + "\""
-                                                               : m_sResourceGroupName;
+  const std::string name = hds::raidcom::quoteArgument(m_sResourceGroupName);
   const std::string command = std::string(VT_HDS_RAIDCOM_CMD_NAME) + action + " resource ";
   const std::string arguments = "-resource_name " + name + " -time " +
                                 std::to_string(m_iCmdRetryWait.load()) + m_sInstanceArgs;

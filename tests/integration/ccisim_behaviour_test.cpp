@@ -99,8 +99,12 @@ TEST_F(CcisimBehaviourTest, LdevsAndLuPathsExistOrNot) {
   EXPECT_EQ(m_oSim.raidcom("get ldev -ldev_list mapped -resource 5").exitCode, 246);
 }
 
+// Background work is given minutes here, so that its in-between states are seen however slowly
+// the tools start; the test then finishes it at once.
+constexpr int kLongMs = 600000;
+
 TEST_F(CcisimBehaviourTest, FormattingRunsInTheBackgroundUntilCommandStatusSeesItDone) {
-  m_oSim.setTimings(0, 300);
+  m_oSim.setTimings(0, kLongMs);
   ok("initialize ldev -operation fmt -ldev_id 101");  // not blocked
   EXPECT_EQ(commandStatus()[2], "9710");
   ok("reset command_status");
@@ -108,6 +112,8 @@ TEST_F(CcisimBehaviourTest, FormattingRunsInTheBackgroundUntilCommandStatusSeesI
   ok("initialize ldev -operation qfmt -ldev_id 101");
   EXPECT_NE(ok("get ldev -ldev_id 101").out.find("OPE_TYPE : QFMT"), std::string::npos);
   EXPECT_EQ(m_oSim.raidcom("get ldev -ldev_id 101 -check_status NML").exitCode, 1);
+  EXPECT_EQ(m_oSim.raidcom("get command_status -time 1").exitCode, 233);
+  m_oSim.finishBackgroundWork();
   EXPECT_EQ(ok("get command_status -time 30").exitCode, 0);
   EXPECT_NE(ok("get ldev -ldev_id 101").out.find("STS : NML"), std::string::npos);
 }
@@ -154,7 +160,7 @@ TEST_F(CcisimBehaviourTest, LdevMovesIntoAVirtualStorageMachineAndBack) {
 }
 
 TEST_F(CcisimBehaviourTest, SnapshotPairsMoveThroughTheirStates) {
-  m_oSim.setTimings(200);
+  m_oSim.setTimings(kLongMs);
   ok("add ldev -pool 0 -ldev_id 200 -capacity 2097152");
   ok("add ldev -pool 0 -ldev_id 201 -capacity 2097152");
   ToolResult noPool = m_oSim.raidcom("add snapshot -ldev_id 100 200 -snapshotgroup SG1");
@@ -176,6 +182,7 @@ TEST_F(CcisimBehaviourTest, SnapshotPairsMoveThroughTheirStates) {
             233);  // SG1's other pair stays split
   ok("modify snapshot -ldev_id 201 -snapshot_data clone");
   EXPECT_EQ(column("get snapshot -ldev_id 101", 1, 2), "COPY");
+  m_oSim.finishBackgroundWork();
   ok("get snapshot -snapshotgroup SG1 -check_status PAIR -time 30");
   EXPECT_EQ(ok("get snapshot -ldev_id 101").out, "");  // the clone finished and dissolved
 
@@ -186,7 +193,7 @@ TEST_F(CcisimBehaviourTest, SnapshotPairsMoveThroughTheirStates) {
 
 TEST_F(CcisimBehaviourTest, CopyGroupPairsMoveThroughTheirStates) {
   makeCopyGroup();
-  m_oSim.setTimings(300);
+  m_oSim.setTimings(kLongMs);
   EXPECT_EQ(m_oSim.run("pairdisplay", {"-g", "CG9", "-fc", "-CLI", "-IM3300"}).exitCode, 239);
   EXPECT_EQ(pair("pairevtwait", {"-nowait"}).exitCode, 1);  // SMPL
   ASSERT_EQ(pair("paircreate", {"-vl"}).exitCode, 0);
@@ -198,6 +205,10 @@ TEST_F(CcisimBehaviourTest, CopyGroupPairsMoveThroughTheirStates) {
   EXPECT_EQ(m_oSim.raidcom("delete ldev -ldev_id 200").exitCode, 221);  // a pair volume
   EXPECT_EQ(m_oSim.raidcom("delete copy_grp -copy_grp_name CG1").exitCode, 221);
 
+  m_oSim.setTimings(200);  // copies that finish while pairevtwait waits
+  m_oSim.finishBackgroundWork();
+  ASSERT_EQ(pair("pairsplit", {}).exitCode, 0);
+  ASSERT_EQ(pair("pairresync", {}).exitCode, 0);
   ToolResult waited = pair("pairevtwait", {"-ss", "pair", "-t", "3000"});
   EXPECT_EQ(waited.exitCode, 0);
   EXPECT_EQ(waited.out, "pairevtwait : Wait status done.\n");
@@ -211,6 +222,7 @@ TEST_F(CcisimBehaviourTest, CopyGroupPairsMoveThroughTheirStates) {
 
   m_oSim.admin({"pair", "fail", "CG1"});
   EXPECT_EQ(pair("pairevtwait", {"-s", "pair", "-t", "30"}).exitCode, 234);
+  m_oSim.setTimings(kLongMs);
   EXPECT_EQ(pair("pairresync", {"-restore"}).exitCode, 0);
   EXPECT_EQ(lineWords(outputLines(pair("pairdisplay", {"-fc", "-CLI"}).out).at(1))[10], "RCPY");
   EXPECT_EQ(pair("pairsplit", {"-S"}).exitCode, 0);

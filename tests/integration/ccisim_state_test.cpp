@@ -101,6 +101,10 @@ TEST_F(CcisimStateTest, DumpLoadsBackToTheSameState) {
   std::string json = m_oSim.dumpJson();
   m_oSim.load(json);
   EXPECT_EQ(m_oSim.dumpJson(), json);
+  // A scenario that does not load leaves the state alone.
+  EXPECT_THROW(m_oSim.load(R"({"arrays":[{"serial":"1","ldevs":[{"id":1},{"id":1}]}]})"),
+               std::runtime_error);
+  EXPECT_EQ(m_oSim.dumpJson(), json);
 }
 
 TEST_F(CcisimStateTest, FaultsFailMatchingCallsTheGivenNumberOfTimes) {
@@ -138,7 +142,7 @@ TEST_F(CcisimStateTest, DelayFaultHangsPastATimeOutOnce) {
   std::string error;
   int code = 0;
   ASSERT_TRUE(process.StartProcess(argv, &error, 0));
-  EXPECT_FALSE(process.WaitForProcessToEndMs(&code, &error, 300));
+  EXPECT_FALSE(process.WaitForProcessToEndMs(&code, &error, 1000));
   EXPECT_EQ(error, "timedout");
 
   ToolResult again = m_oSim.raidcom("get port");

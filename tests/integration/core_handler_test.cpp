@@ -179,6 +179,14 @@ TEST_F(Handler, ScriptsAndTheirFiles) {
     EXPECT_EQ(hdstest::readFile(h.tempFiles("_script")[0]), failing);
     EXPECT_EQ(handler->executeScriptFile("#!/bin/sh\nexit 9\n", output, exitCode), 1);
     EXPECT_EQ(h.tempFiles("_script").size(), 2u);
+    // A failed line before a good last line still fails the script: raidcom writes to stderr.
+    const std::string middle =
+        "#!/bin/sh\necho 'raidcom: [EX_CMDRJE] An order to the control/command device was "
+        "rejected' >&2\necho done\n";
+    EXPECT_EQ(handler->executeScriptFile(middle, output, exitCode), 1);
+    EXPECT_EQ(exitCode, 0);
+    EXPECT_NE(output.find("raidcom: [EX_CMDRJE]"), std::string::npos);
+    EXPECT_EQ(h.tempFiles("_script").size(), 3u);
 
     handler->setErrorCodeAndString(7, "before");
     EXPECT_EQ(handler->executeScriptFile("", output, exitCode), 1);

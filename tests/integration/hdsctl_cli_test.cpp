@@ -13,11 +13,13 @@
 
 namespace {
 
+using hdstest::arrayState;
 using hdstest::hdsctlPath;
 using hdstest::runTool;
-using hdstest::SimHost;
+using hdstest::SimArray;
 using hdstest::TestEnv;
 using hdstest::ToolResult;
+using hdstest::useSimArray;
 using nlohmann::json;
 
 ToolResult hdsctl(std::vector<std::string> args) {
@@ -153,7 +155,7 @@ TEST(HdsctlCli, CheckNamesWhatIsMissing) {
 
   // A directory with raidqry alone: every other tool is named, raidqry is not.
   env.writeSettings("[iHarbor]\nsVTHDSHorcmDirectory = " + env.cciDir() + "\n");
-  ASSERT_EQ(symlink(hdstest::ccisimPath().c_str(), (env.cciDir() + "raidqry").c_str()), 0);
+  ASSERT_EQ(symlink(SimArray::ccisimPath().c_str(), (env.cciDir() + "raidqry").c_str()), 0);
   r = hdsctl({"check", "--json"});
   EXPECT_EQ(r.exitCode, 1);
   json report = json::parse(r.out);
@@ -174,7 +176,8 @@ TEST(HdsctlCli, CheckNamesWhatIsMissing) {
 
 TEST(HdsctlCli, CheckPassesOnAReadyHostAndDistrustsANegativeLoginCount) {
   TestEnv env;
-  SimHost host(env);
+  SimArray sim(env);
+  useSimArray(env, sim);
   ToolResult r = hdsctl({"check"});
   EXPECT_EQ(r.exitCode, 0) << r.out << r.err;
   EXPECT_NE(r.out.find("01-74-03/00"), std::string::npos) << r.out;
@@ -192,7 +195,8 @@ TEST(HdsctlCli, CheckPassesOnAReadyHostAndDistrustsANegativeLoginCount) {
 
 TEST(HdsctlCli, LogGoesToTheFileAndWithVerboseToStderrButNeverThePassword) {
   TestEnv env;
-  SimHost host(env);
+  SimArray sim(env);
+  useSimArray(env, sim);
   std::string logFile = env.root() + "/hdsctl.log";
   ToolResult r = hdsctl({"--log", logFile, "pools", "-v"});
   ASSERT_EQ(r.exitCode, 0) << r.err;
@@ -224,8 +228,9 @@ std::set<std::string> values(const json& list, const char* key) {
 
 TEST(HdsctlCli, ListingsAndSingleOperationsOnTheSimulatedArray) {
   TestEnv env;
-  SimHost host(env);
-  std::string before = host.arrays();
+  SimArray sim(env);
+  useSimArray(env, sim);
+  std::string before = arrayState(sim);
 
   json ldevs = listing({"ldevs"});
   ASSERT_EQ(ldevs.size(), 17u);
@@ -266,7 +271,7 @@ TEST(HdsctlCli, ListingsAndSingleOperationsOnTheSimulatedArray) {
   run({"unmap", "--port", "CL1-A", "--host-group", "0", "--ldev", "300"});
   run({"snapshot", "delete", "300", "301"});
   run({"svol", "delete", "300", "301"});
-  EXPECT_EQ(host.arrays(), before);
+  EXPECT_EQ(arrayState(sim), before);
 }
 
 }  // namespace

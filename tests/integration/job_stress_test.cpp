@@ -27,9 +27,14 @@ constexpr int kJobs = 32;
 class JobStress : public ::testing::Test {
  protected:
   hdstest::TestEnv env;
-  hdstest::SimHost host{env};
+  hdstest::SimArray sim{env};
 
-  void SetUp() override { host.ccisim({"init", "--ldevs", "100-" + std::to_string(99 + kJobs)}); }
+  void SetUp() override {
+    sim.admin({"init", "--ldevs", "100-" + std::to_string(99 + kJobs)});
+    hdstest::useSimArray(env, sim);
+  }
+  std::string arrays() const { return hdstest::arrayState(sim); }
+  bool sessionOpen() const { return sim.dump().find("\nsession ") != std::string::npos; }
 
   std::string jobFile(const std::string& name, const json& job) {
     const std::string file = env.root() + "/" + name + ".json";
@@ -72,7 +77,7 @@ class JobStress : public ::testing::Test {
 
   // Apart from the array, which each test compares in its own way.
   void expectNothingLeftOnTheHost() {
-    EXPECT_EQ(host.ccisim({"dump"}).find("\nsession "), std::string::npos) << "a session is open";
+    EXPECT_FALSE(sessionOpen()) << "a session is open";
     EXPECT_EQ(loginCount(), 0);
     EXPECT_EQ(hdstest::processesWithEnvironment("CCISIM_STATE=" + env.simState()),
               std::vector<std::string>{});
@@ -82,7 +87,7 @@ class JobStress : public ::testing::Test {
 
 // Jobs on objects of their own: every one of them must get through.
 TEST_F(JobStress, ThirtyTwoJobsOfTheirOwnAllSucceed) {
-  const std::string before = host.arrays();
+  const std::string before = arrays();
   std::vector<std::string> files;
   for (int i = 0; i < kJobs; ++i) {
     const std::string name = "s" + std::to_string(i);
@@ -97,14 +102,14 @@ TEST_F(JobStress, ThirtyTwoJobsOfTheirOwnAllSucceed) {
   int succeeded = runAtOnce(files);
   printf("%d of %d jobs of their own at once succeeded\n", succeeded, kJobs);
   EXPECT_EQ(succeeded, kJobs);
-  EXPECT_EQ(host.arrays(), before);
+  EXPECT_EQ(arrays(), before);
   expectNothingLeftOnTheHost();
 }
 
 // Jobs that pick their S-VOL numbers from the same free range and present on the same host
 // group get in each other's way; those that lose must say so and give back what they made.
 TEST_F(JobStress, ThirtyTwoCompetingJobsSucceedOrFailCleanly) {
-  const std::string before = host.arrays();
+  const std::string before = arrays();
   std::vector<std::string> files;
   for (int i = 0; i < kJobs; ++i) {
     const std::string name = "s" + std::to_string(i);
@@ -121,8 +126,8 @@ TEST_F(JobStress, ThirtyTwoCompetingJobsSucceedOrFailCleanly) {
   if (kept) {
     // The job that made the host group found LUNs of others in it when it was done, and left it
     // (as it said); it is all that may stay, and empty.
-    json arrays = json::parse(host.arrays());
-    for (json& port : arrays[0]["ports"]) {
+    json state = json::parse(arrays());
+    for (json& port : state[0]["ports"]) {
       json& groups = port["host_groups"];
       for (auto g = groups.begin(); g != groups.end(); ++g) {
         if ((*g)["name"] == "KS_PRE_SNAP_HOST_GROUP" && (*g)["luns"].empty()) {
@@ -131,9 +136,9 @@ TEST_F(JobStress, ThirtyTwoCompetingJobsSucceedOrFailCleanly) {
         }
       }
     }
-    EXPECT_EQ(arrays.dump(1), before);
+    EXPECT_EQ(state.dump(1), before);
   } else {
-    EXPECT_EQ(host.arrays(), before);
+    EXPECT_EQ(arrays(), before);
   }
   expectNothingLeftOnTheHost();
 }
@@ -141,13 +146,20 @@ TEST_F(JobStress, ThirtyTwoCompetingJobsSucceedOrFailCleanly) {
 // A job killed inside an asynchronous command, with the host's locks and the array's resource
 // group lock held: the next job must neither wait for those locks nor fail on them.
 TEST_F(JobStress, KilledJobHoldsUpNoJobAfterIt) {
-  host.ccisim({"fault", "add", "--tool", "raidcom", "--match", "add ldev", "--delay-ms", "3000",
-               "--times", "1"});
+  hdstest::SimFault slow;
+  slow.match = "add ldev";
+  slow.delayMs = 3000;
+  sim.addFault(slow);
   ToolRun killed({hdstest::hdsctlPath(), "job",
                   jobFile("k", {{"name", "k"}, {"pool", 0}, {"pvols", {100}}, {"svols", {2000}}})});
   const Clock::time_point deadline = Clock::now() + std::chrono::seconds(60);
-  while (host.ccisim({"journal", "--tool", "raidcom"}).find("add ldev") == std::string::npos &&
-         Clock::now() < deadline) {
+  auto inAddLdev = [this] {
+    for (const hdstest::SimJournalEntry& e : sim.journal()) {
+      if (e.args.size() > 1 && e.args[0] == "add" && e.args[1] == "ldev") return true;
+    }
+    return false;
+  };
+  while (!inAddLdev() && Clock::now() < deadline) {
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
   }
   kill(killed.pid(), SIGKILL);
@@ -165,13 +177,13 @@ TEST_F(JobStress, KilledJobHoldsUpNoJobAfterIt) {
   // ends that session, the next job's first command meets the expired session, logs in anew and
   // counts only its own session, so the count is right again after it.
   EXPECT_EQ(loginCount(), 1);
-  host.ccisim({"session", "expire"});
+  sim.expireSessions();
   ToolResult after = hdstest::runTool(
       {hdstest::hdsctlPath(), "job",
        jobFile("a", {{"name", "a"}, {"pool", 0}, {"pvols", {102}}, {"svols", {2002}}})});
   EXPECT_EQ(after.exitCode, 0) << after.out << after.err;
   EXPECT_EQ(loginCount(), 0);
-  EXPECT_EQ(host.ccisim({"dump"}).find("\nsession "), std::string::npos) << "a session is open";
+  EXPECT_FALSE(sessionOpen()) << "a session is open";
 
   // The command the killed job had started runs to its end on its own.
   const std::string state = "CCISIM_STATE=" + env.simState();

@@ -75,6 +75,18 @@ std::string arrayState(const SimArray& sim) {
   return state;
 }
 
+// A raidcom call matching `match` that fails with exitCode and err, or, without an exit code, runs
+// after delayMs.
+SimFault raidcomFault(const std::string& match, std::optional<int> exitCode,
+                      const std::string& err = "", int delayMs = 0) {
+  SimFault f;
+  f.match = match;
+  f.exitCode = exitCode;
+  f.err = err;
+  f.delayMs = delayMs;
+  return f;
+}
+
 class RaidcomPresentation : public ::testing::Test {
  protected:
   RaidcomPresentation() : sim(env, scenario()) {
@@ -205,7 +217,7 @@ TEST_F(RaidcomPresentation, NamesWithBlanksSurviveCommandsAndListings) {
 }
 
 TEST_F(RaidcomPresentation, HostGroupThatCannotJoinTheResourceGroupIsDeletedAgain) {
-  sim.addFault({"raidcom", "add resource", 221, "", "raidcom: [EX_CMDRJE] rejected\n"});
+  sim.addFault(raidcomFault("add resource", 221, "raidcom: [EX_CMDRJE] rejected\n"));
   expectInChild([&] {
     auto h = handler("backup rsg");
     EXPECT_EQ(h->createHostGroup("CL2-A", "KS_X"), 1);
@@ -224,8 +236,8 @@ TEST_F(RaidcomPresentation, HostGroupThatCannotJoinTheResourceGroupIsDeletedAgai
 
 TEST_F(RaidcomPresentation, MappingAndUnmappingOutcomes) {
   auto failDelete = [&](const std::string& text) {
-    sim.addFault({"raidcom", "delete lun", 221, "",
-                  "raidcom: [EX_CMDRJE] rejected\nCAUSE : " + text + ".\n"});
+    sim.addFault(
+        raidcomFault("delete lun", 221, "raidcom: [EX_CMDRJE] rejected\nCAUSE : " + text + ".\n"));
   };
   expectInChild([&] {
     auto h = handler();
@@ -263,7 +275,7 @@ TEST_F(RaidcomPresentation, LdevLeavesTheVirtualStorageMachineInOrderUnderItsLoc
                 "Failed to acquire mutex-[VT_HDS_VSM_OP_LOCK_412345] to un-reserve [120] from VSM");
     }
     // While the first command runs, nobody else gets the lock.
-    sim.addFault({"raidcom", "unmap resource", std::nullopt, "", "", 1, 1500});
+    sim.addFault(raidcomFault("unmap resource", std::nullopt, "", 1500));
     bool heldMeanwhile = false;
     std::thread probe([&] {
       std::this_thread::sleep_for(std::chrono::milliseconds(500));

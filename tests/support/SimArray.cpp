@@ -142,6 +142,8 @@ void SimArray::setTimings(int copyMs, int formatMs, int syncLagMs) const {
          "--sync-lag-ms", std::to_string(syncLagMs)});
 }
 
+void SimArray::finishBackgroundWork() const { admin({"finish"}); }
+
 void SimArray::expireSessions() const { admin({"session", "expire"}); }
 
 void SimArray::lockResourceGroup(const std::string& name, const std::string& owner,

@@ -79,6 +79,8 @@ class SimArray {
   void clearFaults() const;
   std::vector<SimJournalEntry> journal() const;
   void setTimings(int copyMs, int formatMs = 0, int syncLagMs = 0) const;
+  // Completes every copy and format under way, so a test sees the end state without waiting.
+  void finishBackgroundWork() const;
   void expireSessions() const;
   void lockResourceGroup(const std::string& name, const std::string& owner,
                          const std::string& host) const;

@@ -40,29 +40,17 @@ ToolResult runTool(const std::vector<std::string>& argv, int timeoutSec) {
 }
 
 std::string hdsctlPath() { return HDS_TEST_BINARY_DIR "/tools/hdsctl/hdsctl"; }
-std::string ccisimPath() { return HDS_TEST_BINARY_DIR "/sim/ccisim"; }
 
-SimHost::SimHost(TestEnv& env, bool create) : m_oEnv(env) {
-  if (!create) return;
-  ccisim({"install", env.cciDir()});
-  ccisim({"init"});
-  env.writeSettings("[iHarbor]\nsVTHDSHorcmDirectory = " + env.cciDir() + "\n");
-  env.setEnv("HDSCTL_SERIAL", "412345");
-  env.setEnv("HDSCTL_USER", "admin");
-  env.setEnv("HDSCTL_PASSWORD", "admin123");
+void useSimArray(TestEnv& env, const SimArray& sim) {
+  env.writeSettings("[iHarbor]\nsVTHDSHorcmDirectory = " + sim.cciDir() + "\n");
+  env.setEnv("HDSCTL_SERIAL", SimArray::kSerial);
+  env.setEnv("HDSCTL_USER", SimArray::kUser);
+  env.setEnv("HDSCTL_PASSWORD", SimArray::kPassword);
   env.setEnv("HDSCTL_CMDDEV", "/dev/sdc");
 }
 
-std::string SimHost::ccisim(const std::vector<std::string>& args) const {
-  std::vector<std::string> argv = {ccisimPath()};
-  argv.insert(argv.end(), args.begin(), args.end());
-  ToolResult r = runTool(argv);
-  EXPECT_EQ(r.exitCode, 0) << "ccisim failed: " << r.err;
-  return r.out;
-}
-
-std::string SimHost::arrays() const {
-  return nlohmann::json::parse(ccisim({"dump", "--json"}))["arrays"].dump(1);
+std::string arrayState(const SimArray& sim) {
+  return nlohmann::json::parse(sim.dumpJson())["arrays"].dump(1);
 }
 
 }  // namespace hdstest

@@ -6,20 +6,15 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/SimArray.h"
 #include "tests/support/TestEnv.h"
 
 class VtProcess;
 
 namespace hdstest {
 
-// What a program printed and how it ended.
-struct ToolResult {
-  int exitCode = -1;
-  std::string out;
-  std::string err;
-};
-
-// One run of a built program with the test's environment; the deadline only catches a hang.
+// One run of a built program (hdsctl) with the test's environment; the deadline only catches a
+// hang. The pid lets a test signal it while it runs.
 class ToolRun {
  public:
   explicit ToolRun(const std::vector<std::string>& argv);
@@ -33,24 +28,12 @@ class ToolRun {
 
 ToolResult runTool(const std::vector<std::string>& argv, int timeoutSec = 300);
 
-// The built hdsctl and ccisim.
 std::string hdsctlPath();
-std::string ccisimPath();
 
-// A host with a simulated array, as an operator would set one up: the CCI tools of ccisim in
-// env.cciDir(), a fresh default array in $CCISIM_STATE, the CCI directory in the settings file
-// and the array options in HDSCTL_*.
-class SimHost {
- public:
-  // create false: use the state $CCISIM_STATE already holds.
-  explicit SimHost(TestEnv& env, bool create = true);
-  // Runs ccisim with these arguments and expects success; its output.
-  std::string ccisim(const std::vector<std::string>& args) const;
-  // The arrays of `ccisim dump --json` (the whole array state, without host-side instances).
-  std::string arrays() const;
-
- private:
-  TestEnv& m_oEnv;
-};
+// Sets a host up for hdsctl on the simulated array as an operator would: the CCI directory in
+// the settings file, the array options in HDSCTL_*.
+void useSimArray(TestEnv& env, const SimArray& sim);
+// The arrays of `ccisim dump --json`: everything the array holds, without the host's instances.
+std::string arrayState(const SimArray& sim);
 
 }  // namespace hdstest

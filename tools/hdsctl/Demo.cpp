@@ -163,22 +163,22 @@ int runDemo(Context& ctx, const DemoOptions& o) {
   writeFileText(dir + "/etc/settings.conf", "[iHarbor]\nsVTHDSHorcmDirectory = " + dir + "/cci/\n");
   if (!ctx.log.hasFile()) ctx.log.openFile(dir + "/hdsctl.log");
 
-  JobSpec spec;
-  spec.name = "demo";
-  spec.array.serial = kSerial;
-  spec.array.user = kUser;
-  spec.array.password = kPassword;
-  spec.array.commandDevices = {kCommandDevice};
-  for (int id = kFirstPvol; id <= lastPvol; ++id) spec.pvols.push_back(std::to_string(id));
-  spec.pool = kPool;
-  spec.port = kPort;
-  spec.hostGroup = VT_HDS_PRE_SNAP_HOSTGROUP;
-  spec.waitSeconds = 60;
+  JobSpec jobSpec;
+  jobSpec.name = "demo";
+  jobSpec.array.serial = kSerial;
+  jobSpec.array.user = kUser;
+  jobSpec.array.password = kPassword;
+  jobSpec.array.commandDevices = {kCommandDevice};
+  for (int id = kFirstPvol; id <= lastPvol; ++id) jobSpec.pvols.push_back(std::to_string(id));
+  jobSpec.pool = kPool;
+  jobSpec.port = kPort;
+  jobSpec.hostGroup = VT_HDS_PRE_SNAP_HOSTGROUP;
+  jobSpec.waitSeconds = 60;
 
   std::ostream& note = ctx.json ? std::cerr : std::cout;
   note << "demo: simulated array " << kSerial << " with " << o.pvols << " P-VOLs in " << dir
        << "\n";
-  int rc = runJob(ctx, spec, {{"directory", dir}, {"log", ctx.log.filePath()}});
+  int rc = runJob(ctx, jobSpec, {{"directory", dir}, {"log", ctx.log.filePath()}});
   stopHorcmInstances(ctx, dir + "/horcm/");
   note << "demo: the library's log is " << ctx.log.filePath() << "\n";
   note << "demo: look at the array with CCISIM_STATE=" << dir << "/ccisim.db " << ccisim

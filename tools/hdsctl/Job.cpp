@@ -141,9 +141,9 @@ struct StepRecord {
 
 class JobRun {
  public:
-  JobRun(Context& ctx, JobSpec spec)
+  JobRun(Context& ctx, JobSpec jobSpec)
       : m_oCtx(ctx),
-        m_oSpec(std::move(spec)),
+        m_oSpec(std::move(jobSpec)),
         m_oProgress(ctx.json ? std::cerr : std::cout),
         m_sSvolGroup(VT_HDS_SVOL_DEVICE_GRP_PREFIX + m_oSpec.name),
         m_sPvolGroup(VT_HDS_PVOL_DEVICE_GRP_PREFIX + m_oSpec.name),
@@ -376,9 +376,10 @@ std::string JobRun::createSvols() {
 }
 
 // Labels and device group members are set, and device groups deleted, by scripts of the
-// library. A script is judged by its exit status and its standard output, so a line that fails
-// before the last one goes unseen; these steps check what they did.
-constexpr const char* kUnseen = " (a failed line of the library's script went unseen)";
+// library, one raidcom call per line. The library fails a script on an error reported by any
+// line, but the job reads the outcome back before it says the step is done: a step the job
+// reports as done must be done on the array, whatever a script printed.
+constexpr const char* kUnconfirmed = " (the step's script ended without an error)";
 
 void JobRun::checkLabels() {
   std::vector<std::string> ids;
@@ -387,7 +388,7 @@ void JobRun::checkLabels() {
   readLdevs(svols, "the S-VOLs");
   for (size_t i = 0; i < svols.size(); ++i) {
     if (svols[i].label != m_oPairs[i].label) {
-      throw Failure("S-VOL " + ids[i] + " is not labelled " + m_oPairs[i].label + kUnseen);
+      throw Failure("S-VOL " + ids[i] + " is not labelled " + m_oPairs[i].label + kUnconfirmed);
     }
   }
 }
@@ -399,7 +400,7 @@ void JobRun::checkDeviceGroup(const std::string& group, bool pvolSide) {
   for (const hdsLdev_t& m : members) in.insert(m.ldevId);
   for (const Pair& p : m_oPairs) {
     const std::string& id = pvolSide ? p.pvol : p.svol;
-    if (!in.count(id)) throw Failure("LDEV " + id + " is missing from " + group + kUnseen);
+    if (!in.count(id)) throw Failure("LDEV " + id + " is missing from " + group + kUnconfirmed);
   }
 }
 
@@ -408,7 +409,7 @@ void JobRun::checkDeviceGroupsGone() {
   require(h().getDeviceGroupList(groups), "cannot list the device groups");
   for (const std::string& g : groups) {
     if (g == m_sSvolGroup || g == m_sPvolGroup) {
-      throw Failure("device group " + g + " is still there" + kUnseen);
+      throw Failure("device group " + g + " is still there" + kUnconfirmed);
     }
   }
 }
@@ -821,12 +822,12 @@ JobSpec parseJobFile(const std::string& text) {
            {"name", "array", "pool", "pvols", "svols", "svol_first", "present", "consistency_group",
             "wait_seconds"},
            "the job");
-  JobSpec spec;
+  JobSpec jobSpec;
   try {
-    spec.name = j.contains("name") ? textOf(j, "name", "") : defaultJobName();
-    if (spec.name.empty() || spec.name.size() > kMaxJobName ||
-        spec.name.find_first_not_of("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz"
-                                    "0123456789_-") != std::string::npos) {
+    jobSpec.name = j.contains("name") ? textOf(j, "name", "") : defaultJobName();
+    if (jobSpec.name.empty() || jobSpec.name.size() > kMaxJobName ||
+        jobSpec.name.find_first_not_of("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz"
+                                       "0123456789_-") != std::string::npos) {
       throw UsageError("job file: name must be 1 to " + std::to_string(kMaxJobName) +
                        " of A-Z a-z 0-9 _ -");
     }
@@ -836,68 +837,68 @@ JobSpec parseJobFile(const std::string& text) {
                {"serial", "user", "password", "command_devices", "horcm_instance", "resource_group",
                 "cci_dir"},
                "array");
-      spec.array.serial = textOf(a, "serial", "array.");
-      spec.array.user = textOf(a, "user", "array.");
-      spec.array.password = textOf(a, "password", "array.");
-      spec.array.horcmInstance = textOf(a, "horcm_instance", "array.");
-      spec.array.resourceGroup = textOf(a, "resource_group", "array.");
-      spec.array.cciDir = textOf(a, "cci_dir", "array.");
+      jobSpec.array.serial = textOf(a, "serial", "array.");
+      jobSpec.array.user = textOf(a, "user", "array.");
+      jobSpec.array.password = textOf(a, "password", "array.");
+      jobSpec.array.horcmInstance = textOf(a, "horcm_instance", "array.");
+      jobSpec.array.resourceGroup = textOf(a, "resource_group", "array.");
+      jobSpec.array.cciDir = textOf(a, "cci_dir", "array.");
       if (a.contains("command_devices")) {
-        spec.array.commandDevices = a["command_devices"].get<std::vector<std::string>>();
+        jobSpec.array.commandDevices = a["command_devices"].get<std::vector<std::string>>();
       }
     }
     if (!j.contains("pool")) throw UsageError("job file: \"pool\" is required");
-    spec.pool = ldevText(j["pool"], "pool");
+    jobSpec.pool = ldevText(j["pool"], "pool");
     if (!j.contains("pvols") || !j["pvols"].is_array() || j["pvols"].empty()) {
       throw UsageError("job file: \"pvols\" must list at least one P-VOL");
     }
     std::set<std::string> seen;
     for (const json& v : j["pvols"]) {
-      spec.pvols.push_back(ldevText(v, "every P-VOL"));
-      if (!seen.insert(spec.pvols.back()).second) {
-        throw UsageError("job file: P-VOL " + spec.pvols.back() + " is listed twice");
+      jobSpec.pvols.push_back(ldevText(v, "every P-VOL"));
+      if (!seen.insert(jobSpec.pvols.back()).second) {
+        throw UsageError("job file: P-VOL " + jobSpec.pvols.back() + " is listed twice");
       }
     }
     if (j.contains("svols")) {
       if (j.contains("svol_first")) throw UsageError("job file: give svols or svol_first");
       if (!j["svols"].is_array()) throw UsageError("job file: svols must be a list");
       for (const json& v : j["svols"]) {
-        spec.svols.push_back(ldevText(v, "every S-VOL"));
-        if (!seen.insert(spec.svols.back()).second) {
-          throw UsageError("job file: LDEV " + spec.svols.back() + " is listed twice");
+        jobSpec.svols.push_back(ldevText(v, "every S-VOL"));
+        if (!seen.insert(jobSpec.svols.back()).second) {
+          throw UsageError("job file: LDEV " + jobSpec.svols.back() + " is listed twice");
         }
       }
-      if (spec.svols.size() != spec.pvols.size()) {
+      if (jobSpec.svols.size() != jobSpec.pvols.size()) {
         throw UsageError("job file: svols must list one S-VOL per P-VOL");
       }
     }
     if (j.contains("svol_first"))
-      spec.svolFirst = std::stol(ldevText(j["svol_first"], "svol_first"));
+      jobSpec.svolFirst = std::stol(ldevText(j["svol_first"], "svol_first"));
     if (j.contains("present")) {
       const json& p = j["present"];
       onlyKeys(p, {"port", "host_group", "wwns"}, "present");
-      spec.port = textOf(p, "port", "present.");
-      spec.hostGroup = textOf(p, "host_group", "present.");
-      if (spec.port.empty()) throw UsageError("job file: present.port is required");
-      if (spec.hostGroup.empty()) spec.hostGroup = VT_HDS_PRE_SNAP_HOSTGROUP;
-      if (p.contains("wwns")) spec.wwns = p["wwns"].get<std::vector<std::string>>();
+      jobSpec.port = textOf(p, "port", "present.");
+      jobSpec.hostGroup = textOf(p, "host_group", "present.");
+      if (jobSpec.port.empty()) throw UsageError("job file: present.port is required");
+      if (jobSpec.hostGroup.empty()) jobSpec.hostGroup = VT_HDS_PRE_SNAP_HOSTGROUP;
+      if (p.contains("wwns")) jobSpec.wwns = p["wwns"].get<std::vector<std::string>>();
     }
     if (j.contains("consistency_group")) {
-      spec.consistencyGroup = j["consistency_group"].get<bool>();
+      jobSpec.consistencyGroup = j["consistency_group"].get<bool>();
     }
     if (j.contains("wait_seconds")) {
-      spec.waitSeconds = j["wait_seconds"].get<int>();
-      if (spec.waitSeconds < 0) throw UsageError("job file: wait_seconds must not be negative");
+      jobSpec.waitSeconds = j["wait_seconds"].get<int>();
+      if (jobSpec.waitSeconds < 0) throw UsageError("job file: wait_seconds must not be negative");
     }
   } catch (const json::exception& e) {
     throw UsageError(std::string("job file: ") + e.what());
   }
-  return spec;
+  return jobSpec;
 }
 
-int runJob(Context& ctx, JobSpec spec, const json& extra) {
-  mergeArrayOptions(spec.array, ctx.array);
-  return JobRun(ctx, std::move(spec)).run(extra);
+int runJob(Context& ctx, JobSpec jobSpec, const json& extra) {
+  mergeArrayOptions(jobSpec.array, ctx.array);
+  return JobRun(ctx, std::move(jobSpec)).run(extra);
 }
 
 void addJobCommands(CLI::App& app, Context& ctx) {

@@ -30,6 +30,6 @@ JobSpec parseJobFile(const std::string& text);
 // Runs the job: a progress line per step, then a summary. On a failure the job gives back what
 // it made on the array and returns kExitFailed. With --json the progress goes to stderr and the
 // summary, with the fields of extra added, to stdout.
-int runJob(Context& ctx, JobSpec spec, const nlohmann::json& extra = nlohmann::json::object());
+int runJob(Context& ctx, JobSpec jobSpec, const nlohmann::json& extra = nlohmann::json::object());
 
 }  // namespace hdsctl
