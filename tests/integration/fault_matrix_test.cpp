@@ -214,7 +214,9 @@ std::string assignSteps(std::vector<Call>& calls, const std::string& err,
     const bool login = wanted.size() >= 6 && wanted.compare(wanted.size() - 6, 6, "-login") == 0;
     const std::string have = next < calls.size() ? collapse(calls[next].text()) : "";
     if (have != wanted && !(login && have.compare(0, wanted.size(), wanted) == 0)) {
-      return "the logged command " + command + " is not the journal's next call " + have;
+      std::string mismatch = "the logged command " + command;
+      mismatch += " is not the journal's next call ";
+      return mismatch += have;
     }
     ++next;
   }
@@ -322,7 +324,7 @@ class FaultMatrix : public ::testing::Test {
                               std::chrono::system_clock::now().time_since_epoch())
                               .count();
     char timing[64];
-    snprintf(timing, sizeof(timing), "exit %d in %.1f s", r.exitCode, seconds);
+    (void)snprintf(timing, sizeof(timing), "exit %d in %.1f s", r.exitCode, seconds);
     outcome = timing;
 
     std::vector<std::string> problems;
@@ -432,7 +434,7 @@ class FaultMatrix : public ::testing::Test {
         printf("%s %3zu/%zu %-s [%s] %s: %s\n", hang ? "hang" : "fail", i + 1, ref.calls.size(),
                c.text().c_str(), c.step.c_str(), outcome.c_str(),
                problems.empty() ? "ok" : ("WRONG: " + problems).c_str());
-        fflush(stdout);
+        (void)fflush(stdout);
         recovered += outcome.find("recovered") != std::string::npos;
         absorbed += outcome.find("absorbed") != std::string::npos;
         if (!problems.empty()) {
@@ -442,6 +444,7 @@ class FaultMatrix : public ::testing::Test {
       }
     };
     std::vector<std::thread> threads;
+    threads.reserve(workers);
     for (int w = 0; w < workers; ++w) threads.emplace_back(worker);
     for (std::thread& t : threads) t.join();
     printf(

@@ -37,7 +37,7 @@ class JobStress : public ::testing::Test {
   bool sessionOpen() const { return sim.dump().find("\nsession ") != std::string::npos; }
 
   std::string jobFile(const std::string& name, const json& job) {
-    const std::string file = env.root() + "/" + name + ".json";
+    std::string file = env.root() + "/" + name + ".json";
     hdstest::writeFile(file, job.dump());
     return file;
   }
@@ -46,6 +46,7 @@ class JobStress : public ::testing::Test {
   // library's error, with nothing that its clean-up could not give back.
   int runAtOnce(const std::vector<std::string>& files, bool* keptHostGroup = nullptr) {
     std::vector<std::unique_ptr<ToolRun>> runs;
+    runs.reserve(files.size());
     for (const std::string& f : files)
       runs.emplace_back(new ToolRun({hdstest::hdsctlPath(), "job", f}));
     int succeeded = 0;

@@ -116,13 +116,13 @@ double secondsSince(Clock::time_point start) {
 
 std::string fixed2(double value) {
   char buf[32];
-  snprintf(buf, sizeof(buf), "%.2f", value);
+  (void)snprintf(buf, sizeof(buf), "%.2f", value);
   return buf;
 }
 
 std::string gibibytes(uint64_t blocks) {
   char buf[32];
-  snprintf(buf, sizeof(buf), "%.1f GiB", static_cast<double>(blocks) * 512.0 / (1 << 30));
+  (void)snprintf(buf, sizeof(buf), "%.1f GiB", static_cast<double>(blocks) * 512.0 / (1 << 30));
   return buf;
 }
 
@@ -400,7 +400,11 @@ void JobRun::checkDeviceGroup(const std::string& group, bool pvolSide) {
   for (const hdsLdev_t& m : members) in.insert(m.ldevId);
   for (const Pair& p : m_oPairs) {
     const std::string& id = pvolSide ? p.pvol : p.svol;
-    if (!in.count(id)) throw Failure("LDEV " + id + " is missing from " + group + kUnconfirmed);
+    if (in.count(id) == 0) {
+      std::string what = "LDEV " + id;
+      what.append(" is missing from ").append(group).append(kUnconfirmed);
+      throw Failure(what);
+    }
   }
 }
 
@@ -771,7 +775,7 @@ int JobRun::run(const json& extra) {
     double seconds = secondsSince(stepStart);
     m_oSteps.push_back({steps[i].name, detail, seconds, ok});
     char index[32];
-    snprintf(index, sizeof(index), "[%*zu/%zu]", width, i + 1, steps.size());
+    (void)snprintf(index, sizeof(index), "[%*zu/%zu]", width, i + 1, steps.size());
     m_oProgress << index << " " << steps[i].name << ": " << detail << " (" << fixed2(seconds)
                 << " s, elapsed " << fixed2(secondsSince(start)) << " s)" << std::endl;
     if (!ok) break;
