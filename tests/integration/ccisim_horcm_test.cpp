@@ -1,6 +1,5 @@
-// HORCM instances, sessions and the tools that need no array objects: instance start and stop
-// from horcm<N>.conf files, login, raidqry, command device discovery, and the error shapes of
-// malformed command lines.
+// The tools that need no array objects: which horcm<N>.conf files start an instance, raidqry, and
+// the error shapes of malformed command lines.
 #include <gtest/gtest.h>
 
 #include "tests/support/SimArray.h"
@@ -15,44 +14,6 @@ class CcisimHorcmTest : public ::testing::Test {
   hdstest::TestEnv m_oEnv;
   SimArray m_oSim{m_oEnv};
 };
-
-TEST_F(CcisimHorcmTest, InstanceAndSessionGateEveryRaidcomCommand) {
-  EXPECT_EQ(m_oSim.raidcom("get port").exitCode, 251);
-  ToolResult noFile = m_oSim.run("horcmstart.sh", {"3532"});
-  EXPECT_EQ(noFile.exitCode, 3);
-  EXPECT_NE(noFile.out.find("HORCM inst 3532 has failed to start."), std::string::npos);
-
-  m_oSim.writeRaidcomHorcmConf(3532);
-  ToolResult start = m_oSim.run("horcmstart.sh", {"3532"});
-  EXPECT_EQ(start.exitCode, 0);
-  EXPECT_EQ(start.out, "starting HORCM inst 3532\nHORCM inst 3532 starts successfully.\n");
-  ToolResult again = m_oSim.run("horcmstart.sh", {"3532"});
-  EXPECT_EQ(again.exitCode, 1);
-  EXPECT_EQ(again.out, "HORCM inst 3532 has already been running.\n");
-
-  ToolResult notLoggedIn = m_oSim.raidcom("get port");
-  EXPECT_EQ(notLoggedIn.exitCode, 202);
-  EXPECT_EQ(notLoggedIn.err, "raidcom: [EX_ENAUTH] Authentication failed with User\n");
-  EXPECT_EQ(m_oSim.run("raidcom", {"-login", "admin", "wrong", "-IM3532"}).exitCode, 202);
-  EXPECT_EQ(m_oSim.run("raidcom", {"-login", "admin", "admin123", "-IM3532"}).exitCode, 0);
-  EXPECT_EQ(m_oSim.raidcom("get port").exitCode, 0);
-  EXPECT_EQ(m_oSim.raidcom("get port", 3533).exitCode, 251);
-
-  m_oSim.expireSessions();
-  EXPECT_EQ(m_oSim.raidcom("get port").exitCode, 202);
-  EXPECT_EQ(m_oSim.shell(m_oSim.toolPath("raidcom") + " -login admin admin123 -IM3532 -s 412345")
-                .exitCode,
-            0);
-  EXPECT_EQ(m_oSim.shell(m_oSim.toolPath("raidcom") + "  -logout -IM3532").exitCode, 0);
-  EXPECT_EQ(m_oSim.raidcom("get port").exitCode, 202);
-
-  ToolResult stop = m_oSim.run("horcmshutdown.sh", {"3532"});
-  EXPECT_EQ(stop.exitCode, 0);
-  EXPECT_EQ(stop.out, "inst 3532:\nhorcmshutdown inst 3532 !!!\n");
-  ToolResult stopped = m_oSim.run("horcmshutdown.sh", {"3532"});
-  EXPECT_EQ(stopped.exitCode, 251);
-  EXPECT_NE(stopped.err.find("[EX_ATTHOR] Can't be attached to HORC manager"), std::string::npos);
-}
 
 TEST_F(CcisimHorcmTest, InstanceStartsOnlyWithACommandDeviceOfAKnownArray) {
   m_oSim.writeRaidcomHorcmConf(3530, {"/dev/sdc"});
@@ -88,15 +49,6 @@ TEST_F(CcisimHorcmTest, RaidqryReportsVersionAndArrays) {
   EXPECT_EQ(hdstest::lineWords(lines[1]),
             (std::vector<std::string>{"1", "---", "mediahost01", "01-74-03/00", "0", "412345",
                                       "93-07-22/00", "524288"}));
-}
-
-TEST_F(CcisimHorcmTest, FindCommandDevicesScansTheGivenRange) {
-  ToolResult all = m_oSim.shell(m_oSim.toolPath("raidscan") + "  -x findcmddev 0-255");
-  EXPECT_EQ(all.exitCode, 0);
-  EXPECT_EQ(all.out, "cmddev of Ser# 412345 = \\\\.\\CMD-412345:/dev/sdc\n");
-  ToolResult none = m_oSim.run("raidscan", {"-x", "findcmddev", "0-1"});
-  EXPECT_EQ(none.exitCode, 0);
-  EXPECT_EQ(none.out, "");
 }
 
 // Whatever a caller gets wrong, the tools answer with their own error shape and a failing exit

@@ -1,5 +1,5 @@
 // The simulator's state as a shared, crash-safe store: concurrent writers, a killed invocation,
-// missing or corrupt state files, dump and load, faults and the journal.
+// missing or corrupt state files, dump and load.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -9,7 +9,6 @@
 
 #include <nlohmann/json.hpp>
 
-#include "hds/platform/VtProcess.h"
 #include "tests/support/ProcessHelpers.h"
 #include "tests/support/SimArray.h"
 
@@ -105,82 +104,6 @@ TEST_F(CcisimStateTest, DumpLoadsBackToTheSameState) {
   EXPECT_THROW(m_oSim.load(R"({"arrays":[{"serial":"1","ldevs":[{"id":1},{"id":1}]}]})"),
                std::runtime_error);
   EXPECT_EQ(m_oSim.dumpJson(), json);
-}
-
-TEST_F(CcisimStateTest, FaultsFailMatchingCallsTheGivenNumberOfTimes) {
-  hdstest::SimFault expired;
-  expired.match = "^get port";
-  expired.exitCode = 202;
-  expired.err = "raidcom: [EX_ENAUTH] Authentication failed with User";
-  m_oSim.addFault(expired);
-
-  EXPECT_EQ(m_oSim.raidcom("get pool -key opt").exitCode, 0);  // does not match
-  ToolResult first = m_oSim.raidcom("get port");
-  EXPECT_EQ(first.exitCode, 202);
-  EXPECT_EQ(first.err, "raidcom: [EX_ENAUTH] Authentication failed with User\n");
-  EXPECT_EQ(m_oSim.raidcom("get port").exitCode, 0);
-
-  hdstest::SimFault every;
-  every.tool = "*";
-  every.match = "-g CG9";
-  every.exitCode = 239;
-  every.times = -1;
-  m_oSim.addFault(every);
-  for (int i = 0; i < 3; ++i) EXPECT_EQ(m_oSim.run("pairdisplay", {"-g", "CG9"}).exitCode, 239);
-}
-
-TEST_F(CcisimStateTest, DelayFaultHangsPastATimeOutOnce) {
-  hdstest::SimFault hang;
-  hang.match = "get port";
-  hang.delayMs = 20000;
-  m_oSim.addFault(hang);
-  std::string line = m_oSim.toolPath("raidcom") + " get port" + SimArray::instanceArgs();
-  std::string sh = "/bin/sh", c = "-c";
-  char* argv[] = {&sh[0], &c[0], &line[0], nullptr};
-  VtProcess process;
-  process.TrapIO(true, true);
-  std::string error;
-  int code = 0;
-  ASSERT_TRUE(process.StartProcess(argv, &error, 0));
-  EXPECT_FALSE(process.WaitForProcessToEndMs(&code, &error, 1000));
-  EXPECT_EQ(error, "timedout");
-
-  ToolResult again = m_oSim.raidcom("get port");
-  EXPECT_EQ(again.exitCode, 0);
-  auto journal = m_oSim.journal();
-  ASSERT_GE(journal.size(), 2u);
-  EXPECT_FALSE(journal[journal.size() - 2].exitCode.has_value());  // the killed call
-}
-
-TEST_F(CcisimStateTest, StatusFaultFailsAnAsynchronousCommandInTheBackground) {
-  hdstest::SimFault full;
-  full.match = "add ldev";
-  full.statusSsb = "2E31,4016";
-  full.statusText = "Pool is full";
-  m_oSim.addFault(full);
-  EXPECT_EQ(m_oSim.raidcom("reset command_status").exitCode, 0);
-  EXPECT_EQ(m_oSim.raidcom("add ldev -pool 0 -ldev_id 400 -capacity 1G").exitCode, 0);
-  std::vector<std::string> status =
-      hdstest::lineWords(hdstest::outputLines(m_oSim.raidcom("get command_status").out).at(1));
-  ASSERT_GE(status.size(), 6u);
-  EXPECT_EQ(status[1], "2e31");
-  EXPECT_EQ(status[2], "4016");
-  EXPECT_EQ(status[3], "1");
-  EXPECT_EQ(countLdevsFrom(m_oSim, 400) - countLdevsFrom(m_oSim, 401), 0);
-}
-
-TEST_F(CcisimStateTest, JournalKeepsEveryArgumentVectorAndExitCode) {
-  m_oSim.run("raidcom", withInstance({"modify", "ldev", "-ldev_id", "100", "-ldev_name", "a b"}));
-  m_oSim.run("raidcom", withInstance({"delete", "ldev", "-ldev_id", "999"}));
-  auto journal = m_oSim.journal();
-  ASSERT_EQ(journal.size(), 4u);
-  EXPECT_EQ(journal[0].tool, "horcmstart.sh");
-  EXPECT_EQ(journal[1].args,
-            (std::vector<std::string>{"-login", SimArray::kUser, SimArray::kPassword, "-IM3532"}));
-  EXPECT_EQ(journal[2].tool, "raidcom");
-  EXPECT_EQ(journal[2].args[5], "a b");
-  EXPECT_EQ(journal[2].exitCode, 0);
-  EXPECT_EQ(journal[3].exitCode, 221);
 }
 
 TEST(CcisimStateFile, MissingOrCorruptStateGivesAClearMessage) {
