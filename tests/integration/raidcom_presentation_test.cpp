@@ -14,10 +14,13 @@
 #include "tests/support/RecordingSnapInfo.h"
 #include "tests/support/SimArray.h"
 #include "tests/support/TestEnv.h"
+#include "tests/support/ToolRun.h"
 
 namespace {
 
+using hdstest::arrayState;
 using hdstest::expectInChild;
+using hdstest::failing;
 using hdstest::SimArray;
 using hdstest::SimFault;
 using nlohmann::json;
@@ -64,27 +67,6 @@ std::string scenario() {
                         {"status", "PAIR"},
                         {"svol_serial", "412345"}});
   return s.dump();
-}
-
-// The array's objects: the dump without the HORCM instances, which outlive handlers by design.
-std::string arrayState(const SimArray& sim) {
-  std::string state;
-  for (const std::string& line : hdstest::outputLines(sim.dump())) {
-    if (line.rfind("instance ", 0) != 0) state += line + "\n";
-  }
-  return state;
-}
-
-// A raidcom call matching `match` that fails with exitCode and err, or, without an exit code, runs
-// after delayMs.
-SimFault raidcomFault(const std::string& match, std::optional<int> exitCode,
-                      const std::string& err = "", int delayMs = 0) {
-  SimFault f;
-  f.match = match;
-  f.exitCode = exitCode;
-  f.err = err;
-  f.delayMs = delayMs;
-  return f;
 }
 
 class RaidcomPresentation : public ::testing::Test {
@@ -217,7 +199,7 @@ TEST_F(RaidcomPresentation, NamesWithBlanksSurviveCommandsAndListings) {
 }
 
 TEST_F(RaidcomPresentation, HostGroupThatCannotJoinTheResourceGroupIsDeletedAgain) {
-  sim.addFault(raidcomFault("add resource", 221, "raidcom: [EX_CMDRJE] rejected\n"));
+  sim.addFault(failing("add resource", 221, "raidcom: [EX_CMDRJE] rejected\n"));
   expectInChild([&] {
     auto h = handler("backup rsg");
     EXPECT_EQ(h->createHostGroup("CL2-A", "KS_X"), 1);
@@ -237,7 +219,7 @@ TEST_F(RaidcomPresentation, HostGroupThatCannotJoinTheResourceGroupIsDeletedAgai
 TEST_F(RaidcomPresentation, MappingAndUnmappingOutcomes) {
   auto failDelete = [&](const std::string& text) {
     sim.addFault(
-        raidcomFault("delete lun", 221, "raidcom: [EX_CMDRJE] rejected\nCAUSE : " + text + ".\n"));
+        failing("delete lun", 221, "raidcom: [EX_CMDRJE] rejected\nCAUSE : " + text + ".\n"));
   };
   expectInChild([&] {
     auto h = handler();
@@ -275,7 +257,10 @@ TEST_F(RaidcomPresentation, LdevLeavesTheVirtualStorageMachineInOrderUnderItsLoc
                 "Failed to acquire mutex-[VT_HDS_VSM_OP_LOCK_412345] to un-reserve [120] from VSM");
     }
     // While the first command runs, nobody else gets the lock.
-    sim.addFault(raidcomFault("unmap resource", std::nullopt, "", 1500));
+    SimFault hang;
+    hang.match = "unmap resource";
+    hang.delayMs = 1500;
+    sim.addFault(hang);
     bool heldMeanwhile = false;
     std::thread probe([&] {
       std::this_thread::sleep_for(std::chrono::milliseconds(500));

@@ -18,6 +18,7 @@
 namespace {
 
 using hdstest::expectInChild;
+using hdstest::failing;
 using hdstest::RaidcomProbe;
 using hdstest::readFile;
 using hdstest::SimArray;
@@ -39,14 +40,6 @@ void forEachFile(const std::string& dir, const std::function<void(const std::str
     if (S_ISREG(st.st_mode)) fn(path);
   }
   closedir(d);
-}
-
-SimFault exitFault(const std::string& match, int exitCode, int times) {
-  SimFault fault;
-  fault.match = match;
-  fault.exitCode = exitCode;
-  fault.times = times;
-  return fault;
 }
 
 bool isRaidcom(const SimJournalEntry& e, const std::string& first, const std::string& second = "") {
@@ -229,7 +222,7 @@ TEST_F(RaidcomSession, ExpiredLoginCostsExactlyOneRelogin) {
     // A forced login counts only its own session.
     EXPECT_EQ(storedLoginCount(SimArray::kSerial), 1);
 
-    sim.addFault(exitFault("get resource", 202, 2));
+    sim.addFault(failing("get resource", 202, "", 2));
     EXPECT_EQ(handler.getResourceGroup(groups, false), 1);
     EXPECT_EQ(handler.errorCode(), 62601);
     EXPECT_EQ(handler.errorText(), "Command '" + env.cciDir() +
@@ -279,11 +272,11 @@ TEST_F(RaidcomSession, AsynchronousCommandStatus) {
     EXPECT_EQ(rename(), 1);
     EXPECT_EQ(handler.errorText(), "Command status has error.");
 
-    sim.addFault(exitFault("get command_status", 233, 2));
+    sim.addFault(failing("get command_status", 233, "", 2));
     EXPECT_EQ(rename(), 0) << handler.errorText();
     EXPECT_TRUE(log.contains("Failed to get command status. Command timeout. RetryCnt [1]", 1));
 
-    sim.addFault(exitFault("get command_status", 233, 3));
+    sim.addFault(failing("get command_status", 233, "", 3));
     EXPECT_EQ(rename(), 1);
     EXPECT_TRUE(log.contains("Failed to get command status after [3] retry.", 1));
     EXPECT_EQ(handler.errorText(), "Command status has error.");
@@ -299,7 +292,7 @@ TEST_F(RaidcomSession, DestructorReleasesLockAndSessionAfterAFailureAndLeaksNoPa
       RaidcomProbe handler(log, param());
       ASSERT_EQ(handler.lockResource(), 0) << handler.errorText();
       sim.expireSessions();
-      sim.addFault(exitFault("delete ldev", 221, 1));
+      sim.addFault(failing("delete ldev", 221));
       std::string output;
       int exitCode = 0;
       EXPECT_EQ(

@@ -20,8 +20,8 @@
 namespace {
 
 using hdstest::expectInChild;
+using hdstest::failing;
 using hdstest::SimArray;
-using hdstest::SimFault;
 
 const int kPairs = 64;
 const char kSvolGroup[] = "KS_DEV_S_job1";
@@ -31,16 +31,6 @@ const char kRejected[] =
     "raidcom: [EX_CMDRJE] An order to the control/command device was rejected\n";
 
 using Calls = std::vector<std::string>;
-
-// Raidcom calls whose joined arguments match the expression fail with this exit code and text.
-SimFault fault(const std::string& match, int exitCode, const std::string& err, int times = 1) {
-  SimFault f;
-  f.match = match;
-  f.exitCode = exitCode;
-  f.err = err;
-  f.times = times;
-  return f;
-}
 
 // The array's objects, without the instance, session and status rows a handler's session adds.
 std::set<std::string> objects(const SimArray& sim) {
@@ -185,7 +175,7 @@ TEST_F(ReplicationOnSim, SnapshotJobOf64PairsLeavesNothingBehind) {
 }
 
 TEST_F(ReplicationOnSim, FailedCreationLeavesNoLdev) {
-  sim.addFault(fault("add ldev .*-ldev_id 2002", 221, kRejected));
+  sim.addFault(failing("add ldev .*-ldev_id 2002", 221, kRejected));
   expectInChild([&] {
     auto h = handler();
     EXPECT_EQ(h->createSvol(newPairs(5, 2000), "0"), 1u);
@@ -198,8 +188,8 @@ TEST_F(ReplicationOnSim, FailedCreationLeavesNoLdev) {
 
 TEST_F(ReplicationOnSim, VirtualisationIsUndoneOnFailureAndReleasedOnDeletion) {
   // The first LDEV's virtual id is refused twice before it is taken; the third cannot be made.
-  sim.addFault(fault("^map resource -ldev_id 2000 ", 221, kRejected, 2));
-  sim.addFault(fault("add ldev .*-ldev_id 2002", 221, kRejected));
+  sim.addFault(failing("^map resource -ldev_id 2000 ", 221, kRejected, 2));
+  sim.addFault(failing("add ldev .*-ldev_id 2002", 221, kRejected));
   expectInChild([&] {
     ZoSetTimeScale(0.001);
     auto h = handler(true);
@@ -234,8 +224,8 @@ TEST_F(ReplicationOnSim, VirtualisationIsUndoneOnFailureAndReleasedOnDeletion) {
 }
 
 TEST_F(ReplicationOnSim, LdevQueries) {
-  sim.addFault(fault("get ldev -ldev_list undefined", 246, ""));
-  sim.addFault(fault("get ldev -ldev_id 65279", 253, ""));
+  sim.addFault(failing("get ldev -ldev_list undefined", 246, ""));
+  sim.addFault(failing("get ldev -ldev_id 65279", 253, ""));
   expectInChild([&] {
     auto h = handler();
     std::vector<hdsLdev_t> ldevs;
@@ -265,8 +255,8 @@ TEST_F(ReplicationOnSim, LdevQueries) {
 
 TEST_F(ReplicationOnSim, RefusalsCarryTheirCauseIntoTheError) {
   const std::string cause = std::string(kRejected) + "CAUSE : LDEV is not installed.\n";
-  sim.addFault(fault("add device_grp", 221, cause, 2));
-  sim.addFault(fault("add snapshot", 221, cause));
+  sim.addFault(failing("add device_grp", 221, cause, 2));
+  sim.addFault(failing("add snapshot", 221, cause));
   expectInChild([&] {
     ZoSetTimeScale(0.001);
     auto h = handler();

@@ -123,7 +123,14 @@ void SimArray::addFault(const SimFault& f) const {
   admin(args);
 }
 
-void SimArray::clearFaults() const { admin({"fault", "clear"}); }
+SimFault failing(const std::string& match, int exitCode, const std::string& err, int times) {
+  SimFault fault;
+  fault.match = match;
+  fault.exitCode = exitCode;
+  fault.err = err;
+  fault.times = times;
+  return fault;
+}
 
 std::vector<SimJournalEntry> SimArray::journal() const {
   std::vector<SimJournalEntry> entries;

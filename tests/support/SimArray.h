@@ -31,6 +31,10 @@ struct SimFault {
   std::string statusText;
 };
 
+// A raidcom fault that makes matching calls exit with exitCode and print err, `times` times.
+SimFault failing(const std::string& match, int exitCode, const std::string& err = "",
+                 int times = 1);
+
 // Output split into lines (without their line feeds) and a line split at runs of blanks, the
 // way the library reads the tools' tables.
 std::vector<std::string> outputLines(const std::string& text);
@@ -76,7 +80,6 @@ class SimArray {
   std::string dumpJson() const;
   void load(const std::string& scenarioJson) const;
   void addFault(const SimFault& fault) const;
-  void clearFaults() const;
   std::vector<SimJournalEntry> journal() const;
   void setTimings(int copyMs, int formatMs = 0, int syncLagMs = 0) const;
   // Completes every copy and format under way, so a test sees the end state without waiting.
