@@ -63,24 +63,20 @@ TEST(PairDisplayParser, SimplexLineStopsAtTheRole) {
   EXPECT_EQ(pairs[0].partnerLdevId, "");
 }
 
-TEST(PairDisplayParser, DropsLinesOfOtherLayoutsAndIncompleteLines) {
+TEST(PairDisplayParser, DropsEmptyAndIncompleteOutputAndLinesOfOtherLayouts) {
   // The remote-copy layout has no mirror column, so its role sits one token earlier.
   const std::string remoteCopy =
       "Group   PairVol     L/R Port#   TID  LU Seq#    LDEV# P/S Status Fence    % P-LDEV# M\n"
       "dr_cg0  db01_data   L   CL1-A-3  0    0 412345  4660 P-VOL PAIR ASYNC      0  4660 -\n";
   EXPECT_TRUE(parse(remoteCopy).empty());
   EXPECT_TRUE(parse("pairdisplay: [EX_ENOGRP] No such group\nRefer to the command log\n").empty());
+  EXPECT_TRUE(parse("").empty());
+  EXPECT_TRUE(parse(kPairDisplayHeader).empty());
   EXPECT_TRUE(parse(std::string(kPairDisplayHeader) + "bkp_cg0 db01_data L CL1-A-3\n").empty());
   // The last line is still being written when it has no newline.
   EXPECT_TRUE(parse(std::string(kPairDisplayHeader) +
                     "bkp_cg0 db01_data L CL1-A-3 0 0 0 412345 4660 P-VOL PAIR 100 4672 -")
                   .empty());
-}
-
-TEST(PairDisplayParser, EmptyAndHeaderOnlyOutputs) {
-  EXPECT_TRUE(parse("").empty());
-  EXPECT_TRUE(parse(kPairDisplayHeader).empty());
-  EXPECT_TRUE(parse("\n\n\n").empty());
 }
 
 TEST(PairDisplayParser, AppendsToWhatTheVectorHeld) {

@@ -12,7 +12,6 @@
 #include "hds/platform/VTClient.h"
 #include "hds/platform/VTPI_Base.h"
 #include "hds/platform/VTPassword.h"
-#include "hds/platform/VtProcess.h"
 #include "hds/platform/ZoSleep.h"
 #include "tests/support/TestEnv.h"
 
@@ -37,27 +36,6 @@ TEST(ScriptAndResponseFiles, PlantedSymlinkIsNeverFollowed) {
   // A dangling link still occupies its name.
   unlink(victim.c_str());
   EXPECT_FALSE(CZoFile::Stat(script).IsError());
-}
-
-TEST(ScriptAndResponseFiles, WrittenScriptRunsWithArgumentsLiterally) {
-  hdstest::TestEnv env;
-  std::string script = env.tempDir() + "/run_script";
-  std::string body = "#!/bin/sh\nprintf '%s\\n' \"$@\"\n";
-  CZoFile file;
-  ASSERT_FALSE(file.Open(script, O_WRONLY | O_CREAT | O_TRUNC, 0777).IsError());
-  size_t written = 0;
-  EXPECT_FALSE(file.Write(body.data(), body.size(), &written).IsError());
-  EXPECT_EQ(written, body.size());
-  EXPECT_FALSE(file.Flush().IsError());
-  EXPECT_FALSE(file.Close().IsError());
-  std::string readBack;
-  EXPECT_FALSE(CZoFile::ReadWholeFile(script, readBack).IsError());
-  EXPECT_EQ(readBack, body);
-
-  VtProcess proc;
-  std::string out, err;
-  EXPECT_EQ(proc.system((script + " 'a;b\"c' \"d'e\"").c_str(), &out, &err, 0, true), 0);
-  EXPECT_EQ(out, "a;b\"c\nd'e\n");
 }
 
 TEST(TempAndHorcmDirectories, CreatedPrivateAndRefusedWhenPlanted) {
