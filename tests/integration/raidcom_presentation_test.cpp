@@ -77,16 +77,11 @@ class RaidcomPresentation : public ::testing::Test {
   }
 
   std::unique_ptr<Handler> handler(const std::string& resourceGroup = "") {
-    HDSCLIInitParam p;
-    p.serialNumber = SimArray::kSerial;
-    p.userName = SimArray::kUser;
-    p.password = SimArray::kPassword;
-    p.operationType = 1;
+    HDSCLIInitParam p = SimArray::raidcomParam();
     p.resourceGroupName = resourceGroup;
     // A handler outside meta_resource works on the virtual storage machine of its group.
     p.isVirtualStorage = !resourceGroup.empty();
     p.virtualStorageSerial = "512345";
-    p.commandDevices = {"\\\\.\\CMD-412345:/dev/sdc"};
     auto h = std::make_unique<Handler>(log, p);
     EXPECT_EQ(h->code(), 0) << h->text();
     return h;

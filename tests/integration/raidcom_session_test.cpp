@@ -55,15 +55,7 @@ class RaidcomSession : public ::testing::Test {
     env.writeSettings("[iHarbor]\nsVTHDSHorcmDirectory=" + env.cciDir() +
                       "\nsClientHostName=testhost\n[~iHarbor]\n" + localSection);
   }
-  static HDSCLIInitParam param() {
-    HDSCLIInitParam p;
-    p.serialNumber = SimArray::kSerial;
-    p.userName = SimArray::kUser;
-    p.password = SimArray::kPassword;
-    p.operationType = 1;
-    p.commandDevices = {"\\\\.\\CMD-412345:/dev/sdc"};
-    return p;
-  }
+  static HDSCLIInitParam param() { return SimArray::raidcomParam(); }
   size_t count(const std::string& first, const std::string& second = "") const {
     size_t n = 0;
     for (const SimJournalEntry& e : sim.journal()) n += isRaidcom(e, first, second);

@@ -97,11 +97,8 @@ class ReplicationOnSim : public ::testing::Test {
   }
 
   std::unique_ptr<RaidcomCommandHandler> handler(bool vsm = false) {
-    HDSCLIInitParam p;
-    p.serialNumber = SimArray::kSerial;
-    p.userName = SimArray::kUser;
-    p.password = SimArray::kPassword;
-    p.operationType = 1;
+    HDSCLIInitParam p = SimArray::raidcomParam();
+    // The command device by its bare path.
     p.commandDevices = {"/dev/sdc"};
     p.resourceGroupName = vsm ? "vsm_rg" : "";
     p.isVirtualStorage = vsm;

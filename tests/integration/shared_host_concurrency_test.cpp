@@ -25,21 +25,11 @@ constexpr int kProcesses = 4;
 constexpr int kThreads = 4;
 constexpr int kScriptsPerThread = 4;
 
-HDSCLIInitParam sessionParam() {
-  HDSCLIInitParam p;
-  p.serialNumber = SimArray::kSerial;
-  p.userName = SimArray::kUser;
-  p.password = SimArray::kPassword;
-  p.operationType = 1;
-  p.commandDevices = {"\\\\.\\CMD-412345:/dev/sdc"};
-  return p;
-}
-
 // One thread's share of the work: an S-VOL of its own made, labelled and removed under the
 // resource group lock, and scripts whose output must be its own. 0, or the number of the stage
 // that went wrong.
 int threadWork(VTSO::SnapInfo& log, int process, int thread) {
-  hdstest::RaidcomProbe h(log, sessionParam());
+  hdstest::RaidcomProbe h(log, SimArray::raidcomParam());
   if (h.errorCode() != 0) return 1;
   if (h.lockResource() != 0) return 2;
   const std::string svol = std::to_string(3000 + process * 10 + thread);

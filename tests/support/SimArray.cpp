@@ -69,6 +69,16 @@ SimArray::SimArray(const TestEnv& env, const std::string& scenarioJson) : m_rEnv
   }
 }
 
+HDSCLIInitParam SimArray::raidcomParam() {
+  HDSCLIInitParam p;
+  p.serialNumber = kSerial;
+  p.userName = kUser;
+  p.password = kPassword;
+  p.operationType = 1;
+  p.commandDevices = {kCommandDevice};
+  return p;
+}
+
 std::string SimArray::ccisimPath() { return HDS_TEST_BINARY_DIR "/sim/ccisim"; }
 
 std::string SimArray::defaultScenario() {
@@ -162,9 +172,8 @@ void SimArray::writeRaidcomHorcmConf(int instance,
                                      const std::vector<std::string>& commandDevices) const {
   std::string n = std::to_string(instance);
   std::string devices;
-  for (const std::string& d : commandDevices.empty()
-                                  ? std::vector<std::string>{"\\\\.\\CMD-412345:/dev/sdc"}
-                                  : commandDevices) {
+  for (const std::string& d :
+       commandDevices.empty() ? std::vector<std::string>{kCommandDevice} : commandDevices) {
     devices += d + " ";
   }
   writeFile(m_rEnv.horcmDir() + "horcm" + n + ".conf",

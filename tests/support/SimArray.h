@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "hds/handler/CommandHandler.h"
 #include "tests/support/TestEnv.h"
 
 namespace hdstest {
@@ -54,6 +55,8 @@ class SimArray {
   static constexpr const char* kUser = "admin";
   static constexpr const char* kPassword = "admin123";
   static constexpr int kRaidcomInstance = 3532;
+  // The command device as a HORCM file names it.
+  static constexpr const char* kCommandDevice = "\\\\.\\CMD-412345:/dev/sdc";
 
   // The default array (serial 412345, type R9): pool 0 "dp_pool_00" (HDP) and pool 1
   // "ti_pool_01" (HTI); LDEVs 100-115 of 2097152 blocks in pool 0, named data_<id>; command
@@ -63,6 +66,8 @@ class SimArray {
   explicit SimArray(const TestEnv& env, const std::string& scenarioJson = "");
 
   static std::string ccisimPath();
+  // What a raidcom handler needs to log in to this array as admin through its command device.
+  static HDSCLIInitParam raidcomParam();
   static std::string defaultScenario();
 
   const TestEnv& env() const { return m_rEnv; }
