@@ -94,6 +94,9 @@ TEST_F(OperatorText, AttacksThroughEveryFieldRunNothingAndCountNoLogin) {
         }
       });
       ASSERT_FALSE(pathExists(marker)) << field.name << " " << attack;
+      for (const std::string& name : hdstest::filesIn(env.horcmDir())) {
+        EXPECT_EQ(hdstest::readFile(env.horcmDir() + name).find("\ntouch "), std::string::npos);
+      }
       // A failed login is never counted as a session.
       EXPECT_LE(storedLoginCount(SimArray::kSerial), 0) << field.name << " " << attack;
     }
