@@ -19,6 +19,8 @@ namespace {
 
 const char* const kNoHorcmFile = "N/A";
 
+using hds::text::quoteArgument;
+
 }  // namespace
 
 CCICommandHandler::CCICommandHandler(VTSO::SnapInfo& snapInfo, const HDSCLIInitParam& param,
@@ -110,6 +112,13 @@ std::string CCICommandHandler::formHorcmFileContent(const std::string& ownInstan
 }
 
 int CCICommandHandler::createHorcmFiles() {
+  // Each of these is written as one value of a line of both files.
+  if (refuseControlCharacters("host name", m_sLocalHostName) ||
+      refuseControlCharacters("copy group name", m_sCopyGroupName) ||
+      refuseControlCharacters("device group name", m_sLocalDeviceGroup) ||
+      refuseControlCharacters("device group name", m_sPeerDeviceGroup)) {
+    return 1;
+  }
   VTHDSLock lock(*m_pSnapInfo, VT_HDS_HORCM_FILE_COUNT_LOCK, 0);
   if (!lock.isLocked()) {
     m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to logout, unable to acquire lock.");
@@ -234,9 +243,9 @@ int CCICommandHandler::readHorcmFile() {
 int CCICommandHandler::pairCreate(bool groupMode, const std::string& devName) {
   const std::string label = m_sCopyGroupName + " " + devName;
   std::string arguments;
-  if (!devName.empty()) arguments += " -d " + devName;
+  if (!devName.empty()) arguments += " -d " + quoteArgument(devName);
   if (groupMode) arguments += " -m grp ";
-  arguments += " -g " + m_sCopyGroupName + " -vl " + m_sInstanceOption;
+  arguments += " -g " + quoteArgument(m_sCopyGroupName) + " -vl " + m_sInstanceOption;
 
   m_pSnapInfo->log(0, VT_HDS_LOG_MODULE, "Going to create pairs on copy group [%s].",
                    label.c_str());
@@ -256,8 +265,8 @@ int CCICommandHandler::pairCreate(bool groupMode, const std::string& devName) {
 
 int CCICommandHandler::pairResync(const std::string& devName, bool restore, bool quick) {
   const std::string label = m_sCopyGroupName + " " + devName;
-  std::string arguments = " -g " + m_sCopyGroupName;
-  if (!devName.empty()) arguments += " -d " + devName;
+  std::string arguments = " -g " + quoteArgument(m_sCopyGroupName);
+  if (!devName.empty()) arguments += " -d " + quoteArgument(devName);
   if (restore) arguments += " -restore ";
   if (quick) arguments += " -fq quick ";
   arguments += m_sInstanceOption;
@@ -283,9 +292,9 @@ int CCICommandHandler::pairSplit(const std::string& devName, bool simplex, bool 
   const char* word = simplex ? "split" : "suspended";
   std::string arguments;
   if (simplex) arguments += " -S ";
-  if (!devName.empty()) arguments += " -d " + devName;
+  if (!devName.empty()) arguments += " -d " + quoteArgument(devName);
   if (quick) arguments += " -fq quick ";
-  arguments += " -g " + m_sCopyGroupName + m_sInstanceOption;
+  arguments += " -g " + quoteArgument(m_sCopyGroupName) + m_sInstanceOption;
 
   std::string output;
   int exitCode = 0;
@@ -347,7 +356,8 @@ void parsePairDisplayOutput(const std::string& output, std::vector<hdsCopyGroupI
 }
 
 int CCICommandHandler::pairDisplay(std::vector<hdsCopyGroupInfo>& pairs) {
-  const std::string arguments = " -g " + m_sCopyGroupName + " -fc -CLI " + m_sInstanceOption;
+  const std::string arguments =
+      " -g " + quoteArgument(m_sCopyGroupName) + " -fc -CLI " + m_sInstanceOption;
   std::string output;
   int exitCode = 0;
   if (executeCommand(VT_HDS_CCI_PAIR_DISPLAY_CMD, arguments, output, exitCode) != 0) {
@@ -376,10 +386,10 @@ std::string parseQmarkerOutput(const std::string& output) {
 }
 
 int CCICommandHandler::pairEvtWait(std::string status, int timeout, const std::string& devName) {
-  std::string arguments = " -g " + m_sCopyGroupName;
-  if (!devName.empty()) arguments += " -d " + devName;
+  std::string arguments = " -g " + quoteArgument(m_sCopyGroupName);
+  if (!devName.empty()) arguments += " -d " + quoteArgument(devName);
   for (char& c : status) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  arguments += " -ss " + status + " -t " + CommandHelper::itoa(timeout);
+  arguments += " -ss " + quoteArgument(status) + " -t " + CommandHelper::itoa(timeout);
   arguments += m_sInstanceOption;
 
   std::string output;
@@ -401,7 +411,8 @@ int CCICommandHandler::pairEvtWait(std::string status, int timeout, const std::s
 }
 
 int CCICommandHandler::getQmarker(const std::string& copyGroup, std::string& qMarker) {
-  const std::string arguments = " -g " + copyGroup + " -nowait -t 99999 -IH" + m_sHorcmInstance;
+  const std::string arguments =
+      " -g " + quoteArgument(copyGroup) + " -nowait -t 99999 -IH" + quoteArgument(m_sHorcmInstance);
   std::string output;
   int exitCode = 0;
   if (executeCommand(VT_HDS_CCI_PAIR_SYNC_WAIT_CMD, arguments, output, exitCode) != 0) {
@@ -412,7 +423,10 @@ int CCICommandHandler::getQmarker(const std::string& copyGroup, std::string& qMa
     return 1;
   }
   m_pSnapInfo->log(0, VT_HDS_LOG_MODULE, "OUTPUT : [%s].", output.c_str());
-  qMarker = parseQmarkerOutput(output);
+  // Without a data line there is no marker to report, and the caller's stays as it was.
+  if (hds::text::splitLines(output, hds::text::LastLine::Drop).size() > 1) {
+    qMarker = parseQmarkerOutput(output);
+  }
   m_pSnapInfo->log(1, VT_HDS_LOG_MODULE, "Copy group [%s] : Q-Marker [%s].", copyGroup.c_str(),
                    qMarker.c_str());
   return 0;
@@ -421,8 +435,9 @@ int CCICommandHandler::getQmarker(const std::string& copyGroup, std::string& qMa
 int CCICommandHandler::pairSyncWait(const std::string& copyGroup, const std::string& qMarker,
                                     int timeout, bool& committed) {
   committed = false;
-  const std::string arguments = " -g " + copyGroup + " -q " + qMarker + " -t " +
-                                CommandHelper::itoa(timeout) + " -IH" + m_sHorcmInstance;
+  const std::string arguments = " -g " + quoteArgument(copyGroup) + " -q " +
+                                quoteArgument(qMarker) + " -t " + CommandHelper::itoa(timeout) +
+                                " -IH" + quoteArgument(m_sHorcmInstance);
   m_pSnapInfo->log(1, VT_HDS_LOG_MODULE, "Waiting for Q-Marker [%s] to reach RCU.",
                    qMarker.c_str());
   std::string output;

@@ -84,5 +84,37 @@ const char* skipValue(const char* p, Separator sep) {
   return p;
 }
 
+std::string quoteArgument(std::string_view text) {
+  bool plain = !text.empty();
+  for (char c : text) {
+    const bool safe = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+                      c == '_' || c == '@' || c == '%' || c == '+' || c == '=' || c == ':' ||
+                      c == ',' || c == '.' || c == '/' || c == '-';
+    if (!safe) {
+      plain = false;
+      break;
+    }
+  }
+  if (plain) return std::string(text);
+  std::string quoted = "'";
+  for (char c : text) {
+    if (c == '\'') {
+      quoted += "'\\''";
+    } else {
+      quoted += c;
+    }
+  }
+  quoted += '\'';
+  return quoted;
+}
+
+bool hasControlCharacter(std::string_view text) {
+  for (char c : text) {
+    const auto u = static_cast<unsigned char>(c);
+    if (u < 0x20 || u == 0x7f) return true;
+  }
+  return false;
+}
+
 }  // namespace text
 }  // namespace hds

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -48,6 +49,16 @@ std::string_view trim(std::string_view text, Separator sep = Separator::Space);
 // The same scans over a zero-terminated text, for parsers that walk a character pointer.
 const char* skipSeparators(const char* p, Separator sep = Separator::Space);
 const char* skipValue(const char* p, Separator sep = Separator::Space);
+
+// The text as one word of a "/bin/sh" command line, so that the program receives exactly it.
+// Text made only of letters, digits and _@%+=:,./- passes unchanged (every command text of the
+// tools keeps its usual form); anything else, the empty text included, is wrapped in single
+// quotes, inside which the shell expands nothing, and each ' is written as '\''.
+std::string quoteArgument(std::string_view text);
+
+// True when the text holds a control character (newline, CR, tab, NUL, DEL and the like): such a
+// text cannot be written as one value of a line-based file such as a HORCM configuration.
+bool hasControlCharacter(std::string_view text);
 
 }  // namespace text
 }  // namespace hds

@@ -85,8 +85,8 @@ int CommandHandler::executeCommand(const std::string& commandName, const std::st
   m_iErrorCode = 0;
   m_sErrorString.clear();
 
-  // Nothing is added or escaped: callers quote what the shell must not split.
-  const std::string commandLine = m_sCCIInstallPath + commandName + " " + arguments;
+  // Callers quote every value in the command and argument parts; the directory is a setting.
+  const std::string commandLine = shellCCIInstallPath() + commandName + " " + arguments;
   CommandHelper helper(*m_pSnapInfo);
   const std::string printable = helper.buildCommandToPrint(commandLine, "");
 
@@ -160,7 +160,8 @@ int CommandHandler::executeScriptFile(const std::string& scriptContent, std::str
 
   CommandHelper helper(*m_pSnapInfo);
   std::string runError;
-  if (helper.RunCommandWithTimeout(path, output, exitCode, runError, m_iCommandTimeout) != 0) {
+  if (helper.RunCommandWithTimeout(hds::text::quoteArgument(path), output, exitCode, runError,
+                                   m_iCommandTimeout) != 0) {
     m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to execute script [%s]. Error [%s]. Output [%s]",
                      path.c_str(), runError.c_str(), output.c_str());
     m_iErrorCode = VT_HDS_ERROR_COMMAND_FAILED;

@@ -2,12 +2,14 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cstdio>
 #include <cstring>
 #include <mutex>
 
 #include "hds/common/HDSConstants.h"
+#include "hds/common/HDSText.h"
 #include "hds/platform/VTClient.h"
 #include "hds/platform/VTPI_Base.h"
 #include "hds/platform/VTPlatformInfo.h"
@@ -93,6 +95,11 @@ CommandHandler::CommandHandler(VTSO::SnapInfo& snapInfo, const HDSCLIInitParam& 
     } else if (timeout > 0) {
       m_iCommandTimeout = VT_HDS_COMMAND_TIMEOUT_MIN;
     }
+  }
+  // A handler refused here never becomes ready, so nothing it would have run runs.
+  if (refuseUnsafeInput(param)) {
+    m_iReady = 0;
+    return;
   }
   initialize();
 }
@@ -229,15 +236,7 @@ int CommandHandler::getCCIVersionInstalled(std::string& version) {
   // "Ver&Rev: 01-29-03/05": the version is the 11 characters after the label, its colon and
   // one blank.
   const size_t label = output.find("Ver&Rev");
-  std::string found;
-  if (label != std::string::npos && label + 9 < output.size()) {
-    for (char c : output.substr(label + 9, 11)) {
-      if (!std::isspace(static_cast<unsigned char>(c))) found += c;
-    }
-  }
-  // A label with nothing after it counts as missing: an empty version would not be cached and
-  // every later handler would run raidqry again.
-  if (found.empty()) {
+  if (label == std::string::npos) {
     m_pSnapInfo->log(2, VT_HDS_LOG_MODULE,
                      "Failed to get CCI version installed. 'raidqry -h' output doesn't have "
                      "'Ver&Rev' string.");
@@ -246,6 +245,14 @@ int CommandHandler::getCCIVersionInstalled(std::string& version) {
         "Failed to get version of CCI command installed. Please check output of 'raidqry -h' "
         "command";
     return 1;
+  }
+  // A label followed only by blanks gives an empty version: the handler still works, and the
+  // capability checks report the newer commands as unsupported. The next line of the help page
+  // is no part of the version.
+  const size_t lineEnd = std::min(output.find('\n', label), output.size());
+  std::string found;
+  for (size_t i = label + 9; i < std::min(label + 20, lineEnd); ++i) {
+    if (!std::isspace(static_cast<unsigned char>(output[i]))) found += output[i];
   }
   m_sCCIVersion = found;
   version = m_sCCIVersion;
@@ -297,5 +304,42 @@ std::string CommandHandler::horcmFilePath(const std::string& instance) {
 }
 
 std::string CommandHandler::formInstanceOption(const std::string& instance) {
-  return " -IM" + instance;
+  return " -IM" + hds::text::quoteArgument(instance);
+}
+
+std::string CommandHandler::shellCCIInstallPath() {
+  return hds::text::quoteArgument(m_sCCIInstallPath);
+}
+
+bool CommandHandler::refuseUnlessDigits(const char* field, const std::string& value) {
+  bool digits = !value.empty();
+  for (char c : value) digits = digits && c >= '0' && c <= '9';
+  if (digits) return false;
+  m_iErrorCode = VT_HDS_ERROR_MISSING_INPUT;
+  m_sErrorString = std::string("Invalid ") + field + ". It must be made of digits only.";
+  m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "%s", m_sErrorString.c_str());
+  return true;
+}
+
+bool CommandHandler::refuseControlCharacters(const char* field, const std::string& value) {
+  if (!hds::text::hasControlCharacter(value)) return false;
+  // The value itself stays out of the text: a line feed in it would forge lines of the log.
+  m_iErrorCode = VT_HDS_ERROR_MISSING_INPUT;
+  m_sErrorString = std::string("Invalid ") + field +
+                   ". It must not hold a control character such as a line feed.";
+  m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "%s", m_sErrorString.c_str());
+  return true;
+}
+
+bool CommandHandler::refuseUnsafeInput(const HDSCLIInitParam& param) {
+  if (!param.serialNumber.empty() && refuseUnlessDigits("serial number", param.serialNumber)) {
+    return true;
+  }
+  if (!param.horcmInstance.empty() && refuseUnlessDigits("HORCM instance", param.horcmInstance)) {
+    return true;
+  }
+  for (const std::string& device : param.commandDevices) {
+    if (refuseControlCharacters("command device name", device)) return true;
+  }
+  return refuseControlCharacters("copy group name", param.copyGroupName);
 }

@@ -88,6 +88,15 @@ class HDS_API CommandHandler {
   static std::string formInstanceOption(const std::string& instance);
 
  protected:
+  // The CCI directory as the start of a shell command line, quoted when it needs it.
+  static std::string shellCCIInstallPath();
+  // Values that no quoting makes safe are refused before any command runs or file is written:
+  // a serial number or instance that is not all digits, a control character in a text that is
+  // written as one value of a HORCM file. Both set error code 62600 and a text that names the
+  // field, and return true when the value is refused.
+  bool refuseUnlessDigits(const char* field, const std::string& value);
+  bool refuseControlCharacters(const char* field, const std::string& value);
+
   bool m_bKeepCmdOutput;
   std::string m_sSerialNumber;
   std::string m_sHorcmInstance;
@@ -111,4 +120,5 @@ class HDS_API CommandHandler {
 
  private:
   int initializeProcessWide();
+  bool refuseUnsafeInput(const HDSCLIInitParam& param);
 };

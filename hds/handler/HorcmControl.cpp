@@ -1,6 +1,7 @@
 #include <cstdio>
 
 #include "hds/common/HDSConstants.h"
+#include "hds/common/HDSText.h"
 #include "hds/handler/CommandHandler.h"
 #include "hds/platform/VTPlatformInfo.h"
 
@@ -13,7 +14,8 @@ int CommandHandler::horcmStart(const char* instance) {
 
   std::string output;
   int exitCode = 0;
-  if (executeCommand(VT_HDS_HORCMSTART_CMD_NAME, horcmInstance, output, exitCode) != 0) {
+  if (executeCommand(VT_HDS_HORCMSTART_CMD_NAME, hds::text::quoteArgument(horcmInstance), output,
+                     exitCode) != 0) {
     if (exitCode == 1 && output.find("already been running") != std::string::npos) {
       setErrorCodeAndString(0, "");
       m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Horcm instance [%s] is already running.",
@@ -50,7 +52,8 @@ int CommandHandler::horcmShutdown(const char* instance) {
 
   std::string output;
   int exitCode = 0;
-  if (executeCommand(VT_HDS_HORCMSHUTDOWN_CMD_NAME, horcmInstance, output, exitCode) != 0) {
+  if (executeCommand(VT_HDS_HORCMSHUTDOWN_CMD_NAME, hds::text::quoteArgument(horcmInstance), output,
+                     exitCode) != 0) {
     m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to stop horcm instance [%s].",
                      horcmInstance.c_str());
     return 1;

@@ -1,37 +1,17 @@
 #pragma once
 
-// Building blocks of raidcom argument texts. Command lines go through "/bin/sh -c" unchanged, so
-// every name that an array user chose (host groups, resource groups) is quoted here before it
-// reaches the shell; messages and error texts keep the name as the user wrote it.
+// Building blocks of raidcom argument texts. Command lines go through "/bin/sh -c", so every
+// name that an array user chose (host groups, resource groups) is quoted here before it reaches
+// the shell; messages and error texts keep the name as the user wrote it.
 
 #include <string>
+
+#include "hds/common/HDSText.h"
 
 namespace hds {
 namespace raidcom {
 
-// The text as one shell word. Names made of letters, digits and the punctuation that port, LDEV
-// and object names use pass unchanged; anything else (a blank above all) is wrapped in double
-// quotes, with the four characters that stay special inside them escaped.
-inline std::string quoteArgument(std::string const& text) {
-  bool plain = !text.empty();
-  for (char c : text) {
-    const bool safe = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
-                      c == '-' || c == '_' || c == '.' || c == ':' || c == '/' || c == '+' ||
-                      c == '@' || c == '%' || c == ',' || c == '=';
-    if (!safe) {
-      plain = false;
-      break;
-    }
-  }
-  if (plain) return text;
-  std::string quoted = "\"";
-  for (char c : text) {
-    if (c == '"' || c == '\\' || c == '$' || c == '`') quoted += '\\';
-    quoted += c;
-  }
-  quoted += '"';
-  return quoted;
-}
+using hds::text::quoteArgument;
 
 // A "-port" or "-p" value: a port ("CL1-A"), a port with a host group number ("CL1-A-3"), or a
 // port, a blank and a host group name, the name possibly holding blanks of its own.

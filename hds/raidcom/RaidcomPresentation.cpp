@@ -165,16 +165,6 @@ int RaidcomCommandHandler::getPortHostGroupList(std::string const& port,
 }
 
 int RaidcomCommandHandler::createHostGroup(std::string const& port, std::string const& hostGroup) {
-  // The array refuses longer names; saying so here keeps the reason next to the names.
-  if (hostGroup.size() > static_cast<size_t>(VT_HDS_MAX_HOSTGROUP_LENGTH) ||
-      port.size() > static_cast<size_t>(VT_HDS_MAX_PORTNAME_LENGTH)) {
-    m_pSnapInfo->log(2, VT_HDS_LOG_MODULE,
-                     "Failed to create host group for port [%s], host group [%s]", port.c_str(),
-                     hostGroup.c_str());
-    setErrorCodeAndString(VT_HDS_ERROR_COMMAND_FAILED,
-                          "Failed to create host group " + port + " " + hostGroup);
-    return 1;
-  }
   const std::string command = std::string(VT_HDS_RAIDCOM_CMD_NAME) + " add host_grp ";
   const std::string arguments = " -port " + quoteArgument(port) + " -host_grp_name " +
                                 quoteArgument(hostGroup) + m_sInstanceArgs;

@@ -96,8 +96,8 @@ unsigned int RaidcomCommandHandler::createSvol(std::map<std::string, hdsLdev_t> 
       failed = true;
       break;
     }
-    rollbackScript += m_sCCIInstallPath + raidcom(" delete ldev -ldev_id ") + quoteArgument(id) +
-                      m_sInstanceArgs + VT_HDS_NEW_LINE;
+    rollbackScript += shellCCIInstallPath() + raidcom(" delete ldev -ldev_id ") +
+                      quoteArgument(id) + m_sInstanceArgs + VT_HDS_NEW_LINE;
     created.push_back(CreatedLdev{id, false, false, ""});
     if (m_sResourceGroupName == VT_HDS_META_RESOURCE_NAME) continue;
 
@@ -249,12 +249,12 @@ unsigned int RaidcomCommandHandler::modifySvolStatus(std::map<std::string, hdsLd
                                                      bool unused) {
   std::string script;
   for (const auto& entry : ldevs) {
-    script += m_sCCIInstallPath + raidcom(" modify ldev -ldev_id ") +
+    script += shellCCIInstallPath() + raidcom(" modify ldev -ldev_id ") +
               quoteArgument(entry.second.ldevId) + " -status blk " + m_sInstanceArgs +
               VT_HDS_NEW_LINE;
     // Blocking completes in the background; its outcome shows only in the command status.
     script +=
-        m_sCCIInstallPath + raidcom(" get command_status ") + m_sInstanceArgs + VT_HDS_NEW_LINE;
+        shellCCIInstallPath() + raidcom(" get command_status ") + m_sInstanceArgs + VT_HDS_NEW_LINE;
   }
   std::string output;
   int exitCode = 0;
@@ -272,7 +272,7 @@ unsigned int RaidcomCommandHandler::modifySvolStatus(std::map<std::string, hdsLd
 unsigned int RaidcomCommandHandler::modifySvolLabel(std::map<std::string, hdsLdev_t> const& ldevs,
                                                     bool restore) {
   auto line = [this](std::string const& id, std::string const& label) {
-    return m_sCCIInstallPath + raidcom(" modify ldev -ldev_id ") + quoteArgument(id) +
+    return shellCCIInstallPath() + raidcom(" modify ldev -ldev_id ") + quoteArgument(id) +
            " -ldev_name " +
            quoteArgument(label.empty() ? std::string(VT_HDS_BLANK_LDEV_LABEL) : label) +
            m_sInstanceArgs + VT_HDS_NEW_LINE;
@@ -331,11 +331,11 @@ int RaidcomCommandHandler::addVolsToDeviceGroup(std::map<std::string, hdsLdev_t>
   for (const auto& entry : pairs) {
     const std::string pvol = pvolOf(entry.first);
     const std::string deviceName = VT_HDS_PAIR_DEV_NAME_PREFIX + pvol;
-    svolScript += m_sCCIInstallPath + raidcom(" add device_grp -device_grp_name ") +
+    svolScript += shellCCIInstallPath() + raidcom(" add device_grp -device_grp_name ") +
                   quoteArgument(svolGroup) + " " + quoteArgument(deviceName) + " -ldev_id " +
                   quoteArgument(entry.second.ldevId) + m_sInstanceArgs + VT_HDS_NEW_LINE;
     if (!pvolGroup.empty()) {
-      pvolScript += m_sCCIInstallPath + raidcom(" add device_grp -device_grp_name ") +
+      pvolScript += shellCCIInstallPath() + raidcom(" add device_grp -device_grp_name ") +
                     quoteArgument(pvolGroup) + " " + quoteArgument(deviceName) + " -ldev_id " +
                     quoteArgument(pvol) + m_sInstanceArgs + VT_HDS_NEW_LINE;
     }
@@ -455,7 +455,7 @@ int RaidcomCommandHandler::deleteDeviceGroup(std::map<std::string, hdsLdev_t> co
   std::string script;
   for (const auto& entry : pairs) {
     const std::string id = pvolSide ? pvolOf(entry.first) : entry.second.ldevId;
-    script += deviceGroupDeleteLine(m_sCCIInstallPath, group, id, m_sInstanceArgs);
+    script += deviceGroupDeleteLine(shellCCIInstallPath(), group, id, m_sInstanceArgs);
   }
   m_pSnapInfo->log(0, VT_HDS_LOG_MODULE, "Going to delete device group [%s]", group.c_str());
   std::string output;
@@ -477,7 +477,7 @@ int RaidcomCommandHandler::deleteDeviceGroup(std::string const& group) {
   if (members.empty()) return 0;
   std::string script;
   for (const hdsLdev_t& member : members) {
-    script += deviceGroupDeleteLine(m_sCCIInstallPath, group, member.ldevId, m_sInstanceArgs);
+    script += deviceGroupDeleteLine(shellCCIInstallPath(), group, member.ldevId, m_sInstanceArgs);
   }
   std::string output;
   int exitCode = 0;

@@ -145,9 +145,9 @@ int RaidcomCommandHandler::getRemotePairInfoForHostGroup(
   pairs.clear();
   // Remote pairs are seen through the instance in HORC mode (-IH) rather than -IM.
   for (int mirrorUnit = 0; mirrorUnit < kRemoteMirrorUnits; ++mirrorUnit) {
-    const std::string arguments = " -p " + portArgument(portOrHostGroup) + " -CLI -m " +
-                                  std::to_string(mirrorUnit) + " -IH" + m_sHorcmInstance + " -s " +
-                                  m_sSerialNumber;
+    const std::string arguments =
+        " -p " + portArgument(portOrHostGroup) + " -CLI -m " + std::to_string(mirrorUnit) + " -IH" +
+        quoteArgument(m_sHorcmInstance) + " -s " + quoteArgument(m_sSerialNumber);
     std::string output;
     int exitCode = 0;
     if (executeCommand(VT_HDS_RAIDSCAN_CMD_NAME, arguments, output, exitCode, false) != 0) {
@@ -334,7 +334,7 @@ int RaidcomCommandHandler::unmapfromResourceGroup(std::string const& resourceId,
 int RaidcomCommandHandler::getResourceGroupInfo(std::map<std::string, ResourceGroupStatus>& groups,
                                                 bool withKeyOption) {
   const std::string savedArgs = m_sInstanceArgs;
-  m_sInstanceArgs = "-IM" + m_sHorcmInstance;
+  m_sInstanceArgs = "-IM" + quoteArgument(m_sHorcmInstance);
   if (getResourceGroup(groups, withKeyOption) != 0) {
     // The suffix is left without the serial on this path; later commands of this handler then
     // address the instance's array alone, which is the only one a raidcom instance serves.

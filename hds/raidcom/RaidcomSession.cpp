@@ -194,7 +194,7 @@ int RaidcomCommandHandler::initialize(std::string const& serialNumber,
   // With delayed logout the create step works in the session the prepare step left open.
   if (delayedLogout == 0 && performLogin(false) != 0) return 1;
 
-  m_sInstanceArgs += " -s " + m_sSerialNumber;
+  m_sInstanceArgs += " -s " + hds::raidcom::quoteArgument(m_sSerialNumber);
   m_bLoggedIn = true;
   m_iReady = 1;
   m_pSnapInfo->log(0, VT_HDS_LOG_MODULE, "Raidcom command handler initialized for local execution");
@@ -205,6 +205,8 @@ int RaidcomCommandHandler::initialize(std::string const& serialNumber,
 
 int RaidcomCommandHandler::createRaidcomHorcmFiles(std::string const& serialNumber,
                                                    bool replaceExisting) {
+  // The host name comes from a setting and is written as a value of the file.
+  if (refuseControlCharacters("host name", m_sLocalHostName)) return 1;
   m_sHorcmInstance.clear();
   std::string fileName;
   for (int instance = VT_HDS_RAIDCOM_HORCM_INST_START; instance >= VT_HDS_RAIDCOM_HORCM_INST_END;
@@ -349,7 +351,10 @@ int RaidcomCommandHandler::performLogin(bool forceLogin) {
   }
 
   const std::string command = std::string(VT_HDS_RAIDCOM_CMD_NAME) + " -login ";
-  const std::string arguments = m_sUserName + " " + m_sPassword + " " + m_sInstanceArgs;
+  // Quoted, the password reaches raidcom as typed and can never end the command early; the
+  // logged form of this line stops after "-login" whatever follows.
+  const std::string arguments = hds::raidcom::quoteArgument(m_sUserName) + " " +
+                                hds::raidcom::quoteArgument(m_sPassword) + " " + m_sInstanceArgs;
   std::string output;
   int exitCode = 0;
   if (executeCommand(command, arguments, output, exitCode, false) != 0) {
@@ -397,8 +402,8 @@ int RaidcomCommandHandler::performLogout() {
   }
 
   // The session belongs to the instance, so the logout names the instance only.
-  const std::string command =
-      std::string(VT_HDS_RAIDCOM_CMD_NAME) + " -logout " + "-IM" + m_sHorcmInstance;
+  const std::string command = std::string(VT_HDS_RAIDCOM_CMD_NAME) + " -logout " + "-IM" +
+                              hds::raidcom::quoteArgument(m_sHorcmInstance);
   std::string output;
   int exitCode = 0;
   if (executeCommand(command, "", output, exitCode, false) != 0) {
@@ -744,21 +749,18 @@ int RaidcomCommandHandler::getCommandStatus(bool& hasError, std::string& statusT
     m_pSnapInfo->log(1, VT_HDS_LOG_MODULE,
                      "Failed to get command status. Command timeout. RetryCnt [%d]", round);
   }
-  bool timedOut = false;
   if (round >= maxRounds) {
     m_pSnapInfo->log(1, VT_HDS_LOG_MODULE, "Failed to get command status after [%d] retry.", round);
     hasError = true;
     statusText = "Command timeout.";
-    timedOut = true;
   }
 
   bool lineHasError = false;
   std::string lineText;
   std::string statusLine;
-  if (!parseCommandStatusOutput(output, lineHasError, lineText, statusLine)) {
-    // A status that never arrived is an error of the command, not a failure to read it.
-    return timedOut ? 0 : 1;
-  }
+  // raidcom prints a time-out on standard error only, so the last round may have left no status
+  // line at all: then no status was read, whether or not the rounds ran out.
+  if (!parseCommandStatusOutput(output, lineHasError, lineText, statusLine)) return 1;
   if (lineHasError) {
     hasError = true;
     statusText = lineText;

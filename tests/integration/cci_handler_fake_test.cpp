@@ -292,6 +292,11 @@ TEST(CciPairWaits, QmarkerAndSyncWait) {
     ASSERT_EQ(rig.handler->pairSyncWait("DR1", "0000000001", 1, committed), 0);
     EXPECT_FALSE(committed);
 
+    // No data line: the caller's marker stays as it was.
+    rig.tools.add("pairsyncwait", header);
+    ASSERT_EQ(rig.handler->getQmarker("DR1", qMarker), 0);
+    EXPECT_EQ(qMarker, "01003408ef");
+
     rig.tools.add("pairsyncwait", header, 2);
     EXPECT_EQ(rig.handler->pairSyncWait("DR1", "0000000001", 1, committed), 1);
     rig.expectError(62601, "Failed to check Q-Marker [0000000001]commit.");
@@ -299,6 +304,52 @@ TEST(CciPairWaits, QmarkerAndSyncWait) {
     rig.tools.add("pairsyncwait", "", 239, "pairsyncwait: [EX_ENOGRP] No such group\n");
     EXPECT_EQ(rig.handler->getQmarker("DR1", qMarker), 1);
     rig.expectError(62601, "Failed to latest Qmarker of copy group [DR1].");
+  });
+}
+
+// Names a caller chose reach the tools as one argument each, however they are spelled; a control
+// character, which would forge lines of a HORCM file, is refused before any file is written.
+TEST(CciOperatorText, NamesReachTheToolsWholeAndLineBreaksAreRefused) {
+  expectInChild([] {
+    Rig rig;
+    const std::string marker = rig.env.root() + "/marker";
+    const std::string device = "Pair 1;touch " + marker + ";'$(touch " + marker + ")`id`";
+    rig.tools.add("pairsplit", "");
+    rig.tools.add("pairsyncwait", "");
+    bool committed = false;
+    EXPECT_EQ(rig.handler->pairSplit(device, false, false), 0);
+    EXPECT_EQ(rig.handler->pairSyncWait("DR1", "0;touch " + marker, 1, committed), 0);
+    EXPECT_EQ(rig.tools.argv("pairsplit"),
+              std::vector<std::string>{"[-d][" + device + "][-g][CG1][-IM3300]"});
+    EXPECT_FALSE(pathExists(marker));
+
+    rig.handler->setDeviceGroups("DG1\nHORCM_INST", "DG2");
+    EXPECT_EQ(rig.handler->createHorcmFiles(), 1);
+    rig.expectError(62600,
+                    "Invalid device group name. It must not hold a control character such as a "
+                    "line feed.");
+    EXPECT_FALSE(pathExists(rig.horcmFile(3300)));
+  });
+  expectInChild([] {
+    hdstest::TestEnv env;
+    hdstest::FakeTools tools{env.cciDir()};
+    tools.addRaidqry();
+    env.writeSettings("[iHarbor]\nsVTHDSHorcmDirectory=" + env.cciDir() + "\n");
+    hdstest::RecordingSnapInfo log;
+    HDSCLIInitParam param;
+    param.serialNumber = "412345";
+    param.copyGroupName = "CG1\r\nHORCM_INST";
+    CCICommandHandler handler(log, param, "-1", "-1");
+    int code = 0;
+    std::string text;
+    handler.getErrorCodeAndString(code, text);
+    EXPECT_EQ(code, 62600);
+    EXPECT_EQ(text,
+              "Invalid copy group name. It must not hold a control character such as a "
+              "line feed.");
+    EXPECT_EQ(tools.calls("raidqry"), 0);
+    EXPECT_EQ(handler.createHorcmFiles(), 1);
+    EXPECT_FALSE(pathExists(env.horcmDir() + "horcm3300.conf"));
   });
 }
 

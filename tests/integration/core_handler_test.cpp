@@ -315,10 +315,14 @@ TEST_F(Handler, CapabilityThresholds) {
                                                  {"01-29-03/04", false},
                                                  {"01-28-99/99", false},
                                                  {"1.30.0", true},
-                                                 {"1.29.3", false}}) {
+                                                 {"1.29.3", false},
+                                                 {"   ", false}}) {
     h.tools.addRaidqry(version);
     expectInChild([&] {
       auto handler = h.handler();
+      // A label with only blanks after it still leaves a working handler.
+      EXPECT_EQ(handler->ready(), 1) << version;
+      EXPECT_EQ(HandlerProbe::cciVersion(), version == "   " ? "" : version);
       EXPECT_EQ(handler->isHTISupported(), supported) << version;
       EXPECT_EQ(handler->isSISupported(), supported) << version;
     });

@@ -188,7 +188,12 @@ TEST_F(RaidcomPresentation, NamesWithBlanksSurviveCommandsAndListings) {
     ASSERT_EQ(h->getLunsForHostGroup("CL2-A", "prod hosts", luns), 0) << h->text();
     EXPECT_EQ(luns.size(), 4u);
     ASSERT_EQ(h->deleteHostGroup("CL2-A", "esx cluster 7"), 0) << h->text();
+    // How long a name may be is the array's to judge: a longer one still reaches it.
+    h->createHostGroup("CL2-A-port-name-17", std::string(33, 'L'));
   });
+  EXPECT_EQ(
+      raidcomCalls({"[-port][CL2-A-port-name-17][-host_grp_name][" + std::string(33, 'L')}).size(),
+      1u);
   EXPECT_EQ(raidcomCalls({"[-resource_name][backup rsg][-port][CL2-A][esx cluster 7]"}).size(), 1u);
   EXPECT_EQ(raidcomCalls({"[delete][host_grp][-port][CL2-A][esx cluster 7]"}).size(), 1u);
 }

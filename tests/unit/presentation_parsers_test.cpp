@@ -153,9 +153,11 @@ TEST(RaidcomArguments, NamesReachTheToolWhole) {
   EXPECT_EQ(hostGroupReference("CL1-A", "5"), "CL1-A-5");
   EXPECT_EQ(hostGroupReference("CL1-A", "12"), "CL1-A 12");
   EXPECT_EQ(quoteArgument("meta_resource"), "meta_resource");
-  EXPECT_EQ(quoteArgument("backup rsg"), "\"backup rsg\"");
+  EXPECT_EQ(quoteArgument("backup rsg"), "'backup rsg'");
+  EXPECT_EQ(quoteArgument("it's"), "'it'\\''s'");
 
-  for (const std::string name : {"esx cluster 7", "a\"b", "it's $HOME `id` \\x", "semi;colon"}) {
+  for (const std::string name :
+       {"esx cluster 7", "a\"b", "it's $HOME `id` \\x", "semi;colon", "Pa$$w0rd!", "''", ""}) {
     EXPECT_EQ(shellWords(quoteArgument(name)), std::vector<std::string>{name}) << name;
     EXPECT_EQ(shellWords(hostGroupReference("CL1-A", name)),
               (std::vector<std::string>{"CL1-A", name}));
