@@ -70,12 +70,28 @@ class JobStress : public ::testing::Test {
     return succeeded;
   }
 
-  // Whether a job has reached its first LDEV creation.
-  bool inAddLdev() const {
-    for (const hdstest::SimJournalEntry& e : sim.journal()) {
-      if (e.args.size() > 1 && e.args[0] == "add" && e.args[1] == "ldev") return true;
+  // Runs a job on P-VOL 100 and kills it outright inside its first LDEV creation, which the
+  // array makes last delayMs.
+  void killJobInItsFirstLdevCreation(int delayMs) {
+    hdstest::SimFault slow;
+    slow.match = "add ldev";
+    slow.delayMs = delayMs;
+    sim.addFault(slow);
+    ToolRun killed(
+        {hdstest::hdsctlPath(), "job",
+         jobFile("k", {{"name", "k"}, {"pool", 0}, {"pvols", {100}}, {"svols", {2000}}})});
+    const Clock::time_point deadline = Clock::now() + std::chrono::seconds(60);
+    auto inAddLdev = [this] {
+      for (const hdstest::SimJournalEntry& e : sim.journal()) {
+        if (e.args.size() > 1 && e.args[0] == "add" && e.args[1] == "ldev") return true;
+      }
+      return false;
+    };
+    while (!inAddLdev() && Clock::now() < deadline) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
-    return false;
+    kill(killed.pid(), SIGKILL);
+    EXPECT_EQ(killed.finish().exitCode, 128 + SIGKILL);
   }
 
   int loginCount() const {
@@ -155,18 +171,8 @@ TEST_F(JobStress, ThirtyTwoCompetingJobsSucceedOrFailCleanly) {
 // A job killed inside an asynchronous command, with the host's locks and the array's resource
 // group lock held: the next job must neither wait for those locks nor fail on them.
 TEST_F(JobStress, KilledJobHoldsUpNoJobAfterIt) {
-  hdstest::SimFault slow;
-  slow.match = "add ldev";
-  slow.delayMs = 3000;
-  sim.addFault(slow);
-  ToolRun killed({hdstest::hdsctlPath(), "job",
-                  jobFile("k", {{"name", "k"}, {"pool", 0}, {"pvols", {100}}, {"svols", {2000}}})});
+  killJobInItsFirstLdevCreation(3000);
   const Clock::time_point deadline = Clock::now() + std::chrono::seconds(60);
-  while (!inAddLdev() && Clock::now() < deadline) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  }
-  kill(killed.pid(), SIGKILL);
-  EXPECT_EQ(killed.finish().exitCode, 128 + SIGKILL);
 
   const Clock::time_point start = Clock::now();
   ToolResult next = hdstest::runTool(
@@ -204,19 +210,7 @@ TEST_F(JobStress, KilledJobThenARebootLocksNoJobOut) {
   const std::string boot = env.root() + "/boot_id";
   hdstest::writeFile(boot, "boot-1\n");
   env.setEnv("HDS_BOOT_ID_FILE", boot.c_str());
-  hdstest::SimFault slow;
-  slow.match = "add ldev";
-  slow.delayMs = 1000;
-  sim.addFault(slow);
-  ToolRun killed({hdstest::hdsctlPath(), "job",
-                  jobFile("k", {{"name", "k"}, {"pool", 0}, {"pvols", {100}}, {"svols", {2000}}})});
-  const Clock::time_point deadline = Clock::now() + std::chrono::seconds(60);
-  while (!inAddLdev()) {
-    ASSERT_LT(Clock::now(), deadline);
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  }
-  kill(killed.pid(), SIGKILL);
-  EXPECT_EQ(killed.finish().exitCode, 128 + SIGKILL);
+  killJobInItsFirstLdevCreation(1000);
   EXPECT_EQ(loginCount(), 1);
 
   hdstest::writeFile(boot, "boot-2\n");
