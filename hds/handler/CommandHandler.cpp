@@ -145,6 +145,16 @@ int CommandHandler::initialize() {
 int CommandHandler::initializeProcessWide() {
   std::lock_guard<std::mutex> guard(g_oProcessWideInitMutex);
 
+  // Every setting read below reports a file it cannot use as "not set"; a job run on defaults
+  // would then fail far from the cause (the CCI directory, a wrong time-out).
+  std::string settingsProblem;
+  if (!VTPlatformInfo::checkSettingsFile(settingsProblem)) {
+    m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "%s", settingsProblem.c_str());
+    m_iErrorCode = VT_HDS_ERROR_COMMAND_FAILED;
+    m_sErrorString = settingsProblem + ".";
+    return 1;
+  }
+
   if (m_sCCIInstallPath.empty()) {
     // The client setting wins over the array-level one when it is set.
     std::string directory;
@@ -209,6 +219,7 @@ int CommandHandler::initializeProcessWide() {
   if (m_sVTTempDir.empty()) {
     const char* tempDir = VTPI_Base::getOrreryTempDirectory();
     if (tempDir == nullptr) {
+      m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "%s", VTPI_Base::tempDirectoryProblem().c_str());
       m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to get Orrery Temp directory");
       return 1;
     }

@@ -196,6 +196,10 @@ bool VTHDSLock::lock(const std::string& lockName, int retryCount) {
   unlock();
   m_pMutex = new (std::nothrow) VtNamedMutex(lockName);
   if (m_pMutex == nullptr || !m_pMutex->isValid()) {
+    // The mutex's own text names the lock directory or file and the system's reason.
+    if (m_pMutex != nullptr) {
+      m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "%s", m_pMutex->lastError().c_str());
+    }
     delete m_pMutex;
     m_pMutex = nullptr;
     m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to create mutex [%s].", lockName.c_str());

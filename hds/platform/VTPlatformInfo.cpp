@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cctype>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
@@ -134,12 +135,76 @@ namespace {
 
 using hdsplatform::SettingsFault;
 
+thread_local std::string t_sLastError;
+
+bool failWith(const std::string& path, const std::string& reason) {
+  t_sLastError = "Settings file [" + path + "] " + reason;
+  return false;
+}
+
+// The file the settings path names once symbolic links are followed; operators keep the file
+// under version control and link it into place. A dangling link names the file it would create.
+bool resolveSettingsPath(const std::string& path, std::string& real) {
+  real = path;
+  for (int hops = 0; hops < 40; ++hops) {
+    char target[PATH_MAX];
+    ssize_t n = readlink(real.c_str(), target, sizeof(target) - 1);
+    if (n < 0)
+      return errno == EINVAL || errno == ENOENT || failWith(path, hdsplatform::errnoText(errno));
+    target[n] = '\0';
+    if (target[0] == '/') {
+      real = target;
+    } else {
+      size_t slash = real.rfind('/');
+      real = (slash == std::string::npos ? std::string() : real.substr(0, slash + 1)) + target;
+    }
+  }
+  return failWith(path, hdsplatform::errnoText(ELOOP));
+}
+
+// Settings are text; a NUL or another control character means the file is something else (a
+// binary copied over it, a disk block gone bad), and guessing at it would run jobs on defaults.
+bool looksLikeText(const std::string& text) {
+  for (unsigned char c : text) {
+    if ((c < 0x20 && c != '\t' && c != '\n' && c != '\r') || c == 0x7f) return false;
+  }
+  return true;
+}
+
+// The whole settings text; a missing file is an empty one. false, with the reason kept for
+// lastError(), when the file exists and cannot be used: never "nothing set" for a file that is
+// there.
 bool readSettings(std::string& text) {
-  CZoError err = CZoFile::ReadWholeFile(VTPlatformInfo::settingsFile(), text);
+  text.clear();
+  const std::string path = VTPlatformInfo::settingsFile();
+  std::string real;
+  if (!resolveSettingsPath(path, real)) return false;
+  int fd;
+  do {
+    // O_NONBLOCK: a FIFO put at the path must not hang the reader; it is refused below.
+    fd = open(real.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+  } while (fd < 0 && errno == EINTR);
+  if (fd < 0) {
+    if (errno == ENOENT) {
+      t_sLastError.clear();
+      return true;
+    }
+    return failWith(path, "cannot be read: " + hdsplatform::errnoText(errno));
+  }
+  struct stat st;
+  bool regular = fstat(fd, &st) == 0 && S_ISREG(st.st_mode);
+  close(fd);
+  if (!regular) return failWith(path, "is not a regular file");
+  CZoError err = CZoFile::ReadWholeFile(real, text);
   if (err.IsError()) {
     text.clear();
-    return err.Errno() == ENOENT;
+    return failWith(path, "cannot be read: " + hdsplatform::errnoText(err.Errno()));
   }
+  if (!looksLikeText(text)) {
+    text.clear();
+    return failWith(path, "is not a text file");
+  }
+  t_sLastError.clear();
   return true;
 }
 
@@ -164,32 +229,43 @@ int injected(SettingsFault step) {
   return hdsplatform::g_eFault.load(std::memory_order_relaxed) == step ? EIO : 0;
 }
 
+std::string directoryOf(const std::string& path) {
+  size_t slash = path.rfind('/');
+  return slash == std::string::npos ? "." : (slash == 0 ? "/" : path.substr(0, slash));
+}
+
 // Read-modify-write of the whole file. The lock is on a separate file that is never replaced:
 // a lock on the settings file itself would be lost with the inode that rename swaps out. The new
 // text goes to a temp file in the same directory, synced before the rename, so a reader sees the
 // old file or the new one and a crash leaves one of them whole.
 bool rewrite(const std::function<bool(std::string& text)>& modify) {
-  std::string path = VTPlatformInfo::settingsFile();
-  size_t slash = path.rfind('/');
-  std::string dir = slash == std::string::npos ? "." : (slash == 0 ? "/" : path.substr(0, slash));
-  if (hdsplatform::ensurePrivateDirectory(dir, 0755) != 0) return false;
+  const std::string path = VTPlatformInfo::settingsFile();
+  if (int err = hdsplatform::ensurePrivateDirectory(directoryOf(path), 0755); err != 0) {
+    return failWith(path, "cannot be written: directory [" + directoryOf(path) +
+                              "]: " + hdsplatform::errnoText(err));
+  }
 
+  // The lock sits beside the configured path, so every writer meets the same one wherever the
+  // link points; temp file and rename go beside the real file, so the link stays a link.
   int lockFd;
   do {
     lockFd = open((path + ".lock").c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
   } while (lockFd < 0 && errno == EINTR);
-  if (lockFd < 0) return false;
+  if (lockFd < 0)
+    return failWith(path + ".lock", "cannot be opened: " + hdsplatform::errnoText(errno));
   while (flock(lockFd, LOCK_EX) != 0) {
     if (errno != EINTR) {
       close(lockFd);
-      return false;
+      return failWith(path + ".lock", "cannot be locked: " + hdsplatform::errnoText(errno));
     }
   }
 
   bool ok = false;
   std::string text;
-  std::string tmp = path + ".tmp";
-  if (readSettings(text)) {
+  std::string real;
+  if (readSettings(text) && resolveSettingsPath(path, real)) {
+    const std::string dir = directoryOf(real);
+    const std::string tmp = real + ".tmp";
     std::string before = text;
     if (!modify(text)) {
       ok = false;
@@ -197,12 +273,14 @@ bool rewrite(const std::function<bool(std::string& text)>& modify) {
       ok = true;
     } else {
       struct stat st;
-      int mode = lstat(path.c_str(), &st) == 0 ? static_cast<int>(st.st_mode & 0666) : 0644;
+      int mode = stat(real.c_str(), &st) == 0 ? static_cast<int>(st.st_mode & 0666) : 0644;
       // A temp file a crashed writer left behind is ours to replace: we hold the lock.
       unlink(tmp.c_str());
       CZoFile file;
       CZoError err = file.Open(tmp, O_WRONLY | O_CREAT | O_EXCL, mode);
-      if (!err.IsError()) {
+      if (err.IsError()) {
+        failWith(path, "cannot be written: [" + tmp + "]: " + hdsplatform::errnoText(err.Errno()));
+      } else {
         err = file.Write(text.data(), text.size());
         if (!err.IsError() && injected(SettingsFault::kWrite)) err = CZoError(EIO);
         if (!err.IsError()) err = file.Flush();
@@ -210,9 +288,10 @@ bool rewrite(const std::function<bool(std::string& text)>& modify) {
         CZoError closed = file.Close();
         if (!err.IsError()) err = closed;
         if (!err.IsError() && injected(SettingsFault::kRename)) err = CZoError(EIO);
-        if (!err.IsError() && rename(tmp.c_str(), path.c_str()) != 0) err = CZoError(errno);
+        if (!err.IsError() && rename(tmp.c_str(), real.c_str()) != 0) err = CZoError(errno);
         if (err.IsError()) {
           unlink(tmp.c_str());
+          failWith(path, "cannot be written: " + hdsplatform::errnoText(err.Errno()));
         } else {
           int dirFd = open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
           if (dirFd >= 0) {
@@ -297,6 +376,39 @@ bool VTPlatformInfo::updateRegInt(const char* section, const char* key,
     text = hdsplatform::withSetting(text, section, key, &next);
     return true;
   });
+}
+
+bool VTPlatformInfo::setStrings(const char* section,
+                                const std::vector<std::pair<std::string, std::string>>& values) {
+  if (section == nullptr) return false;
+  for (const auto& entry : values) {
+    if (entry.first.empty() || !validValue(entry.second)) return false;
+  }
+  return rewrite([&](std::string& text) {
+    for (const auto& entry : values) {
+      text = hdsplatform::withSetting(text, section, entry.first, &entry.second);
+    }
+    return true;
+  });
+}
+
+bool VTPlatformInfo::checkSettingsFile(std::string& problem) {
+  std::string text;
+  if (readSettings(text)) return true;
+  problem = t_sLastError;
+  return false;
+}
+
+std::string VTPlatformInfo::lastError() { return t_sLastError; }
+
+std::string VTPlatformInfo::bootIdentity() {
+  std::string text;
+  const std::string path =
+      hdsplatform::envOr("HDS_BOOT_ID_FILE", "/proc/sys/kernel/random/boot_id");
+  if (CZoFile::ReadWholeFile(path, text).IsError()) return std::string();
+  while (!text.empty() && std::isspace(static_cast<unsigned char>(text.back()))) text.pop_back();
+  // It becomes a settings value: one line.
+  return validValue(text) ? text : std::string();
 }
 
 bool VTPlatformInfo::getClientHostName(const std::string&, std::string& hostName) {

@@ -3,6 +3,8 @@
 #include <cstddef>
 #include <functional>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "hds/common/HDSExport.h"
 
@@ -27,6 +29,22 @@ class HDS_API VTPlatformInfo {
   // value. false when the file could not be rewritten (old content kept).
   static bool updateRegInt(const char* section, const char* key,
                            const std::function<int(bool present, int current)>& fn);
+
+  // Sets several keys of one section in one rewrite: a crash keeps all of them or none.
+  static bool setStrings(const char* section,
+                         const std::vector<std::pair<std::string, std::string>>& values);
+
+  // false when the settings file is there but cannot be used (unreadable, not a regular file
+  // once links are followed, not text); problem names the file and the reason. The getters
+  // report such a file as "not set", so whoever depends on the settings asks here first.
+  static bool checkSettingsFile(std::string& problem);
+  // Why the last read or write of the settings file by this thread failed: the path and the
+  // system's reason; "" after a success.
+  static std::string lastError();
+
+  // This boot of the host ($HDS_BOOT_ID_FILE, else /proc/sys/kernel/random/boot_id); "" when
+  // unknown. Counts of live processes kept in the settings are void once it has changed.
+  static std::string bootIdentity();
 
   // Host name for HORCM files: "sClientHostName" in section "iHarbor", else false.
   static bool getClientHostName(const std::string& clientName, std::string& hostName);

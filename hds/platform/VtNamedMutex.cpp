@@ -95,7 +95,7 @@ int lockFile(int fd, int op) {
 // Opens (creating when missing) the lock file and maps it, initialising the mutex once under
 // flock so that two first users cannot both initialise it. With reinit, a mutex left
 // unrecoverable is made anew.
-int mapLockFile(const std::string& path, bool reinit, SharedLock** out) {
+int mapLockFile(const std::string& path, bool reinit, Mapping* out) {
   std::lock_guard<std::mutex> guard(g_oMapMutex);
   struct stat st;
   if (lstat(path.c_str(), &st) == 0) {
@@ -103,7 +103,7 @@ int mapLockFile(const std::string& path, bool reinit, SharedLock** out) {
     auto it = g_pMappings->find(path);
     if (!reinit && it != g_pMappings->end() && it->second.iDev == st.st_dev &&
         it->second.iIno == st.st_ino) {
-      *out = it->second.pLock;
+      *out = it->second;
       return 0;
     }
   }
@@ -140,8 +140,8 @@ int mapLockFile(const std::string& path, bool reinit, SharedLock** out) {
     if (addr != MAP_FAILED) munmap(addr, sizeof(SharedLock));
     return err;
   }
-  (*g_pMappings)[path] = Mapping{st.st_dev, st.st_ino, static_cast<SharedLock*>(addr)};
-  *out = static_cast<SharedLock*>(addr);
+  *out = Mapping{st.st_dev, st.st_ino, static_cast<SharedLock*>(addr)};
+  (*g_pMappings)[path] = *out;
   return 0;
 }
 
@@ -159,7 +159,21 @@ struct VtNamedMutex::Impl {
   std::string sPath;
   std::string sError;
   SharedLock* pLock = nullptr;
+  Mapping oFile{};  // the lock file pLock lives in
   bool bHeld = false;
+
+  int map(bool reinit) {
+    int err = mapLockFile(sPath, reinit, &oFile);
+    if (err == 0) pLock = oFile.pLock;
+    return err;
+  }
+  // Whether the path still names the file this mutex lives in: someone may have removed or
+  // replaced it while this process waited, and a mutex in a file nobody else can find any
+  // more excludes nobody.
+  bool fileStillAtPath() const {
+    struct stat st;
+    return lstat(sPath.c_str(), &st) == 0 && st.st_dev == oFile.iDev && st.st_ino == oFile.iIno;
+  }
 };
 
 VtNamedMutex::VtNamedMutex(const std::string& name) : m_pImpl(new Impl) {
@@ -171,7 +185,7 @@ VtNamedMutex::VtNamedMutex(const std::string& name) : m_pImpl(new Impl) {
     m_pImpl->sError = "Lock directory [" + dir + "] unusable: " + hdsplatform::errnoText(err);
     return;
   }
-  err = mapLockFile(m_pImpl->sPath, false, &m_pImpl->pLock);
+  err = m_pImpl->map(false);
   if (err != 0)
     m_pImpl->sError = "Lock file [" + m_pImpl->sPath + "] unusable: " + hdsplatform::errnoText(err);
 }
@@ -197,7 +211,9 @@ bool VtNamedMutex::lock(unsigned long ms) {
     deadline.tv_sec += 1;
     deadline.tv_nsec -= 1000000000L;
   }
-  for (int attempt = 0; attempt < 2; ++attempt) {
+  bool reinitialised = false;
+  // Bounded, so that a path replaced over and over cannot keep a caller here past its deadline.
+  for (int moves = 0; moves < 64;) {
     pthread_mutex_t* mutex = &m_pImpl->pLock->oMutex;
     int rc;
     do {
@@ -210,18 +226,31 @@ bool VtNamedMutex::lock(unsigned long ms) {
       rc = 0;
     }
     if (rc == 0) {
-      m_pImpl->bHeld = true;
-      m_pImpl->sError.clear();
-      return true;
-    }
-    if (rc == ENOTRECOVERABLE && attempt == 0 &&
-        mapLockFile(m_pImpl->sPath, true, &m_pImpl->pLock) == 0)
+      if (m_pImpl->fileStillAtPath()) {
+        m_pImpl->bHeld = true;
+        m_pImpl->sError.clear();
+        return true;
+      }
+      // The lock is the file's lock: whoever opens the name now meets the file at the path.
+      pthread_mutex_unlock(mutex);
+      ++moves;
+      if (int err = m_pImpl->map(false); err != 0) {
+        m_pImpl->sError =
+            "Lock file [" + m_pImpl->sPath + "] unusable: " + hdsplatform::errnoText(err);
+        return false;
+      }
       continue;
+    }
+    if (rc == ENOTRECOVERABLE && !reinitialised && m_pImpl->map(true) == 0) {
+      reinitialised = true;
+      continue;
+    }
     m_pImpl->sError =
         "Lock [" + m_pImpl->sName + "] not acquired: " +
         (rc == EBUSY ? std::string("held by another owner") : hdsplatform::errnoText(rc));
     return false;
   }
+  m_pImpl->sError = "Lock [" + m_pImpl->sName + "] not acquired: its file keeps being replaced";
   return false;
 }
 

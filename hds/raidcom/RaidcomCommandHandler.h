@@ -160,6 +160,10 @@ class HDS_API RaidcomCommandHandler : public CommandHandler {
   bool m_bForceLogout = false;
   std::string m_sVirtualStorageSerial;
 
+  // Starts the handler's HORCM instance again after a command found it down; the command's
+  // error stays when that fails.
+  int restartHorcmInstance(std::string const& command);
+
   // Process-wide raidcom settings. Every initialize rewrites them from the client settings
   // without a lock (last writer wins); atomic so that concurrent handlers stay well defined.
   static std::atomic<int> m_iCmdRetryWait;  // -time of get command_status and lock resource

@@ -9,12 +9,13 @@
 #include <string>
 #include <vector>
 
+#include "hds/common/HDSExport.h"
 #include "hds/common/HDSRecords.h"
 
 // ---- Session
 
 // Serial numbers named by the "\\.\CMD-<serial>" markers of a raidcom HORCM file.
-void parseHorcmFileSerials(std::string const& fileText, std::set<std::string>& serials);
+HDS_API void parseHorcmFileSerials(std::string const& fileText, std::set<std::string>& serials);
 
 // "raidcom get resource" (with or without -key opt), keyed by resource group name. Lines that
 // carry fewer than six columns are skipped.

@@ -14,6 +14,7 @@
 #include "hds/platform/CZoFile.h"
 #include "hds/platform/VTPlatformInfo.h"
 #include "hds/platform/ZoSleep.h"
+#include "hds/raidcom/LoginCount.h"
 #include "hds/raidcom/RaidcomArgs.h"
 #include "hds/raidcom/RaidcomCommandHandler.h"
 #include "hds/raidcom/RaidcomParsers.h"
@@ -49,12 +50,56 @@ class LoginLockScope {
   LoginLockScope& operator=(const LoginLockScope&) = delete;
 };
 
-std::string loginCountKey(const std::string& serialNumber) {
-  return std::string(VT_HDS_RAIDCOM_LOCK_COUNT) + "_" + serialNumber;
-}
-
 bool readLocalInt(const char* key, int& value) {
   return VTPlatformInfo::getRegInt(VT_HDS_REG_SECTION_LOCAL, key, &value);
+}
+
+// The settings store says which file and why; the messages that follow keep their own words.
+void logSettingsProblem(VTSO::SnapInfo& snapInfo) {
+  const std::string problem = VTPlatformInfo::lastError();
+  if (!problem.empty()) snapInfo.log(2, VT_HDS_LOG_MODULE, "%s", problem.c_str());
+}
+
+// A setting for which no rule of its own exists is taken at its default when it is out of any
+// sane range: a negative -time makes a job wait minutes, no status round at all leaves the
+// array's work unjudged.
+int boundedSetting(VTSO::SnapInfo& snapInfo, const char* key, int fallback) {
+  int value = 0;
+  if (!readLocalInt(key, value)) return fallback;
+  if (value >= 1) return value;
+  snapInfo.log(1, VT_HDS_LOG_MODULE, "Setting [%s] has value [%d], below 1. Using [%d].", key,
+               value, fallback);
+  return fallback;
+}
+
+// The stored count, void (and stored as 0) when it was kept in an earlier boot of the host.
+// Callers hold the login lock.
+bool readLoginCount(VTSO::SnapInfo& snapInfo, const std::string& serialNumber, int& count) {
+  int voided = -1;
+  if (!::readLoginCount(serialNumber, count, &voided)) return false;
+  if (voided < 0) return true;
+  snapInfo.log(1, VT_HDS_LOG_MODULE,
+               "Login count [%d] of array [%s] was kept before the host last started. Taking it "
+               "as 0.",
+               voided, serialNumber.c_str());
+  // Should this fail, the next reader voids it again.
+  if (!storeLoginCount(serialNumber, 0)) logSettingsProblem(snapInfo);
+  return true;
+}
+
+// What the tools answer when the HORCM instance is not there to serve them: the debug layer
+// (250) or the manager (251) cannot be attached, or the manager does not answer (255).
+bool horcmInstanceDown(int exitCode, const std::string& output) {
+  switch (exitCode) {
+    case 250:
+      return output.find("[EX_ATTDBG]") != std::string::npos;
+    case 251:
+      return output.find("[EX_ATTHOR]") != std::string::npos;
+    case 255:
+      return output.find("[EX_COMERR]") != std::string::npos;
+    default:
+      return false;
+  }
 }
 
 }  // namespace
@@ -147,9 +192,27 @@ int RaidcomCommandHandler::initialize(std::string const& serialNumber,
   }
   if (m_sResourceGroupName.empty()) m_sResourceGroupName = VT_HDS_META_RESOURCE_NAME;
 
-  int value = 0;
-  if (readLocalInt(VT_HDS_RAIDCOM_TIMEOUT_REGKEY, value)) m_iCmdRetryWait = value;
-  if (readLocalInt(VT_HDS_RAIDCOM_RETRY_REGKEY, value)) m_iCmdRetryCnt = value;
+  // A session that never started must not keep the instance it took: 33 of them and no array
+  // could be reached from this host any more.
+  bool wroteHorcmFile = false;
+  bool startedInstance = false;
+  auto giveBackHorcmInstance = [this](bool stop) {
+    const int errorCode = m_iErrorCode;
+    const std::string errorText = m_sErrorString;
+    const std::string fileName = horcmFilePath(m_sHorcmInstance);
+    if (stop) horcmShutdown(nullptr);
+    if (unlink(fileName.c_str()) == 0) {
+      m_pSnapInfo->log(1, VT_HDS_LOG_MODULE, "Removed horcm file [%s] of a session that failed.",
+                       fileName.c_str());
+    }
+    m_iErrorCode = errorCode;
+    m_sErrorString = errorText;
+  };
+
+  m_iCmdRetryWait =
+      boundedSetting(*m_pSnapInfo, VT_HDS_RAIDCOM_TIMEOUT_REGKEY, VT_HDS_RAIDCOM_TIMEOUT_IN_SEC);
+  m_iCmdRetryCnt =
+      boundedSetting(*m_pSnapInfo, VT_HDS_RAIDCOM_RETRY_REGKEY, VT_HDS_RAIDCOM_RETRY_COUNT);
 
   if (m_iOperationType != 2) {
     VTHDSLock loginLock(*m_pSnapInfo);
@@ -161,13 +224,13 @@ int RaidcomCommandHandler::initialize(std::string const& serialNumber,
     }
     LoginLockScope insideLoginLock;
 
-    const std::string key = loginCountKey(serialNumber);
     int count = 0;
-    if (!readLocalInt(key.c_str(), count)) {
+    if (!readLoginCount(*m_pSnapInfo, serialNumber, count)) {
       m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to get login count for array [%s].",
                        serialNumber.c_str());
       count = 0;
-      if (!VTPlatformInfo::setRegInt(VT_HDS_REG_SECTION_LOCAL, key.c_str(), 0)) {
+      if (!storeLoginCount(serialNumber, 0)) {
+        logSettingsProblem(*m_pSnapInfo);
         m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to set login count for array [%s]",
                          serialNumber.c_str());
         m_iErrorCode = VT_HDS_ERROR_LOGIN_FAILED;
@@ -179,8 +242,13 @@ int RaidcomCommandHandler::initialize(std::string const& serialNumber,
     if (m_sCustomHorcmInstance.empty() && createRaidcomHorcmFiles(serialNumber, count < 1) != 0) {
       return 1;
     }
+    wroteHorcmFile = m_sCustomHorcmInstance.empty() && count < 1;
     // Only the first handler of the array starts the instance; later ones share it.
-    if (count == 0 && horcmStart(nullptr) != 0) return 1;
+    if (count == 0 && horcmStart(nullptr) != 0) {
+      if (wroteHorcmFile) giveBackHorcmInstance(false);
+      return 1;
+    }
+    startedInstance = count == 0;
   }
 
   m_sInstanceArgs = formInstanceOption(m_sHorcmInstance);
@@ -192,7 +260,19 @@ int RaidcomCommandHandler::initialize(std::string const& serialNumber,
                      delayedLogout);
   }
   // With delayed logout the create step works in the session the prepare step left open.
-  if (delayedLogout == 0 && performLogin(false) != 0) return 1;
+  if (delayedLogout == 0 && performLogin(false) != 0) {
+    if (wroteHorcmFile) {
+      // Another handler of the array may have come in since the login lock was let go; its
+      // session keeps the instance.
+      VTHDSLock loginLock(*m_pSnapInfo);
+      int count = 0;
+      if (loginLock.lock(VT_HDS_RAIDCOM_LOGIN_LOCK, 0) &&
+          readLoginCount(*m_pSnapInfo, serialNumber, count) && count == 0) {
+        giveBackHorcmInstance(startedInstance);
+      }
+    }
+    return 1;
+  }
 
   m_sInstanceArgs += " -s " + hds::raidcom::quoteArgument(m_sSerialNumber);
   m_bLoggedIn = true;
@@ -326,9 +406,9 @@ int RaidcomCommandHandler::performLogin(bool forceLogin) {
   }
   LoginLockScope insideLoginLock;
 
-  const std::string key = loginCountKey(m_sSerialNumber);
   int count = 0;
-  if (!forceLogin && !readLocalInt(key.c_str(), count)) {
+  if (!forceLogin && !readLoginCount(*m_pSnapInfo, m_sSerialNumber, count)) {
+    logSettingsProblem(*m_pSnapInfo);
     m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to get login count.");
     m_iErrorCode = VT_HDS_ERROR_LOGIN_FAILED;
     m_sErrorString = kLoginFailedText;
@@ -339,7 +419,8 @@ int RaidcomCommandHandler::performLogin(bool forceLogin) {
     count = 0;
   }
   // The count is raised before the command runs; a failed login puts it back below.
-  if (!VTPlatformInfo::setRegInt(VT_HDS_REG_SECTION_LOCAL, key.c_str(), count + 1)) {
+  if (!storeLoginCount(m_sSerialNumber, count + 1)) {
+    logSettingsProblem(*m_pSnapInfo);
     m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to set login count.");
     m_iErrorCode = VT_HDS_ERROR_LOGIN_FAILED;
     m_sErrorString = kLoginFailedText;
@@ -361,7 +442,8 @@ int RaidcomCommandHandler::performLogin(bool forceLogin) {
     m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to login using userName [%s]",
                      m_sUserName.c_str());
     m_iErrorCode = VT_HDS_ERROR_LOGIN_FAILED;
-    if (!VTPlatformInfo::setRegInt(VT_HDS_REG_SECTION_LOCAL, key.c_str(), 0)) {
+    if (!storeLoginCount(m_sSerialNumber, 0)) {
+      logSettingsProblem(*m_pSnapInfo);
       m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to reset login count.");
     }
     return 1;
@@ -378,9 +460,9 @@ int RaidcomCommandHandler::performLogout() {
   }
   LoginLockScope insideLoginLock;
 
-  const std::string key = loginCountKey(m_sSerialNumber);
   int count = 0;
-  if (!readLocalInt(key.c_str(), count)) {
+  if (!readLoginCount(*m_pSnapInfo, m_sSerialNumber, count)) {
+    logSettingsProblem(*m_pSnapInfo);
     m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to get login count.");
     m_iErrorCode = VT_HDS_ERROR_LOGIN_FAILED;
     m_sErrorString = kLoginFailedText;
@@ -390,7 +472,8 @@ int RaidcomCommandHandler::performLogout() {
     m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "login count is -ve [%d]. Something is wrong.", count);
     count = 1;
   }
-  if (!VTPlatformInfo::setRegInt(VT_HDS_REG_SECTION_LOCAL, key.c_str(), count - 1)) {
+  if (!storeLoginCount(m_sSerialNumber, count - 1)) {
+    logSettingsProblem(*m_pSnapInfo);
     m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to set login count.");
     m_iErrorCode = VT_HDS_ERROR_LOGIN_FAILED;
     m_sErrorString = kLoginFailedText;
@@ -422,7 +505,8 @@ int RaidcomCommandHandler::getLoginCount() {
     return -1;
   }
   int count = 0;
-  if (!readLocalInt(loginCountKey(m_sSerialNumber).c_str(), count)) {
+  if (!readLoginCount(*m_pSnapInfo, m_sSerialNumber, count)) {
+    logSettingsProblem(*m_pSnapInfo);
     m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to get login count.");
     return -1;
   }
@@ -660,11 +744,20 @@ int RaidcomCommandHandler::executeCommand(std::string const& command, std::strin
     }
   }
 
-  if (CommandHandler::executeCommand(command, arguments, output, exitCode) != 0) {
-    if (exitCode != VT_HDS_CCI_ERROR_EX_ENAUTH) return 1;
-    // The session expired (or a crash left the shared count too high): one forced login.
-    if (performLogin(true) != 0) return 1;
-    if (CommandHandler::executeCommand(command, arguments, output, exitCode) != 0) return 1;
+  bool restarted = false;
+  bool relogged = false;
+  while (CommandHandler::executeCommand(command, arguments, output, exitCode) != 0) {
+    if (!restarted && horcmInstanceDown(exitCode, output)) {
+      // The instance died, or the host restarted under it: one start, then the command again.
+      restarted = true;
+      if (restartHorcmInstance(command) != 0) return 1;
+    } else if (!relogged && exitCode == VT_HDS_CCI_ERROR_EX_ENAUTH) {
+      // The session expired (or a crash left the shared count too high): one forced login.
+      relogged = true;
+      if (performLogin(true) != 0) return 1;
+    } else {
+      return 1;
+    }
   }
 
   if (m_bKeepCmdOutput && !output.empty()) {
@@ -711,6 +804,24 @@ int RaidcomCommandHandler::executeCommand(std::string const& command, std::strin
     }
   }
   return 0;
+}
+
+int RaidcomCommandHandler::restartHorcmInstance(std::string const& command) {
+  m_pSnapInfo->log(1, VT_HDS_LOG_MODULE,
+                   "Horcm instance [%s] is not running. Starting it again for command [%s].",
+                   m_sHorcmInstance.c_str(), command.c_str());
+  const int errorCode = m_iErrorCode;
+  const std::string errorText = m_sErrorString;
+  // Instances are started under the login lock; a login or logout of this thread holds it.
+  VTHDSLock loginLock(*m_pSnapInfo);
+  if ((t_bInsideLoginLock || loginLock.lock(VT_HDS_RAIDCOM_LOGIN_LOCK, 0)) &&
+      horcmStart(nullptr) == 0) {
+    return 0;
+  }
+  // The command's own failure is what the caller reports.
+  m_iErrorCode = errorCode;
+  m_sErrorString = errorText;
+  return 1;
 }
 
 int RaidcomCommandHandler::resetCommandStatus() {

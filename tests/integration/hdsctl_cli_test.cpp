@@ -8,6 +8,7 @@
 #include <set>
 #include <sstream>
 
+#include "tests/support/Leftovers.h"
 #include "tests/support/TestEnv.h"
 #include "tests/support/ToolRun.h"
 
@@ -170,6 +171,32 @@ TEST(HdsctlCli, CheckPassesOnAReadyHostAndDistrustsANegativeLoginCount) {
   for (const json& c : report["checks"]) {
     EXPECT_EQ(c["result"] == "FAIL", c["check"] == "login count") << c.dump();
   }
+}
+
+// HORCM files of arrays without a session are listed, and removed with --prune; the file of an
+// array with a session stays.
+TEST(HdsctlCli, CheckListsAndPrunesHorcmFilesOfArraysWithoutASession) {
+  TestEnv env;
+  SimArray sim(env);
+  useSimArray(env, sim);
+  sim.startRaidcomSession(3532);
+  env.writeSettings("[iHarbor]\nsVTHDSHorcmDirectory = " + env.cciDir() +
+                    "\n[~iHarbor]\nsVTHDSRaidcomLockCount_412345 = 1\n");
+  hdstest::writeFile(env.horcmDir() + "horcm3531.conf",
+                     "#HORCM file create by Tessaly Kestrel. Do not alter the file content or "
+                     "delete the file.\nHORCM_CMD\n#\\\\.\\CMD-499999\n");
+  json report = json::parse(hdsctl({"check", "--json"}).out);
+  std::string horcm;
+  for (const json& c : report["checks"]) {
+    if (c["check"] == "HORCM files")
+      horcm = c["result"].get<std::string>() + " " + c["detail"].get<std::string>();
+  }
+  EXPECT_EQ(horcm,
+            "warn 1 of arrays without a session: horcm3531.conf (array 499999) (--prune "
+            "removes them)");
+  EXPECT_NE(hdsctl({"check", "--prune"}).out.find("removed horcm3531.conf (array 499999)"),
+            std::string::npos);
+  EXPECT_EQ(hdstest::filesIn(env.horcmDir()), std::set<std::string>{"horcm3532.conf"});
 }
 
 TEST(HdsctlCli, LogGoesToTheFileAndWithVerboseToStderrButNeverThePassword) {

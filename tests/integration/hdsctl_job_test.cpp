@@ -109,6 +109,22 @@ TEST_F(HdsctlJob, CompletesAndKeepsAnExistingHostGroup) {
   EXPECT_EQ(arrayState(sim), before);
 }
 
+// A temporary or lock directory that cannot take files stops the job before it opens a session,
+// naming the directory, instead of after S-VOLs were made.
+TEST_F(HdsctlJob, UnusableDirectoriesStopTheJobBeforeTheArrayIsTouched) {
+  const std::string plain = env.root() + "/plain";
+  hdstest::writeFile(plain, "");
+  env.setEnv("HDS_TEMP_DIR", plain.c_str());
+  env.setEnv("HDS_LOCK_DIR", (plain + "/lock").c_str());
+  ToolResult r = runTool({hdsctlPath(), "job", jobFile});
+  EXPECT_EQ(r.exitCode, 1);
+  EXPECT_EQ(failureMessage(r.err),
+            "hdsctl: job t failed at step 'open session': Temporary directory [" + plain +
+                "] cannot be used: Not a directory; Lock directory [" + plain +
+                "/lock] unusable: Not a directory\n");
+  EXPECT_TRUE(sim.journal().empty());
+}
+
 struct FailurePoint {
   const char* match;
   int times;  // scripts and retries run a command again: while making, it fails every time

@@ -70,6 +70,30 @@ class JobStress : public ::testing::Test {
     return succeeded;
   }
 
+  // Runs a job on P-VOL 100 and kills it outright inside its first LDEV creation, which the
+  // array makes last delayMs.
+  void killJobInItsFirstLdevCreation(int delayMs) {
+    hdstest::SimFault slow;
+    slow.match = "add ldev";
+    slow.delayMs = delayMs;
+    sim.addFault(slow);
+    ToolRun killed(
+        {hdstest::hdsctlPath(), "job",
+         jobFile("k", {{"name", "k"}, {"pool", 0}, {"pvols", {100}}, {"svols", {2000}}})});
+    const Clock::time_point deadline = Clock::now() + std::chrono::seconds(60);
+    auto inAddLdev = [this] {
+      for (const hdstest::SimJournalEntry& e : sim.journal()) {
+        if (e.args.size() > 1 && e.args[0] == "add" && e.args[1] == "ldev") return true;
+      }
+      return false;
+    };
+    while (!inAddLdev() && Clock::now() < deadline) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    kill(killed.pid(), SIGKILL);
+    EXPECT_EQ(killed.finish().exitCode, 128 + SIGKILL);
+  }
+
   int loginCount() const {
     const std::string settings = hdstest::readFile(env.settingsFile());
     const size_t at = settings.find("sVTHDSRaidcomLockCount_412345");
@@ -147,24 +171,8 @@ TEST_F(JobStress, ThirtyTwoCompetingJobsSucceedOrFailCleanly) {
 // A job killed inside an asynchronous command, with the host's locks and the array's resource
 // group lock held: the next job must neither wait for those locks nor fail on them.
 TEST_F(JobStress, KilledJobHoldsUpNoJobAfterIt) {
-  hdstest::SimFault slow;
-  slow.match = "add ldev";
-  slow.delayMs = 3000;
-  sim.addFault(slow);
-  ToolRun killed({hdstest::hdsctlPath(), "job",
-                  jobFile("k", {{"name", "k"}, {"pool", 0}, {"pvols", {100}}, {"svols", {2000}}})});
+  killJobInItsFirstLdevCreation(3000);
   const Clock::time_point deadline = Clock::now() + std::chrono::seconds(60);
-  auto inAddLdev = [this] {
-    for (const hdstest::SimJournalEntry& e : sim.journal()) {
-      if (e.args.size() > 1 && e.args[0] == "add" && e.args[1] == "ldev") return true;
-    }
-    return false;
-  };
-  while (!inAddLdev() && Clock::now() < deadline) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  }
-  kill(killed.pid(), SIGKILL);
-  EXPECT_EQ(killed.finish().exitCode, 128 + SIGKILL);
 
   const Clock::time_point start = Clock::now();
   ToolResult next = hdstest::runTool(
@@ -194,3 +202,32 @@ TEST_F(JobStress, KilledJobHoldsUpNoJobAfterIt) {
 }
 
 }  // namespace
+
+// A job killed outright, then the host restarts and its HORCM instance with it: the session the
+// killed job counted did not survive, so the jobs after it start the instance and log in as the
+// first job of a fresh host would.
+TEST_F(JobStress, KilledJobThenARebootLocksNoJobOut) {
+  const std::string boot = env.root() + "/boot_id";
+  hdstest::writeFile(boot, "boot-1\n");
+  env.setEnv("HDS_BOOT_ID_FILE", boot.c_str());
+  killJobInItsFirstLdevCreation(1000);
+  EXPECT_EQ(loginCount(), 1);
+
+  hdstest::writeFile(boot, "boot-2\n");
+  EXPECT_EQ(sim.run("horcmshutdown.sh", {"3532"}).exitCode, 0);
+  for (int i = 1; i <= 3; ++i) {
+    const std::string name = "r" + std::to_string(i);
+    const std::string log = env.root() + "/" + name + ".log";
+    ToolResult r = hdstest::runTool(
+        {hdstest::hdsctlPath(), "--log", log, "job",
+         jobFile(name,
+                 {{"name", name}, {"pool", 0}, {"pvols", {100 + i}}, {"svols", {2000 + i}}})});
+    EXPECT_EQ(r.exitCode, 0) << r.out << r.err;
+    EXPECT_EQ(hdstest::readFile(log).find(
+                  "Login count [1] of array [412345] was kept before the host last started.") !=
+                  std::string::npos,
+              i == 1);
+  }
+  EXPECT_EQ(loginCount(), 0);
+  EXPECT_FALSE(sessionOpen());
+}

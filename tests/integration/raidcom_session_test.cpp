@@ -8,8 +8,10 @@
 
 #include <functional>
 
+#include "hds/platform/SettingsText.h"
 #include "hds/platform/ZoSleep.h"
 #include "tests/support/FakeTools.h"
+#include "tests/support/Leftovers.h"
 #include "tests/support/ProcessHelpers.h"
 #include "tests/support/RaidcomProbe.h"
 #include "tests/support/RecordingSnapInfo.h"
@@ -329,6 +331,105 @@ TEST_F(RaidcomSession, DelayedLogoutKeepsThePrepareSessionForTheCreateStep) {
   EXPECT_EQ(count("-login"), 1u);
   EXPECT_EQ(count("-logout"), 1u);
   EXPECT_EQ(storedLoginCount(SimArray::kSerial), 0);
+}
+
+TEST_F(RaidcomSession, StoppedInstanceIsStartedAgainOnce) {
+  expectInChild([&] {
+    RaidcomProbe handler(log, param());
+    ASSERT_EQ(handler.errorCode(), 0) << handler.errorText();
+    std::map<std::string, ResourceGroupStatus> groups;
+    // The instance went, and the session with it: one start, one login, and the listing again.
+    sim.run("horcmshutdown.sh", {"3532"});
+    EXPECT_EQ(handler.getResourceGroup(groups, false), 0) << handler.errorText();
+    EXPECT_TRUE(
+        log.contains("Horcm instance [3532] is not running. Starting it again for command "
+                     "[raidcom  get resource ].",
+                     1));
+    sim.addFault(failing("get resource", 251,
+                         "raidcom: [EX_ATTHOR] Can't be attached to HORC manager\n", 2));
+    EXPECT_EQ(handler.getResourceGroup(groups, false), 1);
+    EXPECT_EQ(handler.errorText(), "Command '" + env.cciDir() +
+                                       "raidcom  get resource   -IM3532 -s 412345 returned exit "
+                                       "code [251].");
+  });
+  EXPECT_EQ(horcmStarts(), 3u);
+  EXPECT_EQ(count("-login"), 2u);
+  EXPECT_EQ(count("get", "resource"), 3u + 2u);
+}
+
+TEST_F(RaidcomSession, FailedSessionsGiveTheirInstanceBack) {
+  expectInChild([&] {
+    // Arrays this host does not reach: their instances never start.
+    for (int i = 0; i < 40; ++i) {
+      HDSCLIInitParam p = param();
+      p.serialNumber = std::to_string(400000 + i);
+      p.commandDevices = {"\\\\.\\CMD-" + p.serialNumber + ":/dev/sdc"};
+      ASSERT_NE(RaidcomProbe(log, p).errorCode(), 0);
+    }
+    // A refused login stops the instance it had started.
+    HDSCLIInitParam p = param();
+    p.password = "wrong";
+    EXPECT_EQ(RaidcomProbe(log, p).errorCode(), 62602);
+    RaidcomProbe working(log, param());
+    EXPECT_EQ(working.errorCode(), 0) << working.errorText();
+    EXPECT_EQ(working.instance(), "3532");
+  });
+  EXPECT_EQ(hdstest::filesIn(env.horcmDir()), std::set<std::string>{"horcm3532.conf"});
+  EXPECT_EQ(horcmStarts(), 40u + 2u);
+  size_t shutdowns = 0;
+  for (const SimJournalEntry& e : sim.journal()) shutdowns += e.tool == "horcmshutdown.sh";
+  EXPECT_EQ(shutdowns, 1u);
+}
+
+// Bounds where the settings give no rule of their own: below 1 is the default.
+TEST_F(RaidcomSession, OutOfRangeRetrySettingsFallBackToTheirDefaults) {
+  settings("sVTHDSRaidcomTimeoutInSecs=-5\nsVTHDSRaidcomMaxRetryCount=0\n");
+  expectInChild([&] {
+    RaidcomProbe handler(log, param());
+    EXPECT_EQ(handler.getArrayLockTimeoutVal(), 30);
+    EXPECT_TRUE(log.contains(
+        "Setting [sVTHDSRaidcomTimeoutInSecs] has value [-5], below 1. Using [30].", 1));
+    EXPECT_TRUE(log.contains(
+        "Setting [sVTHDSRaidcomMaxRetryCount] has value [0], below 1. Using [50].", 1));
+    // With no status round an asynchronous command could never be judged a success.
+    std::string output;
+    int exitCode = 0;
+    EXPECT_EQ(handler.executeCommand("raidcom  modify ldev ",
+                                     " -ldev_id 100 -ldev_name renamed" + handler.instanceArgs(),
+                                     output, exitCode, true),
+              0)
+        << handler.errorText();
+  });
+}
+
+// Where the error text is fixed, the log line before it names the path and the system's reason.
+TEST_F(RaidcomSession, HostStateFailuresNameTheirPathAndReason) {
+  const std::string notADirectory = env.root() + "/plain";
+  writeFile(notADirectory, "");
+  expectInChild([&] {
+    env.setEnv("HDS_LOCK_DIR", notADirectory.c_str());
+    EXPECT_EQ(RaidcomProbe(log, param()).errorText(), "Failed to login to array.");
+    EXPECT_TRUE(log.contains("Lock directory [" + notADirectory + "] unusable: Not a directory", 2))
+        << log.dump();
+    env.setEnv("HDS_LOCK_DIR", env.lockDir().c_str());
+
+    hdsplatform::setSettingsFaultForTest(hdsplatform::SettingsFault::kWrite);
+    EXPECT_EQ(RaidcomProbe(log, param()).errorText(), "Failed to login to array.");
+    hdsplatform::setSettingsFaultForTest(hdsplatform::SettingsFault::kNone);
+    EXPECT_TRUE(log.contains(
+        "Settings file [" + env.settingsFile() + "] cannot be written: Input/output error", 2));
+
+    writeFile(env.settingsFile(), std::string("[iHarbor]\0\0", 11));
+    EXPECT_EQ(RaidcomProbe(log, param()).errorText(),
+              "Settings file [" + env.settingsFile() + "] is not a text file.");
+  });
+  settings("");
+  expectInChild([&] {
+    env.setEnv("HDS_TEMP_DIR", " ");
+    EXPECT_FALSE(RaidcomProbe(log, param()).loggedIn());
+    EXPECT_TRUE(log.contains("Temporary directory [ ] is not an absolute path", 2));
+  });
+  EXPECT_FALSE(hdstest::pathExists(" "));
 }
 
 }  // namespace

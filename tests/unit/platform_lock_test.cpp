@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstring>
 #include <thread>
@@ -163,4 +164,31 @@ TEST(NamedLockFiles, ChildStartedWhileHeldDoesNotKeepIt) {
   EXPECT_LT(msSince(start), 1000);
   kill(tool, SIGKILL);
   hdstest::waitChild(tool);
+}
+
+// A lock file removed while held: the holder keeps a lock nobody else can find, and a newcomer
+// takes the file now at the path at once. A process that was already waiting must end up on
+// that new file too, not slip in on the old one when its holder lets go.
+TEST(NamedLockIdentity, WaiterMovesToTheFileNowAtThePath) {
+  hdstest::TestEnv env;
+  const std::string name = "VT_HDS_SYNC_COMMANDS";
+  VtNamedMutex holder(name);
+  ASSERT_TRUE(holder.lock(1000));
+  VtNamedMutex waiter(name);  // mapped on the file that is about to go
+  std::atomic<int> waited{-1};
+  std::thread waiting([&] { waited = waiter.lock(3000) ? 1 : 0; });
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));
+
+  ASSERT_EQ(unlink(VtNamedMutex::lockFilePath(name).c_str()), 0);
+  VtNamedMutex newcomer(name);
+  ASSERT_TRUE(newcomer.lock(100)) << newcomer.lastError();
+  holder.unlock();
+  std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  EXPECT_EQ(waited, -1) << "the waiter took the old file's lock while the newcomer holds the name";
+
+  newcomer.unlock();
+  waiting.join();
+  EXPECT_EQ(waited, 1);
+  waiter.unlock();
+  EXPECT_TRUE(otherProcessGets(name, 1000));
 }

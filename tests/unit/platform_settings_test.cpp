@@ -1,9 +1,12 @@
 #include <dirent.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <set>
 #include <thread>
+#include <vector>
 
 #include "hds/platform/SettingsText.h"
 #include "hds/platform/VTPlatformInfo.h"
@@ -147,4 +150,41 @@ TEST(SettingsDurability, FailedRewriteKeepsOldContentAndNoTempFile) {
               (std::set<std::string>{"settings.conf", "settings.conf.lock"}));
   }
   EXPECT_TRUE(VTPlatformInfo::setRegInt("iHarbor", "nCount", 2));
+}
+
+// A settings file that is there but cannot be used is an error naming it, never "nothing set";
+// a linked one is read through the link and rewritten beside the file it points at.
+TEST(SettingsFile, UnusableFileIsNamedAndALinkIsFollowed) {
+  hdstest::TestEnv env;
+  const std::string path = env.settingsFile();
+  std::string problem;
+  EXPECT_TRUE(VTPlatformInfo::checkSettingsFile(problem));  // absent: every default
+
+  const std::string repo = env.root() + "/repo";
+  ASSERT_EQ(mkdir(repo.c_str(), 0755), 0);
+  hdstest::writeFile(repo + "/settings.conf", "[iHarbor]\nnA=1\n");
+  ASSERT_EQ(symlink((repo + "/settings.conf").c_str(), path.c_str()), 0);
+  int value = 0;
+  EXPECT_TRUE(VTPlatformInfo::getRegInt("iHarbor", "nA", &value));
+  EXPECT_TRUE(VTPlatformInfo::setRegInt("iHarbor", "nB", 2));
+  struct stat st;
+  ASSERT_EQ(lstat(path.c_str(), &st), 0);
+  EXPECT_TRUE(S_ISLNK(st.st_mode));
+  EXPECT_EQ(hdstest::readFile(repo + "/settings.conf"), "[iHarbor]\nnA=1\nnB=2\n");
+  EXPECT_EQ(filesIn(repo), std::set<std::string>{"settings.conf"});
+
+  const std::vector<std::pair<std::string, std::string>> cases = {
+      {"binary", "is not a text file"}, {"directory", "is not a regular file"}};
+  for (const auto& c : cases) {
+    unlink(path.c_str());
+    if (c.first == "binary") {
+      hdstest::writeFile(path, std::string("[iHarbor]\nnA=1\n\0\x01\x7f", 18));
+    } else {
+      ASSERT_EQ(symlink(repo.c_str(), path.c_str()), 0);
+    }
+    EXPECT_FALSE(VTPlatformInfo::checkSettingsFile(problem)) << c.first;
+    EXPECT_EQ(problem, "Settings file [" + path + "] " + c.second);
+    EXPECT_FALSE(VTPlatformInfo::setRegInt("iHarbor", "nA", 3)) << "overwrote " << c.first;
+    EXPECT_EQ(VTPlatformInfo::lastError(), problem);
+  }
 }

@@ -10,12 +10,17 @@
 #include <fstream>
 #include <iostream>
 #include <iterator>
+#include <memory>
+#include <set>
 
 #include "hds/common/HDSConstants.h"
 #include "hds/handler/CommandHandler.h"
+#include "hds/helper/CommandHelper.h"
 #include "hds/platform/VTPI_Base.h"
 #include "hds/platform/VTPlatformInfo.h"
 #include "hds/platform/VtNamedMutex.h"
+#include "hds/raidcom/LoginCount.h"
+#include "hds/raidcom/RaidcomParsers.h"
 #include "tools/hdsctl/Commands.h"
 #include "tools/hdsctl/Output.h"
 
@@ -72,16 +77,6 @@ std::string cciDirectory(const ArrayOptions& array) {
     return buf;
   }
   return array.cciDir.empty() ? VT_HDS_DEFAULT_CCI_PATH : array.cciDir;
-}
-
-// Makes and removes a file in dir: what the library itself will do there. "" when it works.
-std::string probeWritable(const std::string& dir) {
-  std::string path = withSlash(dir) + ".hdsctl-check.XXXXXX";
-  int fd = mkstemp(&path[0]);
-  if (fd < 0) return strerror(errno);
-  close(fd);
-  unlink(path.c_str());
-  return "";
 }
 
 void checkCci(Report& report, LogSink& log, const ArrayOptions& array) {
@@ -151,17 +146,15 @@ void checkDirectories(Report& report) {
   std::string horcm = VTPI_Base::getHorcmDirectory();
   if (!isDirectory(horcm)) {
     report.fail("HORCM directory", horcm + " does not exist (set HDS_HORCM_DIR to use another)");
-  } else if (std::string error = probeWritable(horcm); !error.empty()) {
-    report.fail("HORCM directory", horcm + " is not writable: " + error);
+  } else if (std::string error = VTPI_Base::directoryProblem(horcm); !error.empty()) {
+    report.fail("HORCM directory", horcm + " " + error);
   } else {
     report.ok("HORCM directory", horcm + " (writable)");
   }
 
   const char* temp = VTPI_Base::getOrreryTempDirectory();
-  if (temp == nullptr) {
-    report.fail("temporary directory", "cannot make the temporary directory (HDS_TEMP_DIR)");
-  } else if (std::string error = probeWritable(temp); !error.empty()) {
-    report.fail("temporary directory", std::string(temp) + " is not writable: " + error);
+  if (std::string error = VTPI_Base::tempDirectoryProblem(); !error.empty()) {
+    report.fail("temporary directory", error + " (HDS_TEMP_DIR)");
   } else {
     report.ok("temporary directory", std::string(temp) + " (writable)");
   }
@@ -170,10 +163,11 @@ void checkDirectories(Report& report) {
 void checkSettings(Report& report) {
   std::string path = VTPlatformInfo::settingsFile();
   struct stat st;
-  if (stat(path.c_str(), &st) != 0) {
+  std::string problem;
+  if (!VTPlatformInfo::checkSettingsFile(problem)) {
+    report.fail("settings file", problem);
+  } else if (stat(path.c_str(), &st) != 0) {
     report.ok("settings file", path + " absent: every setting at its default");
-  } else if (!std::ifstream(path)) {
-    report.fail("settings file", path + " is not readable: " + strerror(errno));
   } else {
     report.ok("settings file", path + " (readable)");
   }
@@ -211,8 +205,13 @@ void checkLoginCount(Report& report, const std::string& serial) {
   }
   std::string key = std::string(VT_HDS_RAIDCOM_LOCK_COUNT) + "_" + serial;
   int count = 0;
-  if (!VTPlatformInfo::getRegInt(VT_HDS_REG_SECTION_LOCAL, key.c_str(), &count)) {
+  int voided = -1;
+  if (!readLoginCount(serial, count, &voided)) {
     report.ok("login count", "no session of array " + serial + " counted on this host");
+  } else if (voided >= 0) {
+    report.ok("login count", std::to_string(voided) + " session(s) of array " + serial +
+                                 " counted before the host last started: void, the next "
+                                 "session starts afresh");
   } else if (count < 0) {
     report.fail("login count",
                 key + " is " + std::to_string(count) + ": negative; set it to 0 while no job runs");
@@ -226,7 +225,54 @@ void checkLoginCount(Report& report, const std::string& serial) {
   }
 }
 
-int runCheck(Context& ctx) {
+// The raidcom handler's HORCM files whose arrays have no session on this host. They outlive
+// their sessions on purpose (the next session reuses them), but every one holds an instance
+// number, and arrays that were tried once and never again can use up all of them.
+void checkHorcmFiles(Report& report, LogSink& log, bool prune) {
+  // Under the login lock no handler is choosing, starting or counting meanwhile.
+  VTHDSLock loginLock(log.snapInfo());
+  if (!loginLock.lock(VT_HDS_RAIDCOM_LOGIN_LOCK, 1)) {
+    report.warn("HORCM files", "the login lock is held: sessions are being opened or closed");
+    return;
+  }
+  std::vector<std::string> unused;
+  std::vector<int> instances;
+  for (int n = VT_HDS_RAIDCOM_HORCM_INST_START; n >= VT_HDS_RAIDCOM_HORCM_INST_END; --n) {
+    const std::string path = CommandHandler::horcmFilePath(std::to_string(n));
+    std::ifstream in(path);
+    std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    if (!in || text.rfind("#HORCM file create by ", 0) != 0) continue;
+    std::set<std::string> serials;
+    parseHorcmFileSerials(text, serials);
+    bool live = false;
+    for (const std::string& serial : serials) {
+      int count = 0;
+      live = live || (readLoginCount(serial, count, nullptr) && count > 0);
+    }
+    if (live) continue;
+    unused.push_back("horcm" + std::to_string(n) + ".conf (array " +
+                     joinWords({serials.begin(), serials.end()}, ", ") + ")");
+    instances.push_back(n);
+  }
+  if (unused.empty()) {
+    report.ok("HORCM files", "none of an array without a session");
+  } else if (!prune) {
+    report.warn("HORCM files", std::to_string(unused.size()) + " of arrays without a session: " +
+                                   joinWords(unused, ", ") + " (--prune removes them)");
+  } else {
+    // The instance of a file goes with it; one that is not running is fine as it is.
+    HDSCLIInitParam param;
+    CommandHandler handler(log.snapInfo(), param);
+    for (int n : instances) {
+      const std::string instance = std::to_string(n);
+      handler.horcmShutdown(instance.c_str());
+      unlink(CommandHandler::horcmFilePath(instance).c_str());
+    }
+    report.ok("HORCM files", "removed " + joinWords(unused, ", "));
+  }
+}
+
+int runCheck(Context& ctx, bool prune) {
   applyCciDirOption(ctx.log, ctx.array);
   Report report;
   checkCci(report, ctx.log, ctx.array);
@@ -234,6 +280,7 @@ int runCheck(Context& ctx) {
   checkSettings(report);
   checkLocks(report);
   checkLoginCount(report, ctx.array.serial);
+  checkHorcmFiles(report, ctx.log, prune);
 
   int failed = report.failures();
   if (ctx.json) {
@@ -263,7 +310,10 @@ void addCheckCommand(CLI::App& app, Context& ctx) {
       "Is this host ready (CCI, command device, directories, settings, locks, login count)");
   addArrayOptions(check, ctx.array);
   addJsonFlag(check, ctx);
-  check->callback([&ctx] { ctx.action = [&ctx] { return runCheck(ctx); }; });
+  auto prune = std::make_shared<bool>(false);
+  check->add_flag("--prune", *prune,
+                  "Remove the HORCM files (and stop the instances) of arrays without a session");
+  check->callback([&ctx, prune] { ctx.action = [&ctx, prune] { return runCheck(ctx, *prune); }; });
 }
 
 }  // namespace hdsctl

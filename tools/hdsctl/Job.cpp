@@ -17,6 +17,7 @@
 #include <thread>
 
 #include "hds/common/HDSConstants.h"
+#include "tools/hdsctl/HostReady.h"
 #include "tools/hdsctl/Output.h"
 
 namespace hdsctl {
@@ -236,6 +237,7 @@ bool JobRun::isOurSvol(const std::string& ldev) const {
 }
 
 std::string JobRun::openSession() {
+  if (std::string problems = hostProblemsForJob(); !problems.empty()) throw Failure(problems);
   m_pSession.reset(new ArraySession(m_oCtx.log, m_oSpec.array));
   require(h().lockResource(), "cannot lock the resource group");
   m_bLocked = true;

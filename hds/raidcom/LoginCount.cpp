@@ -1,0 +1,49 @@
+#include "hds/raidcom/LoginCount.h"
+
+#include "hds/common/HDSConstants.h"
+#include "hds/platform/VTPlatformInfo.h"
+
+namespace {
+
+std::string countKey(std::string const& serialNumber) {
+  return std::string(VT_HDS_RAIDCOM_LOCK_COUNT) + "_" + serialNumber;
+}
+
+std::string bootKey(std::string const& serialNumber) {
+  return "sVTHDSRaidcomLockBoot_" + serialNumber;
+}
+
+}  // namespace
+
+bool readLoginCount(std::string const& serialNumber, int& count, int* voidedCount) {
+  if (voidedCount != nullptr) *voidedCount = -1;
+  if (!VTPlatformInfo::getRegInt(VT_HDS_REG_SECTION_LOCAL, countKey(serialNumber).c_str(),
+                                 &count)) {
+    return false;
+  }
+  char stored[256] = {};
+  if (count == 0 ||
+      !VTPlatformInfo::getString(VT_HDS_REG_SECTION_LOCAL, bootKey(serialNumber).c_str(), stored,
+                                 sizeof(stored))) {
+    return true;
+  }
+  // No session survives a restart of the host; its count would keep every later handler from
+  // starting the instance, and no expired-session answer ever comes to repair it.
+  const std::string boot = VTPlatformInfo::bootIdentity();
+  if (boot.empty() || boot == stored) return true;
+  if (voidedCount != nullptr) *voidedCount = count;
+  count = 0;
+  return true;
+}
+
+bool storeLoginCount(std::string const& serialNumber, int count) {
+  const std::string boot = VTPlatformInfo::bootIdentity();
+  if (boot.empty()) {
+    return VTPlatformInfo::setRegInt(VT_HDS_REG_SECTION_LOCAL, countKey(serialNumber).c_str(),
+                                     count);
+  }
+  // One rewrite: a crash never pairs a count with another boot.
+  return VTPlatformInfo::setStrings(
+      VT_HDS_REG_SECTION_LOCAL,
+      {{countKey(serialNumber), std::to_string(count)}, {bootKey(serialNumber), boot}});
+}
