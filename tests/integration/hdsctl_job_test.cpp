@@ -276,6 +276,7 @@ TEST_F(HdsctlJob, WhatCannotBeCleanedUpIsLeftForRecover) {
 TEST_F(HdsctlJob, SignalsEndTheJobAtTheNextStepAndCleanUp) {
   for (const std::vector<int>& signals :
        std::vector<std::vector<int>>{{SIGINT}, {SIGHUP}, {SIGINT, SIGINT, SIGTERM}}) {
+    sim.admin({"journal", "--clear"});
     sim.addFault(slow("add snapshot"));
     ToolRun job({hdsctlPath(), "job", jobFile, "--json"});
     waitForCall("add snapshot");
@@ -344,20 +345,87 @@ TEST_F(HdsctlJob, TwinsDoNotShareTheirObjects) {
   EXPECT_EQ(loginCount(), 0);
 }
 
+// A listing that keeps answering garbage proves nothing: what it was to show gone is left for
+// hdsctl recover, never reported removed.
+TEST_F(HdsctlJob, GarbageListingsRemoveNothingUnverified) {
+  SimFault garbage;
+  garbage.match = "get snapshot";
+  garbage.exitCode = 0;
+  garbage.out =
+      "garbage line with many words and not one number in it\n"
+      "more garbage line with many words and not one number in it\n";
+  garbage.times = -1;
+  sim.addFault(garbage);
+  ToolResult r = runTool({hdsctlPath(), "job", jobFile, "--json"});
+  EXPECT_EQ(r.exitCode, 1);
+  json summary = json::parse(r.out);
+  EXPECT_EQ(summary["failedStep"], "snapshot create");
+  for (const json& removed : summary["removed"]) {
+    EXPECT_EQ(removed.get<std::string>().find("snapshot"), std::string::npos) << removed;
+  }
+  EXPECT_NE(summary["leftOnArray"].dump().find("snapshot pairs of KS_SNAP_t (S-VOLs 2000, 2001, "
+                                               "2002) (left for `hdsctl recover`)"),
+            std::string::npos)
+      << summary["leftOnArray"];
+  EXPECT_TRUE(summary["leftForRecover"].get<bool>());
+
+  sim.admin({"fault", "clear"});
+  r = runTool({hdsctlPath(), "recover", "t"});
+  EXPECT_EQ(r.exitCode, 0) << r.out << r.err;
+  EXPECT_EQ(arrayState(sim), before);
+  EXPECT_EQ(loginCount(), 0);
+}
+
+// An array that stops answering: the clean-up stops at its first call that meets the command
+// time-out, so the job ends within twice the time-out after the step that met it, and the rest,
+// the session and the lock are left for recover.
+TEST_F(HdsctlJob, DeadArrayEndsTheJobWithinTheCleanUpDeadline) {
+  env.writeSettings("[iHarbor]\nsVTHDSHorcmDirectory = " + sim.cciDir() +
+                    "\n[~iHarbor]\nnVTHDSCCICommandTimeoutInSec = 30\n");
+  hdstest::writeFile(jobFile, R"({"name": "t", "pool": 0, "pvols": [100, 101, 102, 103]})");
+  sim.addFault(slow("add snapshot"));
+  ToolRun job({hdsctlPath(), "job", jobFile, "--json"});
+  waitForCall("add snapshot");
+  SimFault dead;
+  dead.tool = "*";
+  dead.delayMs = 120 * 1000;
+  dead.times = -1;
+  sim.addFault(dead);
+  const auto start = std::chrono::steady_clock::now();
+  ToolResult r = job.finish();
+  const double seconds =
+      std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  EXPECT_EQ(r.exitCode, 1) << r.err;
+  EXPECT_LT(seconds, 3 * 30) << "a time-out for the step and one for the clean-up";
+  EXPECT_NE(r.err.find("clean-up stopped: the array did not answer in time"), std::string::npos)
+      << r.err;
+  json summary = json::parse(r.out);
+  EXPECT_TRUE(summary["leftForRecover"].get<bool>());
+  EXPECT_EQ(summary["removed"], json::array());
+
+  sim.admin({"fault", "clear"});
+  waitForTools();
+  r = runTool({hdsctlPath(), "recover"});
+  EXPECT_EQ(r.exitCode, 0) << r.out << r.err;
+  EXPECT_EQ(arrayState(sim), before);
+  EXPECT_EQ(loginCount(), 0);
+}
+
 // The journal: a torn last line is the write its runner died in; any other unreadable line is
 // an error that names the file.
 TEST_F(HdsctlJob, JournalTornAndUnreadable) {
   const std::string journal = env.tempDir() + "/jobs/t.journal";
-  ASSERT_EQ(mkdir((env.tempDir() + "/jobs").c_str(), 0700), 0);
   const std::string header =
       json({{"job", "t"}, {"pid", 1}, {"boot", "x"}, {"array", {{"serial", SimArray::kSerial}}}})
           .dump() +
       "\n";
+  mkdir((env.tempDir() + "/jobs").c_str(), 0700);
   hdstest::writeFile(journal, header + R"({"do": "svol", "id": 1, "ldev": "20)");
   ToolResult r = runTool({hdsctlPath(), "recover", "t"});
   EXPECT_EQ(r.exitCode, 0) << r.out << r.err;
   EXPECT_FALSE(hdstest::pathExists(journal));
 
+  mkdir((env.tempDir() + "/jobs").c_str(), 0700);
   hdstest::writeFile(journal, header + "garbage\n{\"undone\": 1}\n");
   r = runTool({hdsctlPath(), "recover", "t"});
   EXPECT_EQ(r.exitCode, 1);
