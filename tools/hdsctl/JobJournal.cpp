@@ -6,6 +6,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
@@ -235,6 +237,18 @@ bool JobLock::tryLock() {
   return m_oMutex.lock(0);
 }
 
+std::unique_ptr<VtNamedMutex> lockHostGroup(const std::string& serial, const std::string& port,
+                                            const std::string& name) {
+  std::string key = port + " " + name;
+  // Host group names compare without regard to case on the array.
+  for (char& c : key) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+  std::unique_ptr<VtNamedMutex> lock(new VtNamedMutex("hdsctl host group " + serial + " " + key));
+  if (!lock->isValid() || !lock->lock(30UL * 60 * 1000)) {
+    throw Failure("cannot take the host's lock of host group " + name + " on " + port);
+  }
+  return lock;
+}
+
 int commandTimeoutSeconds() {
   int timeout = 0;
   if (!VTPlatformInfo::getRegInt(VT_HDS_REG_SECTION_LOCAL, "nVTHDSCCICommandTimeoutInSec",
@@ -369,6 +383,7 @@ void Undoer::undoHostGroup(const json& args, std::string& note) {
   const std::string port = args.value("port", "");
   const std::string name = args.value("name", "");
   const std::vector<std::string> svols = texts(args, "svols");
+  const std::unique_ptr<VtNamedMutex> lock = lockHostGroup(m_sSerial, port, name);
   std::string id = lookUpHostGroup(m_rSession, port, name);
   if (id.empty()) return;
   // Another job that found the group may have presented its S-VOLs there meanwhile; removing
@@ -392,6 +407,8 @@ void Undoer::undoLuns(const json& args) {
   const std::string port = args.value("port", "");
   const std::string id = args.value("host_group_id", "");
   const std::vector<std::string> svols = texts(args, "svols");
+  const std::unique_ptr<VtNamedMutex> lock =
+      lockHostGroup(m_sSerial, port, args.value("host_group", id));
   auto ourLuns = [&] {
     std::vector<hdsLun_t> luns;
     if (h().getLunsForHostGroup(port, id, luns) != 0) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
@@ -116,6 +117,13 @@ class Undoer {
   void undoHostGroup(const nlohmann::json& args, std::string& note);
   void undoLuns(const nlohmann::json& args);
 };
+
+// The host-wide lock of one host group of an array, held by the jobs of this host while they look
+// a group up and make it or present on it, and while they withdraw from it and remove it: the
+// group a job found is not removed under it, nor one it removes made anew meanwhile. A Failure
+// when it cannot be had.
+std::unique_ptr<VtNamedMutex> lockHostGroup(const std::string& serial, const std::string& port,
+                                            const std::string& name);
 
 // The command time-out of the library ("nVTHDSCCICommandTimeoutInSec", at least 30 s).
 int commandTimeoutSeconds();

@@ -454,6 +454,8 @@ std::string JobRun::operate(const char* op, const char* status, const std::strin
 
 std::string JobRun::present() {
   const std::string& port = m_oSpec.port;
+  const std::unique_ptr<VtNamedMutex> lock =
+      lockHostGroup(m_oSpec.array.serial, port, m_oSpec.hostGroup);
   m_sHostGroupId = lookUpHostGroup(*m_pSession, port, m_oSpec.hostGroup);
   bool made = false;
   if (m_sHostGroupId.empty()) {
@@ -470,7 +472,10 @@ std::string JobRun::present() {
               "cannot register WWN " + wwn + " in host group " + m_oSpec.hostGroup);
     }
   }
-  push("luns", {{"port", port}, {"host_group_id", m_sHostGroupId}, {"svols", svolIds()}});
+  push("luns", {{"port", port},
+                {"host_group", m_oSpec.hostGroup},
+                {"host_group_id", m_sHostGroupId},
+                {"svols", svolIds()}});
   require(h().mapDeviceGroupToHostGroup(m_sSvolGroup, port, m_sHostGroupId),
           "cannot present the S-VOLs on " + port + "-" + m_sHostGroupId);
   std::vector<hdsLun_t> luns;
