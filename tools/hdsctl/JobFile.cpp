@@ -56,7 +56,7 @@ constexpr size_t kMaxJobName = VT_HDS_MAX_DEVICE_GROUP_NAME - 9;
 constexpr long kMaxLdev = VT_HDS_MAX_LDEV_ID_NUMBER_VSP;
 constexpr size_t kMaxPvols = kMaxLdev + 1;
 constexpr long kMaxPool = 65535;
-constexpr long kMaxWaitSeconds = 24 * 60 * 60;
+constexpr long kMaxWaitSeconds = 24L * 60 * 60;
 constexpr off_t kMaxJobFileBytes = 1 << 20;
 
 // A whole number from 0 to max, given as a JSON number or as decimal text.

@@ -59,7 +59,12 @@ std::vector<std::string> texts(const json& args, const char* key) {
 std::string describeUndo(const UndoEntry& e) {
   const json& a = e.args;
   if (e.kind == "svol") return "S-VOL " + a.value("ldev", "");
-  if (e.kind == "device groups") return "device groups " + joinWords(texts(a, "groups"), " and ");
+  if (e.kind == "device groups") {
+    std::vector<std::string> names;
+    const json groups = a.value("groups", json::object());
+    for (const auto& g : groups.items()) names.push_back(g.key());
+    return "device groups " + joinWords(names, " and ");
+  }
   if (e.kind == "snapshots") {
     return "snapshot pairs of " + a.value("group", "") + " (S-VOLs " +
            joinWords(texts(a, "svols"), ", ") + ")";
@@ -262,9 +267,9 @@ int commandTimeoutSeconds() {
 Undoer::Undoer(ArraySession& session, const std::string& serial)
     : m_rSession(session), m_sSerial(serial), m_iTimeoutSec(commandTimeoutSeconds()) {}
 
-void Undoer::require(int rc, const std::string& what, double seconds) {
+void Undoer::require(int rc, const std::string& what, double seconds, std::string error) {
   if (rc == 0) return;
-  const std::string error = handlerError(m_rSession.handler());
+  if (error.empty()) error = handlerError(m_rSession.handler());
   // A call that used up the command time-out will use it up again: the array is not answering.
   if (seconds >= m_iTimeoutSec * 0.9 || error.find("timedout") != std::string::npos) m_bDead = true;
   throw Failure(what + ": " + error);
@@ -332,20 +337,20 @@ void Undoer::undoSvol(const json& args) {
 }
 
 void Undoer::undoDeviceGroups(const json& args) {
-  for (const std::string& g : texts(args, "groups")) {
-    std::vector<std::string> groups;
-    call([&] { return h().getDeviceGroupList(groups); }, "cannot list the device groups");
-    if (std::find(groups.begin(), groups.end(), g) != groups.end()) {
-      call([&] { return h().deleteDeviceGroup(g); }, "cannot delete device group " + g);
+  const json groups = args.value("groups", json::object());
+  // Member by member, without a listing first: each answer, removed or not a member, is the
+  // array's own word, which a listing that answers garbage is not.
+  for (const auto& group : groups.items()) {
+    for (const std::string& ldev : group.value().get<std::vector<std::string>>()) {
+      call([&] { return h().deleteLdevFromDeviceGroup(ldev, group.key()); },
+           "cannot delete device group " + group.key());
     }
-    // Read back from both sides: the list, and the group's own members, which the array
-    // refuses to list once the group is gone and garbage in place of a listing does not give.
-    groups.clear();
-    call([&] { return h().getDeviceGroupList(groups); }, "cannot list the device groups");
-    std::vector<hdsLdev_t> members;
-    (void)h().getVolsInDeviceGroup(members, g);
-    if (std::find(groups.begin(), groups.end(), g) != groups.end() || !members.empty()) {
-      throw Failure("device group " + g + " does not read back as deleted");
+  }
+  std::vector<std::string> listed;
+  call([&] { return h().getDeviceGroupList(listed); }, "cannot list the device groups");
+  for (const auto& group : groups.items()) {
+    if (std::find(listed.begin(), listed.end(), group.key()) != listed.end()) {
+      throw Failure("device group " + group.key() + " does not read back as deleted");
     }
   }
 }
@@ -411,10 +416,15 @@ void Undoer::undoLuns(const json& args) {
       lockHostGroup(m_sSerial, port, args.value("host_group", id));
   auto ourLuns = [&] {
     std::vector<hdsLun_t> luns;
+    if (m_bDead) throw Failure("cannot list the LUNs: not tried, the array did not answer in time");
+    const auto start = std::chrono::steady_clock::now();
     if (h().getLunsForHostGroup(port, id, luns) != 0) {
+      const double seconds =
+          std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+      const std::string error = handlerError(h());
       // The job that made the group may have removed it, and our LUNs with it.
       if (lookUpHostGroup(m_rSession, port, id).empty()) return std::vector<std::string>{};
-      call([] { return 1; }, "cannot list the LUNs of " + port + "-" + id);
+      require(1, "cannot list the LUNs of " + port + "-" + id, seconds, error);
     }
     std::vector<std::string> ours;
     for (const hdsLun_t& lun : luns) {

@@ -106,8 +106,8 @@ class Undoer {
   bool m_bDead = false;
 
   RaidcomCommandHandler& h() { return m_rSession.handler(); }
-  // Failure with the library's error when rc is not 0; notes a time-out.
-  void require(int rc, const std::string& what, double seconds);
+  // Failure with the library's error (or this one) when rc is not 0; notes a time-out.
+  void require(int rc, const std::string& what, double seconds, std::string error = "");
   template <class Fn>
   void call(Fn fn, const std::string& what);
 

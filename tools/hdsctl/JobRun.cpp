@@ -378,7 +378,9 @@ void JobRun::checkDeviceGroup(const std::string& group, bool pvolSide) {
   for (const JobPair& p : m_oPairs) {
     const std::string& id = pvolSide ? p.pvol : p.svol;
     if (in.count(id) == 0) {
-      throw Failure("LDEV " + id + " is missing from " + group + kUnconfirmed);
+      std::string what = "LDEV " + id;
+      what.append(" is missing from ").append(group).append(kUnconfirmed);
+      throw Failure(what);
     }
   }
 }
@@ -390,7 +392,9 @@ std::string JobRun::labelSvols() {
 }
 
 std::string JobRun::groupDevices() {
-  push("device groups", {{"groups", {m_sSvolGroup, m_sPvolGroup}}});
+  std::vector<std::string> pvols;
+  for (const JobPair& p : m_oPairs) pvols.push_back(p.pvol);
+  push("device groups", {{"groups", {{m_sSvolGroup, svolIds()}, {m_sPvolGroup, pvols}}}});
   require(h().addVolsToDeviceGroup(pairMap(), m_sSvolGroup, m_sPvolGroup),
           "cannot make the device groups");
   checkDeviceGroup(m_sSvolGroup, false);
