@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <functional>
+#include <map>
 #include <nlohmann/json.hpp>
 #include <set>
 #include <sstream>
@@ -72,11 +73,12 @@ TEST(HdsctlCli, EverySubcommandAnswersHelp) {
   visit({});
   std::string all;
   for (const std::string& path : seen) all += path + ",";
-  EXPECT_EQ(all,
-            ", check, copy-groups, demo, device-groups, host-groups, job, ldevs, lock, luns, map,"
-            " pools, ports, resource-groups, snapshot, snapshot add, snapshot clone, snapshot "
-            "create, snapshot delete, snapshot restore, snapshot resync, snapshot split, "
-            "snapshot-groups, svol, svol create, svol delete, svol label, unlock, unmap,");
+  EXPECT_EQ(
+      all,
+      ", check, copy-groups, demo, device-groups, host-groups, job, ldevs, lock, luns, map,"
+      " pools, ports, recover, resource-groups, snapshot, snapshot add, snapshot clone, snapshot "
+      "create, snapshot delete, snapshot restore, snapshot resync, snapshot split, "
+      "snapshot-groups, svol, svol create, svol delete, svol label, unlock, unmap,");
   // The job file format is documented where the job is.
   EXPECT_NE(hdsctl({"job", "--help"}).out.find("\"svol_first\""), std::string::npos);
 }
@@ -92,6 +94,21 @@ TEST(HdsctlCli, WrongArgumentsGiveOneLineAndExitTwo) {
   hdstest::writeFile(badJson, "{\"pool\": 0,");
   hdstest::writeFile(unknownKey, "{\"pool\": 0, \"pvols\": [100], \"pvol\": [101]}");
   hdstest::writeFile(twice, "{\"pool\": 0, \"pvols\": [100, 100]}");
+  // Out of range, each refusal naming the key (or the file).
+  const std::map<std::string, std::string> outOfRange = {
+      {"wait_seconds", R"({"pool": 0, "pvols": [100], "wait_seconds": 4294967296})"},
+      {"svol_first", R"({"pool": 0, "pvols": [100], "svol_first": 999999999999})"},
+      {"every P-VOL", R"({"pool": 0, "pvols": [65280]})"},
+      {"pool", R"({"pool": -1, "pvols": [100]})"},
+      {"larger than 1 MiB", "{\"pool\": 0, \"pvols\": [100]}" + std::string(1 << 20, ' ')},
+  };
+  std::vector<std::pair<std::string, std::string>> named = {{"/dev/zero", "is not a regular file"},
+                                                            {env.root(), "is not a regular file"}};
+  for (const auto& c : outOfRange) {
+    const std::string file = env.root() + "/" + std::to_string(named.size()) + ".json";
+    hdstest::writeFile(file, c.second);
+    named.emplace_back(file, c.first);
+  }
   const std::vector<std::vector<std::string>> cases = {
       {},
       {"--bogus"},
@@ -113,6 +130,7 @@ TEST(HdsctlCli, WrongArgumentsGiveOneLineAndExitTwo) {
       {"job", badJson},
       {"job", unknownKey},
       {"job", twice},
+      {"recover", "a/b"},
       {"--log", env.root() + "/no/such/dir/log", "pools"},
   };
   for (const auto& args : cases) {
@@ -122,6 +140,11 @@ TEST(HdsctlCli, WrongArgumentsGiveOneLineAndExitTwo) {
     ASSERT_FALSE(r.err.empty()) << joined(args);
     EXPECT_EQ(r.err.rfind("hdsctl: ", 0), 0u) << joined(args) << ": " << r.err;
     EXPECT_EQ(r.err.find('\n'), r.err.size() - 1) << joined(args) << ": " << r.err;
+  }
+  for (const auto& c : named) {
+    ToolResult r = hdsctl({"job", c.first});
+    EXPECT_EQ(r.exitCode, 2) << c.first << ": " << r.err;
+    EXPECT_NE(r.err.find(c.second), std::string::npos) << c.first << ": " << r.err;
   }
 }
 

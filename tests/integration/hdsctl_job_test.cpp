@@ -2,12 +2,14 @@
 // it, and so does a job that fails or is interrupted at any step.
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/stat.h>
 
 #include <cctype>
 #include <chrono>
 #include <nlohmann/json.hpp>
 #include <thread>
 
+#include "tests/support/Leftovers.h"
 #include "tests/support/TestEnv.h"
 #include "tests/support/ToolRun.h"
 
@@ -87,6 +89,40 @@ class HdsctlJob : public ::testing::Test {
                                        "wwns": ["10000090fa1b2c4d"]}})");
   }
 
+  static SimFault slow(const std::string& match) {
+    SimFault f;
+    f.match = match;
+    f.delayMs = 1500;
+    return f;
+  }
+
+  // Until the job has started a call whose first words are these.
+  void waitForCall(const std::string& words) {
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    while (std::chrono::steady_clock::now() < deadline) {
+      for (const hdstest::SimJournalEntry& e : sim.journal()) {
+        if (e.args.size() > 1 && e.args[0] + " " + e.args[1] == words) return;
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    FAIL() << "no call " << words;
+  }
+
+  // The tool a killed job had started runs to its end on its own.
+  void waitForTools() {
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    while (!hdstest::processesWithEnvironment("CCISIM_STATE=" + env.simState()).empty() &&
+           std::chrono::steady_clock::now() < deadline) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+  }
+
+  int loginCount() const {
+    const std::string settings = readFile(env.settingsFile());
+    const size_t at = settings.find("sVTHDSRaidcomLockCount_412345");
+    return at == std::string::npos ? -1000 : atoi(settings.c_str() + settings.find('=', at) + 1);
+  }
+
   void fault(const std::string& match, int times) {
     SimFault f;
     f.match = match;
@@ -155,8 +191,9 @@ TEST_P(HdsctlJobFailure, LeavesTheArrayAsBefore) {
             0u)
       << r.err;
   EXPECT_NE(r.out.find(std::string("] ") + c.step + ": FAILED"), std::string::npos) << r.out;
-  EXPECT_EQ(r.out.find("clean-up failed"), std::string::npos) << r.out;
+  EXPECT_EQ(r.out.find("not removed"), std::string::npos) << r.out;
   EXPECT_EQ(arrayState(sim), before);
+  EXPECT_FALSE(hdstest::pathExists(env.tempDir() + "/jobs")) << "the journal of a clean end";
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -213,52 +250,207 @@ TEST_F(HdsctlJob, AnLdevNotReadAmongOthersIsReadAgain) {
   EXPECT_NE(failureMessage(r.err).find("(error 62601)"), std::string::npos) << r.err;
 }
 
-// An S-VOL whose creation ran but whose command status could not be read may be the job's or
-// another process's: it is named, not deleted.
-TEST_F(HdsctlJob, UnconfirmedSvolIsNamedNotDeleted) {
+// An S-VOL number that reads back as defined after its creation failed is another host's, or the
+// job's own whose creation could not be confirmed: it is named, never deleted, and a job that
+// chose its numbers goes on with the next free one.
+TEST_F(HdsctlJob, NumberDefinedAfterAFailedCreationIsNamedAndSkipped) {
   fault("get command_status", 1);
-  ToolResult r = runTool({hdsctlPath(), "job", jobFile});
-  EXPECT_EQ(r.exitCode, 1);
-  EXPECT_NE(r.out.find("left on array 412345: S-VOL 2000 (defined after its creation failed)"),
-            std::string::npos)
-      << r.out;
-  EXPECT_NE(failureMessage(r.err).find("failed at step 'create S-VOLs'"), std::string::npos)
-      << r.err;
+  ToolResult r = runTool({hdsctlPath(), "job", jobFile, "--json"});
+  EXPECT_EQ(r.exitCode, 0) << r.err;
+  json summary = json::parse(r.out);
+  EXPECT_EQ(summary["leftOnArray"],
+            json::array({"S-VOL 2000 (defined after its creation failed)"}));
+  EXPECT_EQ(summary["pairs"][0]["svol"], "2003");
 }
 
-TEST_F(HdsctlJob, WhatCannotBeCleanedUpIsNamed) {
+// What the clean-up cannot remove stays in the journal, is named as left for hdsctl recover, and
+// recover removes it once the array lets it.
+TEST_F(HdsctlJob, WhatCannotBeCleanedUpIsLeftForRecover) {
   fault("delete ldev -ldev_id 2002", -1);
   ToolResult r = runTool({hdsctlPath(), "job", jobFile});
   EXPECT_EQ(r.exitCode, 1);
-  EXPECT_NE(r.out.find("left on array 412345: S-VOLs"), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("left on array 412345: S-VOL 2002 (left for `hdsctl recover`)"),
+            std::string::npos)
+      << r.out;
   EXPECT_NE(failureMessage(r.err).find("failed at step 'delete S-VOLs'"), std::string::npos)
       << r.err;
+  EXPECT_TRUE(hdstest::pathExists(env.tempDir() + "/jobs/t.journal"));
+  r = runTool({hdsctlPath(), "recover", "t"});
+  EXPECT_EQ(r.exitCode, 1) << r.out;
+  EXPECT_NE(r.out.find("not removed: S-VOL 2002"), std::string::npos) << r.out;
+
+  sim.admin({"fault", "clear"});
+  r = runTool({hdsctlPath(), "recover"});
+  EXPECT_EQ(r.exitCode, 0) << r.out << r.err;
+  EXPECT_NE(r.out.find("removed: S-VOL 2002"), std::string::npos) << r.out;
+  EXPECT_EQ(arrayState(sim), before);
+  EXPECT_FALSE(hdstest::pathExists(env.tempDir() + "/jobs/t.journal"));
 }
 
-TEST_F(HdsctlJob, InterruptEndsTheJobAtTheNextStepAndCleansUp) {
-  SimFault slow;
-  slow.match = "add snapshot";
-  slow.delayMs = 1500;
-  sim.addFault(slow);
-  ToolRun job({hdsctlPath(), "job", jobFile, "--json"});
-  // Wait until the job is inside the slow command, then interrupt it.
-  auto inSlowCommand = [this] {
-    for (const hdstest::SimJournalEntry& e : sim.journal()) {
-      if (e.args.size() > 1 && e.args[0] == "add" && e.args[1] == "snapshot") return true;
-    }
-    return false;
-  };
-  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-  while (!inSlowCommand() && std::chrono::steady_clock::now() < deadline) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+// SIGINT, SIGTERM and SIGHUP (a dropped session), however often they come, end the job at the
+// next step, and its clean-up still runs and empties the journal.
+TEST_F(HdsctlJob, SignalsEndTheJobAtTheNextStepAndCleanUp) {
+  for (const std::vector<int>& signals :
+       std::vector<std::vector<int>>{{SIGINT}, {SIGHUP}, {SIGINT, SIGINT, SIGTERM}}) {
+    sim.admin({"journal", "--clear"});
+    sim.addFault(slow("add snapshot"));
+    ToolRun job({hdsctlPath(), "job", jobFile, "--json"});
+    waitForCall("add snapshot");
+    for (int signal : signals) kill(job.pid(), signal);
+    ToolResult r = job.finish();
+    EXPECT_EQ(r.exitCode, 1) << r.err;
+    json summary = json::parse(r.out);
+    EXPECT_EQ(summary["error"], "interrupted by a signal");
+    EXPECT_EQ(summary["failedStep"], "snapshot create");
+    EXPECT_EQ(arrayState(sim), before);
+    EXPECT_FALSE(hdstest::pathExists(env.tempDir() + "/jobs/t.journal"));
   }
-  kill(job.pid(), SIGINT);
-  ToolResult r = job.finish();
-  EXPECT_EQ(r.exitCode, 1) << r.err;
-  json summary = json::parse(r.out);
-  EXPECT_EQ(summary["error"], "interrupted by a signal");
-  EXPECT_EQ(summary["failedStep"], "snapshot create");
+  // A reader that goes away ends nothing: the job runs to its end.
+  ToolResult r = runTool({"/bin/sh", "-c", hdsctlPath() + " job " + jobFile + " | head -1"});
+  EXPECT_EQ(r.exitCode, 0);
   EXPECT_EQ(arrayState(sim), before);
+  EXPECT_FALSE(hdstest::pathExists(env.tempDir() + "/jobs/t.journal"));
+  EXPECT_EQ(loginCount(), 0);
+}
+
+// A job killed outright inside any step: hdsctl recover leaves the array exactly as before the
+// job, the login count as before and no session open.
+TEST_F(HdsctlJob, KilledInAnyStepIsRecovered) {
+  for (const char* call : {"add ldev", "modify ldev", "add device_grp", "add snapshot",
+                           "modify snapshot", "add host_grp", "add lun", "delete lun",
+                           "delete snapshot", "delete device_grp", "delete ldev"}) {
+    SCOPED_TRACE(call);
+    sim.admin({"journal", "--clear"});
+    sim.addFault(slow(call));
+    ToolRun job({hdsctlPath(), "job", jobFile});
+    waitForCall(call);
+    kill(job.pid(), SIGKILL);
+    EXPECT_EQ(job.finish().exitCode, 128 + SIGKILL);
+    waitForTools();
+    ToolResult r = runTool({hdsctlPath(), "recover"});
+    EXPECT_EQ(r.exitCode, 0) << r.out << r.err;
+    EXPECT_NE(r.out.find("given back: the session of the dead job"), std::string::npos) << r.out;
+    EXPECT_EQ(arrayState(sim), before);
+    EXPECT_EQ(loginCount(), 0);
+    EXPECT_EQ(sim.dump().find("\nsession "), std::string::npos);
+    EXPECT_FALSE(hdstest::pathExists(env.tempDir() + "/jobs/t.journal"));
+  }
+}
+
+// One job of a name at a time: a twin of a live job is refused at once, and so is recover; a
+// job of the name of a dead one gives back what that one made first.
+TEST_F(HdsctlJob, TwinsDoNotShareTheirObjects) {
+  sim.addFault(slow("add snapshot"));
+  ToolRun first({hdsctlPath(), "job", jobFile});
+  waitForCall("add snapshot");
+  ToolResult twin = runTool({hdsctlPath(), "job", jobFile});
+  EXPECT_EQ(twin.exitCode, 1);
+  EXPECT_NE(twin.err.find("hdsctl: job t is already running on this host"), std::string::npos)
+      << twin.err;
+  ToolResult recover = runTool({hdsctlPath(), "recover", "t"});
+  EXPECT_EQ(recover.exitCode, 1);
+  EXPECT_NE(recover.err.find("job t is running"), std::string::npos) << recover.err;
+
+  kill(first.pid(), SIGKILL);
+  first.finish();
+  waitForTools();
+  twin = runTool({hdsctlPath(), "job", jobFile});
+  EXPECT_EQ(twin.exitCode, 0) << twin.out << twin.err;
+  EXPECT_NE(twin.out.find("recovering it first"), std::string::npos) << twin.out;
+  EXPECT_EQ(arrayState(sim), before);
+  EXPECT_EQ(loginCount(), 0);
+}
+
+// A listing that keeps answering garbage proves nothing: what it was to show gone is left for
+// hdsctl recover, never reported removed.
+TEST_F(HdsctlJob, GarbageListingsRemoveNothingUnverified) {
+  SimFault garbage;
+  garbage.match = "get snapshot";
+  garbage.exitCode = 0;
+  garbage.out =
+      "garbage line with many words and not one number in it\n"
+      "more garbage line with many words and not one number in it\n";
+  garbage.times = -1;
+  sim.addFault(garbage);
+  ToolResult r = runTool({hdsctlPath(), "job", jobFile, "--json"});
+  EXPECT_EQ(r.exitCode, 1);
+  json summary = json::parse(r.out);
+  EXPECT_EQ(summary["failedStep"], "snapshot create");
+  for (const json& removed : summary["removed"]) {
+    EXPECT_EQ(removed.get<std::string>().find("snapshot"), std::string::npos) << removed;
+  }
+  EXPECT_NE(summary["leftOnArray"].dump().find("snapshot pairs of KS_SNAP_t (S-VOLs 2000, 2001, "
+                                               "2002) (left for `hdsctl recover`)"),
+            std::string::npos)
+      << summary["leftOnArray"];
+  EXPECT_TRUE(summary["leftForRecover"].get<bool>());
+
+  sim.admin({"fault", "clear"});
+  r = runTool({hdsctlPath(), "recover", "t"});
+  EXPECT_EQ(r.exitCode, 0) << r.out << r.err;
+  EXPECT_EQ(arrayState(sim), before);
+  EXPECT_EQ(loginCount(), 0);
+}
+
+// An array that stops answering: the clean-up stops at its first call that meets the command
+// time-out, so the job ends within twice the time-out after the step that met it, and the rest,
+// the session and the lock are left for recover.
+TEST_F(HdsctlJob, DeadArrayEndsTheJobWithinTheCleanUpDeadline) {
+  env.writeSettings("[iHarbor]\nsVTHDSHorcmDirectory = " + sim.cciDir() +
+                    "\n[~iHarbor]\nnVTHDSCCICommandTimeoutInSec = 30\n");
+  hdstest::writeFile(jobFile, R"({"name": "t", "pool": 0, "pvols": [100, 101, 102, 103]})");
+  sim.addFault(slow("add snapshot"));
+  ToolRun job({hdsctlPath(), "job", jobFile, "--json"});
+  waitForCall("add snapshot");
+  SimFault dead;
+  dead.tool = "*";
+  dead.delayMs = 120 * 1000;
+  dead.times = -1;
+  sim.addFault(dead);
+  const auto start = std::chrono::steady_clock::now();
+  ToolResult r = job.finish();
+  const double seconds =
+      std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  EXPECT_EQ(r.exitCode, 1) << r.err;
+  EXPECT_LT(seconds, 3 * 30) << "a time-out for the step and one for the clean-up";
+  EXPECT_NE(r.err.find("clean-up stopped: the array did not answer in time"), std::string::npos)
+      << r.err;
+  json summary = json::parse(r.out);
+  EXPECT_TRUE(summary["leftForRecover"].get<bool>());
+  EXPECT_EQ(summary["removed"], json::array());
+
+  sim.admin({"fault", "clear"});
+  waitForTools();
+  r = runTool({hdsctlPath(), "recover"});
+  EXPECT_EQ(r.exitCode, 0) << r.out << r.err;
+  EXPECT_EQ(arrayState(sim), before);
+  EXPECT_EQ(loginCount(), 0);
+}
+
+// The journal: a torn last line is the write its runner died in; any other unreadable line is
+// an error that names the file.
+TEST_F(HdsctlJob, JournalTornAndUnreadable) {
+  const std::string journal = env.tempDir() + "/jobs/t.journal";
+  const std::string header =
+      json({{"job", "t"}, {"pid", 1}, {"boot", "x"}, {"array", {{"serial", SimArray::kSerial}}}})
+          .dump() +
+      "\n";
+  mkdir((env.tempDir() + "/jobs").c_str(), 0700);
+  // Its session was counted in another boot ("x"), whose count is void: it is not given back.
+  hdstest::writeFile(journal, header + R"({"do": "session", "id": 1, "serial": "412345"})" + "\n" +
+                                  R"({"do": "svol", "id": 2, "ldev": "20)");
+  ToolResult r = runTool({hdsctlPath(), "recover", "t"});
+  EXPECT_EQ(r.exitCode, 0) << r.out << r.err;
+  EXPECT_NE(r.out.find("counted in an earlier boot"), std::string::npos) << r.out;
+  EXPECT_EQ(loginCount(), 0);
+  EXPECT_FALSE(hdstest::pathExists(journal));
+
+  mkdir((env.tempDir() + "/jobs").c_str(), 0700);
+  hdstest::writeFile(journal, header + "garbage\n{\"undone\": 1}\n");
+  r = runTool({hdsctlPath(), "recover", "t"});
+  EXPECT_EQ(r.exitCode, 1);
+  EXPECT_NE(r.err.find("the job journal " + journal + " cannot be read: line 2"), std::string::npos)
+      << r.err;
 }
 
 }  // namespace

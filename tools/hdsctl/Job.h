@@ -24,8 +24,42 @@ struct JobSpec {
 
 extern const char* const kJobFileHelp;
 
-// The job file's text as a JobSpec; UsageError naming what is wrong.
+// The job file's text as a JobSpec; UsageError naming the key that is wrong.
 JobSpec parseJobFile(const std::string& text);
+// The text of a job file: a regular file of at most 1 MiB; UsageError naming the file.
+std::string readJobFile(const std::string& path);
+// A job name becomes part of a file name and of a lock name; UsageError when it cannot.
+void checkJobName(const std::string& name);
+
+// One P-VOL of a job and what the job made for it.
+struct JobPair {
+  std::string pvol, svol, label;
+  uint64_t capacity = 0;
+  int mpBlade = 0;
+  std::string status, mirrorUnit, lun;
+};
+
+struct JobStepRecord {
+  std::string name, detail;
+  double seconds = 0;
+  bool ok = false;
+};
+
+// Everything the summary of a job is made from, as a table or as JSON.
+struct JobReport {
+  std::string job, serial;
+  bool ok = false;
+  double seconds = 0;
+  std::string failedStep, error;
+  std::vector<JobStepRecord> steps;
+  std::vector<JobPair> pairs;
+  std::vector<std::string> removed;   // what the clean-up removed and read back as gone
+  std::vector<std::string> leftOver;  // what is still on the array
+  bool leftForRecover = false;        // the journal was kept for hdsctl recover
+  nlohmann::json extra = nlohmann::json::object();  // fields the caller adds to the JSON
+};
+
+void printJobReport(const JobReport& report, bool asJson);
 
 // Runs the job: a progress line per step, then a summary. On a failure the job gives back what
 // it made on the array and returns kExitFailed. With --json the progress goes to stderr and the

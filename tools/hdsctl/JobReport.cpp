@@ -1,0 +1,67 @@
+// The summary of hdsctl job: a table for people, JSON for scripts.
+#include <cstdio>
+#include <iostream>
+
+#include "tools/hdsctl/Job.h"
+#include "tools/hdsctl/Output.h"
+
+namespace hdsctl {
+
+using nlohmann::json;
+
+void printJobReport(const JobReport& r, bool asJson) {
+  if (asJson) {
+    json steps = json::array();
+    for (const JobStepRecord& s : r.steps) {
+      steps.push_back(
+          {{"step", s.name}, {"detail", s.detail}, {"seconds", s.seconds}, {"ok", s.ok}});
+    }
+    json pairs = json::array();
+    for (const JobPair& p : r.pairs) {
+      pairs.push_back({{"pvol", p.pvol},
+                       {"svol", p.svol},
+                       {"capacity", p.capacity},
+                       {"label", p.label},
+                       {"pairStatus", p.status},
+                       {"mirrorUnit", p.mirrorUnit},
+                       {"lun", p.lun}});
+    }
+    json summary = {{"job", r.job},
+                    {"serialNumber", r.serial},
+                    {"result", r.ok ? "ok" : "failed"},
+                    {"seconds", r.seconds},
+                    {"steps", steps},
+                    {"pairs", pairs},
+                    {"removed", r.removed},
+                    {"leftOnArray", r.leftOver},
+                    {"leftForRecover", r.leftForRecover}};
+    if (!r.ok) {
+      summary["failedStep"] = r.failedStep;
+      summary["error"] = r.error;
+    }
+    for (const auto& item : r.extra.items()) summary[item.key()] = item.value();
+    printJson(std::cout, summary);
+    std::cout.flush();
+    return;
+  }
+  if (r.ok) {
+    char seconds[32];
+    (void)snprintf(seconds, sizeof(seconds), "%.2f", r.seconds);
+    std::cout << "\njob " << r.job << ": " << r.pairs.size() << " pairs, " << r.steps.size()
+              << " steps in " << seconds << " s\n";
+    Table table({"P-VOL", "S-VOL", "CAPACITY(BLK)", "LABEL", "SNAPSHOT", "MU", "LUN"});
+    for (const JobPair& p : r.pairs) {
+      table.addRow(
+          {p.pvol, p.svol, std::to_string(p.capacity), p.label, p.status, p.mirrorUnit, p.lun});
+    }
+    table.print(std::cout);
+  }
+  if (!r.leftOver.empty()) {
+    std::cout << "left on array " << r.serial << ": " << joinWords(r.leftOver, "; ") << "\n";
+  } else if (r.ok) {
+    std::cout << "every object the job made on array " << r.serial << " has been removed again\n";
+  }
+  std::cout.flush();
+}
+
+}  // namespace hdsctl
