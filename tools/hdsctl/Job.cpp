@@ -796,19 +796,6 @@ std::string defaultJobName() {
   return "J" + std::to_string(time(nullptr)) + "_" + std::to_string(getpid());
 }
 
-void mergeArrayOptions(ArrayOptions& into, const ArrayOptions& commandLine) {
-  auto take = [](std::string& field, const std::string& given) {
-    if (!given.empty()) field = given;
-  };
-  take(into.serial, commandLine.serial);
-  take(into.user, commandLine.user);
-  take(into.password, commandLine.password);
-  take(into.horcmInstance, commandLine.horcmInstance);
-  take(into.resourceGroup, commandLine.resourceGroup);
-  take(into.cciDir, commandLine.cciDir);
-  if (!commandLine.commandDevices.empty()) into.commandDevices = commandLine.commandDevices;
-}
-
 int runJobFile(Context& ctx, const std::string& path) {
   std::ifstream in(path);
   if (!in) throw UsageError("cannot read the job file " + path);
@@ -901,7 +888,7 @@ JobSpec parseJobFile(const std::string& text) {
 }
 
 int runJob(Context& ctx, JobSpec jobSpec, const json& extra) {
-  mergeArrayOptions(jobSpec.array, ctx.array);
+  jobSpec.array = resolveArrayOptions(ctx.environment, jobSpec.array, ctx.commandLine);
   return JobRun(ctx, std::move(jobSpec)).run(extra);
 }
 
