@@ -53,6 +53,8 @@ TEST(HdsctlSafety, CommandLineBeatsEachVariableAndNoChildSeesThePassword) {
   SimArray sim(env);
   addSecondArray(sim);
   useSimArray(env, sim);
+  EXPECT_NE(hdsctl({"--help"}).out.find("an option on the command line beats its variable"),
+            std::string::npos);
 
   // The variables name 412345; the command line names 499999, and wins.
   ASSERT_EQ(hdsctl({"pools"}).exitCode, 0);
@@ -154,6 +156,7 @@ TEST(HdsctlSafety, DestructiveCommandsActOnlyOnSvolsUnlessForced) {
 
   ToolResult r = hdsctl({"svol", "delete", "115", "--force"});
   EXPECT_EQ(r.exitCode, 0) << text(r);
+  EXPECT_NE(r.err.find("--force: LDEV 115 (label data_115"), std::string::npos) << r.err;
   EXPECT_NE(arrayState(sim), before);
 }
 

@@ -1,5 +1,7 @@
 #include "tools/hdsctl/Guard.h"
 
+#include <iostream>
+
 #include "hds/common/HDSConstants.h"
 #include "tools/hdsctl/Output.h"
 #include "tools/hdsctl/Session.h"
@@ -34,21 +36,26 @@ SvolVerdict judgeSvol(const hdsLdev_t& ldev, const std::vector<hdsSnapshotGroupI
 
 void requireSvol(ArraySession& session, const std::string& ldevId, const std::string& action,
                  bool force) {
-  if (force) return;
   std::vector<hdsLdev_t> ldevs(1);
   ldevs[0].ldevId = ldevId;
   ldevs[0].serialNumber = session.serial();
-  // 2 is an LDEV the listing did not show: judged below as not defined.
-  int rc = session.handler().getLdevInfo(ldevs);
-  if (rc == 1) session.require(rc, "cannot read LDEV " + ldevId);
   std::vector<hdsSnapshotGroupInfo> pairs;
-  session.require(session.handler().getSnapshotGroupList(pairs, ldevId),
-                  "cannot read the snapshot pairs of LDEV " + ldevId);
+  // 2 from getLdevInfo is an LDEV the listing did not show: judged below as not defined. A
+  // forced removal goes on when the LDEV cannot be read; that may be why it is forced.
+  int rc = session.handler().getLdevInfo(ldevs);
+  if (rc != 1) rc = session.handler().getSnapshotGroupList(pairs, ldevId);
+  if (force && rc == 1) return;
+  if (rc == 1) session.require(rc, "cannot read LDEV " + ldevId + " and its snapshot pairs");
   SvolVerdict verdict = judgeSvol(ldevs[0], pairs);
   if (verdict.isSvol) return;
-  throw Failure("refused to " + action + ": " + verdict.description + " on array " +
-                session.serial() + " is not an S-VOL of a snapshot pair nor labelled " +
-                VT_HDS_LDEV_LABEL_PREFIX + "...; --force " + action + " anyway");
+  std::string what = verdict.description + " on array " + session.serial() +
+                     " is not an S-VOL of a snapshot pair nor labelled " +
+                     VT_HDS_LDEV_LABEL_PREFIX + "...";
+  if (force) {
+    std::cerr << "hdsctl: --force: " << what << "; going on to " << action << std::endl;
+    return;
+  }
+  throw Failure("refused to " + action + ": " + what + "; --force " + action + " anyway");
 }
 
 }  // namespace hdsctl

@@ -22,8 +22,8 @@ struct SvolVerdict {
 // an undefined LDEV included, is not.
 SvolVerdict judgeSvol(const hdsLdev_t& ldev, const std::vector<hdsSnapshotGroupInfo>& pairs);
 
-// Reads the LDEV and its pairs and returns quietly when it is an S-VOL or `force` is set;
-// otherwise a Failure that says what `action` would have hit and how to force it.
+// Reads the LDEV and its pairs and returns quietly when it is an S-VOL. Otherwise a Failure
+// that says what `action` would hit and how to force it, or, with `force`, that said on stderr.
 void requireSvol(ArraySession& session, const std::string& ldevId, const std::string& action,
                  bool force);
 
