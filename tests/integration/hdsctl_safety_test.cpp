@@ -17,7 +17,6 @@ namespace {
 
 using hdstest::arrayState;
 using hdstest::hdsctlPath;
-using hdstest::runTool;
 using hdstest::SimArray;
 using hdstest::TestEnv;
 using hdstest::ToolResult;
@@ -25,10 +24,7 @@ using hdstest::ToolRun;
 using hdstest::useSimArray;
 using nlohmann::json;
 
-ToolResult hdsctl(std::vector<std::string> args) {
-  args.insert(args.begin(), hdsctlPath());
-  return runTool(args);
-}
+ToolResult hdsctl(const std::vector<std::string>& args) { return hdstest::runHdsctl(args); }
 
 std::string text(const ToolResult& r) { return r.out + r.err; }
 
