@@ -215,6 +215,8 @@ TEST(HdsctlSafety, FailuresNameTheirCause) {
   EXPECT_EQ(r.exitCode, 1);
   EXPECT_EQ(r.err,
             "hdsctl: array 412345 has no resource group meta_resourse; it has meta_resource\n");
+  EXPECT_NE(hdstest::readFile(env.settingsFile()).find("sVTHDSRaidcomLockCount_412345=0"),
+            std::string::npos);
 
   // The library fails on an empty raidqry answer without an error text of its own.
   hdstest::SimFault empty;

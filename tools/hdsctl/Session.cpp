@@ -243,6 +243,7 @@ std::vector<std::string> ArraySession::resourceGroupNames() {
   require(handler().getResourceGroupInfo(groups, false),
           "cannot read the resource groups of array " + m_sSerial);
   std::vector<std::string> names;
+  names.reserve(groups.size());
   for (const auto& entry : groups) names.push_back(entry.first);
   return names;
 }
