@@ -26,8 +26,10 @@ const char* const kFooter = R"(
 The array options (--serial, --user, --password, --cmddev, ...) can also be given as
 HDSCTL_SERIAL, HDSCTL_USER, HDSCTL_PASSWORD, HDSCTL_CMDDEV, HDSCTL_HORCM_INSTANCE,
 HDSCTL_RESOURCE_GROUP and HDSCTL_CCI_DIR; an option on the command line beats its variable, and
-a job file's "array" beats the variables too. Where the library keeps its files: HDS_SETTINGS_FILE,
-HDS_LOCK_DIR, HDS_TEMP_DIR, HDS_HORCM_DIR, HDS_CLIENT_NAME.
+a job file's "array" beats the variables too. Where the library keeps its files:
+HDS_SETTINGS_FILE, HDS_LOCK_DIR, HDS_TEMP_DIR, HDS_HORCM_DIR, HDS_CLIENT_NAME.
+svol delete, snapshot delete and unmap touch only S-VOLs, and unlock only a lock that no other
+session of this host uses, unless --force.
 Exit status: 0 done, 1 the array or the library failed, 2 wrong arguments.
 Examples:
   hdsctl check --serial 412345
