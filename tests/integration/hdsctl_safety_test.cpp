@@ -65,6 +65,14 @@ TEST(HdsctlSafety, CommandLineBeatsEachVariableAndNoChildSeesThePassword) {
     if (conf.find("CMD-412345\n/dev/sdc") != std::string::npos) nearInstance = name;
   }
   EXPECT_NE(farInstance, "") << "no HORCM file names the command device of the command line";
+  // A job file's array beats the variables too.
+  std::string job = env.root() + "/far.json";
+  hdstest::writeFile(job,
+                     R"({"name": "far", "pool": 0, "pvols": [100],
+                         "array": {"serial": "499999", "command_devices": ["/dev/sdd"]}})");
+  r = hdsctl({"job", job});
+  EXPECT_EQ(r.exitCode, 0) << text(r);
+  EXPECT_NE(r.out.find("every object the job made on array 499999"), std::string::npos) << r.out;
 
   // Each variable set wrong breaks the command, and the option set right mends it.
   struct Case {
