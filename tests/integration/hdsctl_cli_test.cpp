@@ -281,8 +281,8 @@ TEST(HdsctlCli, ListingsAndSingleOperationsOnTheSimulatedArray) {
     ToolResult r = hdsctl(args);
     EXPECT_EQ(r.exitCode, 0) << joined(args) << ": " << r.err;
   };
-  run({"svol", "create", "300", "301", "--pool", "0", "--like", "100", "--label", "KS_T"});
-  json svols = listing({"ldevs", "--label", "KS_T"});
+  run({"svol", "create", "300", "301", "--pool", "0", "--like", "100", "--label", "KS_SVOL_T"});
+  json svols = listing({"ldevs", "--label", "KS_SVOL_T"});
   EXPECT_EQ(values(svols, "ldevId"), std::set<std::string>({"300", "301"}));
   EXPECT_EQ(svols[0]["capacity"], ldevs[0]["capacity"]);
   run({"snapshot", "add", "KS_SG_T", "--pool", "0", "--pair", "100:300", "--pair", "101:301"});

@@ -41,6 +41,12 @@ ToolResult runTool(const std::vector<std::string>& argv, int timeoutSec) {
 
 std::string hdsctlPath() { return HDS_TEST_BINARY_DIR "/tools/hdsctl/hdsctl"; }
 
+ToolResult runHdsctl(const std::vector<std::string>& args) {
+  std::vector<std::string> argv{hdsctlPath()};
+  argv.insert(argv.end(), args.begin(), args.end());
+  return runTool(argv);
+}
+
 void useSimArray(TestEnv& env, const SimArray& sim) {
   env.writeSettings("[iHarbor]\nsVTHDSHorcmDirectory = " + sim.cciDir() + "\n");
   env.setEnv("HDSCTL_SERIAL", SimArray::kSerial);

@@ -29,6 +29,8 @@ class ToolRun {
 ToolResult runTool(const std::vector<std::string>& argv, int timeoutSec = 300);
 
 std::string hdsctlPath();
+// Runs the built hdsctl with these arguments.
+ToolResult runHdsctl(const std::vector<std::string>& args);
 
 // Sets a host up for hdsctl on the simulated array as an operator would: the CCI directory in
 // the settings file, the array options in HDSCTL_*.

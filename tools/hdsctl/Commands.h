@@ -15,7 +15,11 @@ namespace hdsctl {
 // was parsed leaves its work in action; main runs it after parsing.
 struct Context {
   LogSink log;
+  // The options in force (the command line over the environment), what the command line gave,
+  // and what the environment gave.
   ArrayOptions array;
+  ArrayOptions commandLine;
+  ArrayOptions environment;
   bool json = false;
   std::function<int()> action;
 };

@@ -55,19 +55,6 @@ class InterruptGuard {
   }
 };
 
-void mergeArrayOptions(ArrayOptions& into, const ArrayOptions& commandLine) {
-  auto take = [](std::string& field, const std::string& given) {
-    if (!given.empty()) field = given;
-  };
-  take(into.serial, commandLine.serial);
-  take(into.user, commandLine.user);
-  take(into.password, commandLine.password);
-  take(into.horcmInstance, commandLine.horcmInstance);
-  take(into.resourceGroup, commandLine.resourceGroup);
-  take(into.cciDir, commandLine.cciDir);
-  if (!commandLine.commandDevices.empty()) into.commandDevices = commandLine.commandDevices;
-}
-
 bool fileExists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
 
 // Gives back what the dead job of this name made; its lock is held by the caller. True when
@@ -81,8 +68,14 @@ bool recoverHeld(Context& ctx, const std::string& name, std::ostream& out) {
   JobJournal::Contents c = JobJournal::read(path);
   JobJournal journal;
   journal.reopen(path, c.wholeBytes);
-  ArrayOptions array = c.array;
-  mergeArrayOptions(array, ctx.array);
+  // The journal names the array the job changed and how it reached it; only what it does not
+  // keep (the password above all) comes from the command line or the environment.
+  if (!ctx.commandLine.serial.empty() && ctx.commandLine.serial != c.array.serial) {
+    throw UsageError("job " + name + " ran on array " + c.array.serial + ", not on " +
+                     ctx.commandLine.serial);
+  }
+  ArrayOptions array = ctx.array;
+  mergeArrayOptions(array, c.array);
   std::vector<UndoEntry> onArray;
   bool counted = false;
   for (const UndoEntry& e : c.open) {
@@ -181,7 +174,7 @@ int runJobFile(Context& ctx, const std::string& path) {
 }  // namespace
 
 int runJob(Context& ctx, JobSpec jobSpec, const json& extra) {
-  mergeArrayOptions(jobSpec.array, ctx.array);
+  jobSpec.array = resolveArrayOptions(ctx.environment, jobSpec.array, ctx.commandLine);
   checkJobName(jobSpec.name);
   // The job lock and the journal need these directories: a job must not stop half way for a
   // cause known before its first change.

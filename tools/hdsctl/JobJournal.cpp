@@ -18,6 +18,7 @@
 #include "hds/common/HDSConstants.h"
 #include "hds/platform/VTPI_Base.h"
 #include "hds/platform/VTPlatformInfo.h"
+#include "tools/hdsctl/Guard.h"
 #include "tools/hdsctl/Output.h"
 
 namespace hdsctl {
@@ -81,12 +82,8 @@ std::string describeUndo(const UndoEntry& e) {
   return e.kind;
 }
 
-std::string bootIdentity() {
-  std::ifstream in("/proc/sys/kernel/random/boot_id");
-  std::string id;
-  std::getline(in, id);
-  return id;
-}
+// The library's reading, so that a journal and the login count agree on what a reboot is.
+std::string bootIdentity() { return VTPlatformInfo::bootIdentity(); }
 
 std::string JobJournal::directory() {
   const char* temp = VTPI_Base::getOrreryTempDirectory();
@@ -308,8 +305,20 @@ bool Undoer::undo(const UndoEntry& entry, std::string& why) {
   }
 }
 
-void Undoer::deleteJobSvol(const std::string& ldev) {
-  call([&] { return h().deleteSvol(ldev); }, "cannot delete S-VOL " + ldev);
+void Undoer::deleteJobSvol(const hdsLdev_t& ldev) {
+  // A fresh S-VOL carries no label until the job's label step; one named since, with anything
+  // but the S-VOL prefix, is judged as hdsctl's removal commands judge an LDEV, so a number the
+  // array gave to someone else's volume in between is never deleted.
+  if (!ldev.label.empty() && ldev.label.rfind(VT_HDS_LDEV_LABEL_PREFIX, 0) != 0) {
+    std::vector<hdsSnapshotGroupInfo> pairs;
+    call([&] { return h().getSnapshotGroupList(pairs, ldev.ldevId); },
+         "cannot read the snapshot pairs of S-VOL " + ldev.ldevId);
+    const SvolVerdict verdict = judgeSvol(ldev, pairs);
+    if (!verdict.isSvol) {
+      throw Failure(verdict.description + " is no longer an S-VOL; not deleted");
+    }
+  }
+  call([&] { return h().deleteSvol(ldev.ldevId); }, "cannot delete S-VOL " + ldev.ldevId);
 }
 
 void Undoer::undoSvol(const json& args) {
@@ -325,7 +334,7 @@ void Undoer::undoSvol(const json& args) {
   };
   call([&] { return h().getLdevInfo(one); }, "cannot read S-VOL " + ldev);
   if (!undefined()) {
-    deleteJobSvol(ldev);
+    deleteJobSvol(one[0]);
     one.assign(1, hdsLdev_t());
     one[0].ldevId = ldev;
     one[0].serialNumber = m_sSerial;

@@ -97,7 +97,8 @@ class Undoer {
   bool arrayDead() const { return m_bDead; }
 
   // The one place where the job deletes an S-VOL: only LDEVs its journal says it made come here.
-  void deleteJobSvol(const std::string& ldev);
+  // ldev is the LDEV as just read.
+  void deleteJobSvol(const hdsLdev_t& ldev);
 
  private:
   ArraySession& m_rSession;

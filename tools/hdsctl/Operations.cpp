@@ -11,6 +11,7 @@
 
 #include "hds/common/HDSConstants.h"
 #include "tools/hdsctl/Commands.h"
+#include "tools/hdsctl/Guard.h"
 #include "tools/hdsctl/Output.h"
 
 namespace hdsctl {
@@ -64,8 +65,10 @@ int createSvols(Context& ctx, const SvolCreateOptions& o) {
   return 0;
 }
 
-int deleteSvols(Context& ctx, const std::vector<std::string>& ids) {
+int deleteSvols(Context& ctx, const std::vector<std::string>& ids, bool force) {
   ArraySession session(ctx.log, ctx.array);
+  // All are judged before the first goes: a refusal deletes none.
+  for (const std::string& id : ids) requireSvol(session, id, "delete LDEV " + id, force);
   for (const std::string& id : ids) {
     session.require(static_cast<int>(session.handler().deleteSvol(id)),
                     "cannot delete S-VOL " + id);
@@ -125,8 +128,11 @@ int operateOnSnapshots(Context& ctx, const std::string& word, const std::string&
   return 0;
 }
 
-int deleteSnapshots(Context& ctx, const std::vector<std::string>& ids) {
+int deleteSnapshots(Context& ctx, const std::vector<std::string>& ids, bool force) {
   ArraySession session(ctx.log, ctx.array);
+  for (const std::string& id : ids) {
+    requireSvol(session, id, "delete the snapshot pairs of LDEV " + id, force);
+  }
   for (const std::string& id : ids) {
     session.require(session.handler().deleteSnapshot(id), "cannot delete the snapshots of " + id);
     std::cout << "deleted the snapshot pairs of LDEV " << id << "\n";
@@ -137,7 +143,20 @@ int deleteSnapshots(Context& ctx, const std::vector<std::string>& ids) {
 struct MapOptions {
   std::string port, hostGroup, deviceGroup;
   std::vector<std::string> ldevs;
+  bool force = false;
 };
+
+// Unmapping withdraws a volume from a host that may be using it: only S-VOLs go unforced.
+void requireUnmappable(ArraySession& session, const MapOptions& o) {
+  std::vector<std::string> ids = o.ldevs;
+  if (!o.deviceGroup.empty() && !o.force) {
+    std::vector<hdsLdev_t> members;
+    session.require(session.handler().getVolsInDeviceGroup(members, o.deviceGroup),
+                    "cannot list the LDEVs of device group " + o.deviceGroup);
+    for (const hdsLdev_t& m : members) ids.push_back(m.ldevId);
+  }
+  for (const std::string& id : ids) requireSvol(session, id, "unmap LDEV " + id, o.force);
+}
 
 int mapOrUnmap(Context& ctx, const MapOptions& o, bool map) {
   if (o.ldevs.empty() == o.deviceGroup.empty()) {
@@ -148,6 +167,7 @@ int mapOrUnmap(Context& ctx, const MapOptions& o, bool map) {
   std::string gid = lookUpHostGroup(session, o.port, o.hostGroup);
   if (gid.empty()) throw Failure("port " + o.port + " has no host group " + o.hostGroup);
   std::string where = o.port + "-" + gid;
+  if (!map) requireUnmappable(session, o);
   if (!o.deviceGroup.empty()) {
     std::string what = "device group " + o.deviceGroup;
     if (map) {
@@ -196,24 +216,65 @@ void holdUntilInterrupted(long seconds) {
   }
 }
 
-int lockResourceGroup(Context& ctx, long holdSeconds) {
+// The other sessions of this host on the array share its resource group lock; "" when there
+// are none, else what holds it.
+std::string otherSessions(ArraySession& session) {
+  int count = session.loginCount();
+  if (count <= 1) return "";
+  return std::to_string(count - 1) + " other session(s) of this host use array " +
+         session.serial() + " (login count " + std::to_string(count) +
+         "), a job among them perhaps";
+}
+
+int lockResourceGroup(Context& ctx, long holdSeconds, bool force) {
   ArraySession session(ctx.log, ctx.array);
   std::string name = resourceGroupName(ctx.array);
   session.require(session.handler().lockResource(), "cannot lock resource group " + name);
   std::cout << "locked resource group " << name << " on array " << session.serial()
             << (holdSeconds < 0 ? "; interrupt to release it" : "") << std::endl;
   holdUntilInterrupted(holdSeconds);
+  std::string others = force ? "" : otherSessions(session);
+  if (!others.empty()) {
+    session.leaveResourceLock();
+    std::cout << "left resource group " << name << " locked: " << others
+              << "; the last of them releases it (--force releases it at once)\n";
+    return 0;
+  }
   session.require(session.handler().unlockResource(), "cannot unlock resource group " + name);
   std::cout << "released resource group " << name << "\n";
   return 0;
 }
 
-int unlockResourceGroup(Context& ctx) {
+// Refuses to pull the lock from a session that uses it: another process of this host, or a
+// user or host other than this one.
+void requireUnlockable(ArraySession& session, const ArrayOptions& array, const std::string& name) {
+  std::string others = otherSessions(session);
+  if (others.empty()) {
+    std::map<std::string, ResourceGroupStatus> groups;
+    session.require(session.handler().getResourceGroupInfo(groups, false),
+                    "cannot read the resource groups of array " + session.serial());
+    const ResourceGroupStatus& group = groups[name];
+    if (group.status != "Locked") return;
+    hdsRaidqry_t host;
+    session.require(session.handler().getCCIRaidqryInfo(host), "cannot read this host's name");
+    if (group.lockOwner == array.user && group.lockHost == host.hostName) return;
+    others = "user " + group.lockOwner + " from host " + group.lockHost + " holds it";
+  }
+  throw Failure("refused to unlock resource group " + name + " on array " + session.serial() +
+                ": " + others + "; --force unlocks it anyway");
+}
+
+int unlockResourceGroup(Context& ctx, bool force) {
   ArraySession session(ctx.log, ctx.array);
   std::string name = resourceGroupName(ctx.array);
+  if (!force) requireUnlockable(session, ctx.array, name);
   session.require(session.handler().unlockResource(), "cannot unlock resource group " + name);
   std::cout << "resource group " << name << " on array " << session.serial() << " is unlocked\n";
   return 0;
+}
+
+void addForceFlag(CLI::App* command, bool& force, const std::string& what) {
+  command->add_flag("--force", force, what + " (check first: this acts on a production array)");
 }
 
 CLI::App* addOperation(CLI::App* parent, Context& ctx, const char* name, const char* description) {
@@ -247,9 +308,14 @@ void addOperationCommands(CLI::App& app, Context& ctx) {
 
   auto delIds = std::make_shared<std::vector<std::string>>();
   CLI::App* del = addOperation(svol, ctx, "delete", "Delete S-VOLs");
+  auto delForce = std::make_shared<bool>(false);
   del->add_option("ldev", *delIds, "LDEV numbers")->required()->check(ldevId);
-  del->callback(
-      [&ctx, delIds] { ctx.action = [&ctx, delIds] { return deleteSvols(ctx, *delIds); }; });
+  addForceFlag(del, *delForce,
+               "Delete LDEVs that are neither the S-VOL of a snapshot pair nor labelled "
+               "KS_SVOL_...");
+  del->callback([&ctx, delIds, delForce] {
+    ctx.action = [&ctx, delIds, delForce] { return deleteSvols(ctx, *delIds, *delForce); };
+  });
 
   auto labelId = std::make_shared<std::string>();
   auto labelText = std::make_shared<std::string>();
@@ -296,8 +362,11 @@ void addOperationCommands(CLI::App& app, Context& ctx) {
   sdel->add_option("ldev", *sdIds, "LDEV numbers (an S-VOL: its pair; a P-VOL: all its pairs)")
       ->required()
       ->check(ldevId);
-  sdel->callback(
-      [&ctx, sdIds] { ctx.action = [&ctx, sdIds] { return deleteSnapshots(ctx, *sdIds); }; });
+  auto sdForce = std::make_shared<bool>(false);
+  addForceFlag(sdel, *sdForce, "Also delete the pairs of LDEVs that are not S-VOLs (P-VOLs)");
+  sdel->callback([&ctx, sdIds, sdForce] {
+    ctx.action = [&ctx, sdIds, sdForce] { return deleteSnapshots(ctx, *sdIds, *sdForce); };
+  });
 
   for (bool map : {true, false}) {
     auto mo = std::make_shared<MapOptions>();
@@ -309,6 +378,7 @@ void addOperationCommands(CLI::App& app, Context& ctx) {
     auto* l = cmd->add_option("--ldev", mo->ldevs, "LDEV numbers (repeatable)")->check(ldevId);
     cmd->add_option("--device-group", mo->deviceGroup, "Every LDEV of this device group")
         ->excludes(l);
+    if (!map) addForceFlag(cmd, mo->force, "Also withdraw LDEVs that are not S-VOLs");
     cmd->callback(
         [&ctx, mo, map] { ctx.action = [&ctx, mo, map] { return mapOrUnmap(ctx, *mo, map); }; });
   }
@@ -318,12 +388,23 @@ void addOperationCommands(CLI::App& app, Context& ctx) {
                                 "Lock the resource group on the array, hold it, then release it");
   lock->add_option("--hold", *hold, "Seconds to hold it (default: until interrupted)")
       ->check(CLI::Range(0L, LONG_MAX));
-  lock->callback(
-      [&ctx, hold] { ctx.action = [&ctx, hold] { return lockResourceGroup(ctx, *hold); }; });
+  auto lockForce = std::make_shared<bool>(false);
+  addForceFlag(lock, *lockForce,
+               "Release it at the end even while other sessions of this host use the array");
+  lock->callback([&ctx, hold, lockForce] {
+    ctx.action = [&ctx, hold, lockForce] { return lockResourceGroup(ctx, *hold, *lockForce); };
+  });
 
-  addOperation(&app, ctx, "unlock",
-               "Release the resource group lock (also one that a crashed job left behind)")
-      ->callback([&ctx] { ctx.action = [&ctx] { return unlockResourceGroup(ctx); }; });
+  auto unlockForce = std::make_shared<bool>(false);
+  CLI::App* unlock =
+      addOperation(&app, ctx, "unlock",
+                   "Release the resource group lock (also one that a crashed job left behind)");
+  addForceFlag(unlock, *unlockForce,
+               "Release it even while other sessions of this host use the array, or another "
+               "user or host holds it");
+  unlock->callback([&ctx, unlockForce] {
+    ctx.action = [&ctx, unlockForce] { return unlockResourceGroup(ctx, *unlockForce); };
+  });
 }
 
 }  // namespace hdsctl

@@ -3,7 +3,9 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cctype>
+#include <cstdlib>
 #include <iostream>
 
 #include "tools/hdsctl/Output.h"
@@ -11,39 +13,109 @@
 namespace hdsctl {
 
 void addArrayOptions(CLI::App* command, ArrayOptions& options) {
+  // No CLI11 environment names: CLI11 fills them in for every subcommand that shares these
+  // fields, so a variable would overwrite what the command line gave (see resolveArrayOptions).
   auto* group = command->add_option_group(
-      "array", "How to reach the array; each option can also be set by its HDSCTL_ variable");
-  group->add_option("--serial", options.serial, "Array serial number")->envname("HDSCTL_SERIAL");
-  group->add_option("--user", options.user, "Array user for the raidcom session")
-      ->envname("HDSCTL_USER");
-  group
-      ->add_option("--password", options.password,
-                   "That user's password (HDSCTL_PASSWORD keeps it out of the process list)")
-      ->envname("HDSCTL_PASSWORD");
+      "array", "How to reach the array; each option beats its HDSCTL_ variable");
+  group->add_option("--serial", options.serial, "Array serial number (HDSCTL_SERIAL)");
+  group->add_option("--user", options.user, "Array user for the raidcom session (HDSCTL_USER)");
+  group->add_option("--password", options.password,
+                    "That user's password (HDSCTL_PASSWORD keeps it out of the process list)");
   group
       ->add_option("--cmddev", options.commandDevices,
-                   "Command device of the array on this host (repeat, or comma-separated)")
-      ->envname("HDSCTL_CMDDEV")
+                   "Command device of the array on this host (repeat, or comma-separated; "
+                   "HDSCTL_CMDDEV)")
       ->delimiter(',');
-  group
-      ->add_option("--horcm-instance", options.horcmInstance,
-                   "Use this HORCM instance instead of allocating one")
-      ->envname("HDSCTL_HORCM_INSTANCE");
-  group->add_option("--resource-group", options.resourceGroup, "Resource group to work in")
-      ->envname("HDSCTL_RESOURCE_GROUP");
-  group
-      ->add_option("--cci-dir", options.cciDir,
-                   "CCI program directory (the client setting sVTHDSHorcmDirectory wins)")
-      ->envname("HDSCTL_CCI_DIR");
+  group->add_option("--horcm-instance", options.horcmInstance,
+                    "Use this HORCM instance instead of allocating one (HDSCTL_HORCM_INSTANCE)");
+  group->add_option("--resource-group", options.resourceGroup,
+                    "Resource group to work in (HDSCTL_RESOURCE_GROUP)");
+  group->add_option("--cci-dir", options.cciDir,
+                    "CCI program directory (HDSCTL_CCI_DIR; the client setting "
+                    "sVTHDSHorcmDirectory wins)");
+}
+
+ArrayOptions takeArrayEnvironment() {
+  auto text = [](const char* name) {
+    const char* value = getenv(name);
+    return std::string(value == nullptr ? "" : value);
+  };
+  ArrayOptions options;
+  options.serial = text("HDSCTL_SERIAL");
+  options.user = text("HDSCTL_USER");
+  options.password = text("HDSCTL_PASSWORD");
+  options.horcmInstance = text("HDSCTL_HORCM_INSTANCE");
+  options.resourceGroup = text("HDSCTL_RESOURCE_GROUP");
+  options.cciDir = text("HDSCTL_CCI_DIR");
+  std::string devices = text("HDSCTL_CMDDEV");
+  for (size_t start = 0; start < devices.size();) {
+    size_t comma = std::min(devices.find(',', start), devices.size());
+    if (comma > start) options.commandDevices.push_back(devices.substr(start, comma - start));
+    start = comma + 1;
+  }
+  // Every CCI tool and script the library starts inherits this environment.
+  unsetenv("HDSCTL_PASSWORD");
+  return options;
+}
+
+void mergeArrayOptions(ArrayOptions& into, const ArrayOptions& over) {
+  auto take = [](std::string& field, const std::string& given) {
+    if (!given.empty()) field = given;
+  };
+  take(into.serial, over.serial);
+  take(into.user, over.user);
+  take(into.password, over.password);
+  take(into.horcmInstance, over.horcmInstance);
+  take(into.resourceGroup, over.resourceGroup);
+  take(into.cciDir, over.cciDir);
+  if (!over.commandDevices.empty()) into.commandDevices = over.commandDevices;
+}
+
+ArrayOptions resolveArrayOptions(const ArrayOptions& environment, const ArrayOptions& jobFile,
+                                 const ArrayOptions& commandLine) {
+  ArrayOptions options = environment;
+  mergeArrayOptions(options, jobFile);
+  mergeArrayOptions(options, commandLine);
+  return options;
+}
+
+namespace {
+
+// The text of the last error line (level 2 and above) of the library's log. Some failures of
+// the library log their reason but set no error text; a message that only said "error 0"
+// would leave the operator nothing to act on.
+std::string& lastLoggedError() {
+  static std::string text;
+  return text;
+}
+
+}  // namespace
+
+void LogSink::TeeBuf::keep(const char* s, std::streamsize n) {
+  for (std::streamsize i = 0; i < n; ++i) {
+    if (s[i] != '\n') {
+      line.push_back(s[i]);
+      continue;
+    }
+    // "level module text"
+    if (!line.empty() && line[0] >= '2' && line[0] <= '9' && line.size() > 1 && line[1] == ' ') {
+      size_t text = line.find_first_not_of(' ', line.find(' ', 2));
+      if (text != std::string::npos) lastLoggedError() = line.substr(text);
+    }
+    line.clear();
+  }
 }
 
 int LogSink::TeeBuf::overflow(int c) {
   if (c == traits_type::eof()) return traits_type::not_eof(c);
-  for (std::streambuf* t : targets) t->sputc(static_cast<char>(c));
+  char ch = static_cast<char>(c);
+  keep(&ch, 1);
+  for (std::streambuf* t : targets) t->sputc(ch);
   return c;
 }
 
 std::streamsize LogSink::TeeBuf::xsputn(const char* s, std::streamsize n) {
+  keep(s, n);
   for (std::streambuf* t : targets) t->sputn(s, n);
   return n;
 }
@@ -82,8 +154,13 @@ std::string handlerError(RaidcomCommandHandler& handler) {
   std::string text;
   handler.getErrorCodeAndString(code, text);
   while (!text.empty() && (text.back() == '\n' || text.back() == ' ')) text.pop_back();
-  if (text.empty()) return "the library reported error " + std::to_string(code);
-  return text + " (error " + std::to_string(code) + ")";
+  if (text.empty() && !lastLoggedError().empty())
+    text = "the library logged \"" + lastLoggedError() + "\"";
+  if (text.empty()) {
+    return code == 0 ? "the library gave no reason (its log, with -v or --log FILE, may)"
+                     : "the library reported error " + std::to_string(code);
+  }
+  return code == 0 ? text : text + " (error " + std::to_string(code) + ")";
 }
 
 void applyCciDirOption(LogSink& log, const ArrayOptions& options) {
@@ -105,6 +182,10 @@ class SessionHandler : public RaidcomCommandHandler {
   void restoreInstanceArgs() {
     if (!m_sReadyInstanceArgs.empty()) m_sInstanceArgs = m_sReadyInstanceArgs;
   }
+
+  // The lock stays on the array for the other sessions of this host; this handler no longer
+  // counts as holding it, so its end does not release it.
+  void leaveResourceLock() { m_bResourceGroupLocked = false; }
 
   int end() {
     if (m_bResourceGroupLocked && unlockResource() != 0) return 1;
@@ -145,7 +226,38 @@ ArraySession::ArraySession(LogSink& log, const ArrayOptions& options) : m_sSeria
     throw Failure("cannot open a raidcom session on array " + options.serial + ": " + error);
   }
   m_pHandler->rememberInstanceArgs();
+  // The library waits up to 50 rounds of 5 s for a resource group it does not find; a misspelt
+  // name fails here at once instead. The default group exists on every array.
+  if (!options.resourceGroup.empty()) {
+    std::vector<std::string> names = resourceGroupNames();
+    if (std::find(names.begin(), names.end(), options.resourceGroup) == names.end()) {
+      m_pHandler.reset();
+      throw Failure("array " + m_sSerial + " has no resource group " + options.resourceGroup +
+                    "; it has " + joinWords(names, ", "));
+    }
+  }
 }
+
+std::vector<std::string> ArraySession::resourceGroupNames() {
+  std::map<std::string, ResourceGroupStatus> groups;
+  require(handler().getResourceGroupInfo(groups, false),
+          "cannot read the resource groups of array " + m_sSerial);
+  std::vector<std::string> names;
+  names.reserve(groups.size());
+  for (const auto& entry : groups) names.push_back(entry.first);
+  return names;
+}
+
+int ArraySession::loginCount() {
+  int count = handler().getLoginCount();
+  if (count < 0) {
+    throw Failure("cannot read the login count of array " + m_sSerial +
+                  " in the settings store (see hdsctl check)");
+  }
+  return count;
+}
+
+void ArraySession::leaveResourceLock() { m_pHandler->leaveResourceLock(); }
 
 ArraySession::~ArraySession() = default;
 

@@ -17,6 +17,7 @@ class App;
 namespace hdsctl {
 
 // How to reach the array; every field can also come from an HDSCTL_* environment variable.
+// An empty field is one that was not given.
 struct ArrayOptions {
   std::string serial;
   std::string user;
@@ -27,8 +28,20 @@ struct ArrayOptions {
   std::string cciDir;
 };
 
-// Adds the array options to a subcommand; all subcommands share the one ArrayOptions.
+// Adds the array options to a subcommand; all subcommands share the one ArrayOptions, which
+// then holds what the command line gave.
 void addArrayOptions(CLI::App* command, ArrayOptions& options);
+
+// What the HDSCTL_* variables give. Call it once, before any child process starts: it removes
+// HDSCTL_PASSWORD from this process's environment.
+ArrayOptions takeArrayEnvironment();
+
+// Each field that `over` gives replaces that of `into`.
+void mergeArrayOptions(ArrayOptions& into, const ArrayOptions& over);
+
+// The options in force: the command line beats the job file, which beats the environment.
+ArrayOptions resolveArrayOptions(const ArrayOptions& environment, const ArrayOptions& jobFile,
+                                 const ArrayOptions& commandLine);
 
 // The library's log: lines "level module text" written through a BasicSnapInfo to a file, to
 // stderr, to both or nowhere.
@@ -48,10 +61,13 @@ class LogSink {
   BasicSnapInfo& snapInfo() { return *m_pSnapInfo; }
 
  private:
-  // Hands every write to the file and, when verbose, to stderr.
+  // Hands every write to the file and, when verbose, to stderr, and keeps the last error line
+  // for handlerError.
   class TeeBuf : public std::streambuf {
    public:
     std::vector<std::streambuf*> targets;
+    std::string line;
+    void keep(const char* s, std::streamsize n);
 
    protected:
     int overflow(int c) override;
@@ -69,7 +85,8 @@ class LogSink {
   void retarget();
 };
 
-// The handler's error text and code after a failed operation.
+// The handler's error text and code after a failed operation; when the handler set no text, the
+// last error the library logged.
 std::string handlerError(RaidcomCommandHandler& handler);
 
 class SessionHandler;
@@ -90,6 +107,12 @@ class ArraySession {
   const std::string& serial() const { return m_sSerial; }
   // Failure with the library's error text when rc is not 0.
   void require(int rc, const std::string& what);
+  // The names of the array's resource groups.
+  std::vector<std::string> resourceGroupNames();
+  // The sessions of this host on the array, this one included.
+  int loginCount();
+  // Keeps the resource group locked when the session ends, for the other sessions of the host.
+  void leaveResourceLock();
   // Ends the session now: releases the resource group lock when it is held and logs out when
   // this is the last session. A Failure when either fails; the destructor could only log it.
   void close();

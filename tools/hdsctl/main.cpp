@@ -1,6 +1,7 @@
 // hdsctl: the operator's tool over the hdscmd library.
 #include <CLI/CLI.hpp>
 #include <iostream>
+#include <new>
 
 #include "tools/hdsctl/Commands.h"
 #include "tools/hdsctl/Output.h"
@@ -24,8 +25,11 @@ namespace {
 const char* const kFooter = R"(
 The array options (--serial, --user, --password, --cmddev, ...) can also be given as
 HDSCTL_SERIAL, HDSCTL_USER, HDSCTL_PASSWORD, HDSCTL_CMDDEV, HDSCTL_HORCM_INSTANCE,
-HDSCTL_RESOURCE_GROUP and HDSCTL_CCI_DIR. Where the library keeps its files: HDS_SETTINGS_FILE,
-HDS_LOCK_DIR, HDS_TEMP_DIR, HDS_HORCM_DIR, HDS_CLIENT_NAME.
+HDSCTL_RESOURCE_GROUP and HDSCTL_CCI_DIR; an option on the command line beats its variable, and
+a job file's "array" beats the variables too. Where the library keeps its files:
+HDS_SETTINGS_FILE, HDS_LOCK_DIR, HDS_TEMP_DIR, HDS_HORCM_DIR, HDS_CLIENT_NAME.
+svol delete, snapshot delete and unmap touch only S-VOLs, and unlock only a lock that no other
+session of this host uses, unless --force.
 Exit status: 0 done, 1 the array or the library failed, 2 wrong arguments.
 Examples:
   hdsctl check --serial 412345
@@ -43,6 +47,16 @@ std::string oneLine(std::string text) {
   return text;
 }
 
+// "svol delete": the subcommands that were parsed.
+std::string commandPath(const CLI::App& app) {
+  std::string path;
+  for (const CLI::App* sub = &app; !sub->get_subcommands().empty();) {
+    sub = sub->get_subcommands().front();
+    path += (path.empty() ? "" : " ") + sub->get_name();
+  }
+  return path;
+}
+
 }  // namespace
 
 }  // namespace hdsctl
@@ -50,6 +64,7 @@ std::string oneLine(std::string text) {
 int main(int argc, char** argv) {
   using namespace hdsctl;
   Context ctx;
+  ctx.environment = takeArrayEnvironment();
   CLI::App app{"hdsctl: check a host, list and change what an array holds, and run snapshot jobs",
                "hdsctl"};
   app.require_subcommand(1);
@@ -73,6 +88,8 @@ int main(int argc, char** argv) {
     std::cerr << "hdsctl: " << oneLine(e.what()) << " (see hdsctl --help)" << std::endl;
     return kExitUsage;
   }
+  ctx.commandLine = ctx.array;
+  ctx.array = resolveArrayOptions(ctx.environment, ArrayOptions(), ctx.commandLine);
 
   try {
     try {
@@ -86,9 +103,19 @@ int main(int argc, char** argv) {
     std::cout.flush();
     std::cerr << "hdsctl: " << oneLine(e.what()) << std::endl;
     return kExitUsage;
-  } catch (const std::exception& e) {
+  } catch (const Failure& e) {
     std::cout.flush();
     std::cerr << "hdsctl: " << e.what() << std::endl;
+    return kExitFailed;
+  } catch (const std::bad_alloc&) {
+    std::cout.flush();
+    std::cerr << "hdsctl: " << commandPath(app) << ": out of memory" << std::endl;
+    return kExitFailed;
+  } catch (const std::exception& e) {
+    // A fault of hdsctl itself; the bare text of a standard exception ("stol") says nothing.
+    std::cout.flush();
+    std::cerr << "hdsctl: " << commandPath(app) << " stopped on an unexpected error in hdsctl ("
+              << e.what() << ")" << std::endl;
     return kExitFailed;
   }
 }

@@ -1,0 +1,241 @@
+// hdsctl where an operator's slip would cost data or a running job: which array and options it
+// acts on, what it agrees to remove, and when it gives the resource group lock back.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <nlohmann/json.hpp>
+#include <thread>
+
+#include "tests/support/Leftovers.h"
+#include "tests/support/TestEnv.h"
+#include "tests/support/ToolRun.h"
+
+namespace {
+
+using hdstest::arrayState;
+using hdstest::hdsctlPath;
+using hdstest::SimArray;
+using hdstest::TestEnv;
+using hdstest::ToolResult;
+using hdstest::ToolRun;
+using hdstest::useSimArray;
+using nlohmann::json;
+
+ToolResult hdsctl(const std::vector<std::string>& args) { return hdstest::runHdsctl(args); }
+
+std::string text(const ToolResult& r) { return r.out + r.err; }
+
+// A second array, 499999, reached through /dev/sdd, whose LDEVs are named far_<id>.
+void addSecondArray(const SimArray& sim) {
+  json s = json::parse(SimArray::defaultScenario());
+  json far = s["arrays"][0];
+  far["serial"] = "499999";
+  far["command_devices"] = {{{"ldev", 4095}, {"device", "/dev/sdd"}}};
+  far["ldevs"][0]["name"] = "far_{id}";
+  s["arrays"].push_back(far);
+  sim.load(s.dump());
+}
+
+// "3532" of "horcm3532.conf".
+std::string instanceNumber(const std::string& horcmFile) {
+  return horcmFile.substr(5, horcmFile.find('.') - 5);
+}
+
+TEST(HdsctlSafety, CommandLineBeatsEachVariableAndNoChildSeesThePassword) {
+  TestEnv env;
+  SimArray sim(env);
+  addSecondArray(sim);
+  useSimArray(env, sim);
+  EXPECT_NE(hdsctl({"--help"}).out.find("an option on the command line beats its variable"),
+            std::string::npos);
+
+  // The variables name 412345; the command line names 499999, and wins.
+  ASSERT_EQ(hdsctl({"pools"}).exitCode, 0);
+  ToolResult r =
+      hdsctl({"ldevs", "--ldev", "110", "--json", "--serial", "499999", "--cmddev", "/dev/sdd"});
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  EXPECT_EQ(json::parse(r.out)[0]["label"], "far_110");
+  std::string farInstance, nearInstance;
+  for (const std::string& name : hdstest::filesIn(env.horcmDir())) {
+    std::string conf = hdstest::readFile(env.horcmDir() + name);
+    if (conf.find("CMD-499999\n/dev/sdd") != std::string::npos) farInstance = name;
+    if (conf.find("CMD-412345\n/dev/sdc") != std::string::npos) nearInstance = name;
+  }
+  EXPECT_NE(farInstance, "") << "no HORCM file names the command device of the command line";
+  // A job file's array beats the variables too.
+  std::string job = env.root() + "/far.json";
+  hdstest::writeFile(job,
+                     R"({"name": "far", "pool": 0, "pvols": [100],
+                         "array": {"serial": "499999", "command_devices": ["/dev/sdd"]}})");
+  r = hdsctl({"job", job});
+  EXPECT_EQ(r.exitCode, 0) << text(r);
+  EXPECT_NE(r.out.find("every object the job made on array 499999"), std::string::npos) << r.out;
+
+  // Each variable set wrong breaks the command, and the option set right mends it.
+  struct Case {
+    const char* variable;
+    const char* wrong;
+    std::vector<std::string> option;
+  };
+  const std::vector<Case> cases = {
+      {"HDSCTL_SERIAL", "499998", {"--serial", "412345"}},
+      {"HDSCTL_USER", "nobody", {"--user", "admin"}},
+      {"HDSCTL_PASSWORD", "wrong", {"--password", "admin123"}},
+      {"HDSCTL_HORCM_INSTANCE", "x1", {"--horcm-instance", instanceNumber(nearInstance)}},
+      {"HDSCTL_RESOURCE_GROUP", "no_such_group", {"--resource-group", "meta_resource"}},
+      {"HDSCTL_CCI_DIR", "/nonexistent/cci", {"--cci-dir", sim.cciDir()}},
+  };
+  env.writeSettings("");  // the CCI directory comes from the options alone
+  env.setEnv("HDSCTL_CCI_DIR", sim.cciDir().c_str());
+  for (const Case& c : cases) {
+    const char* right = getenv(c.variable);
+    std::string kept = right == nullptr ? "" : right;
+    env.setEnv(c.variable, c.wrong);
+    EXPECT_EQ(hdsctl({"pools"}).exitCode, 1) << c.variable;
+    std::vector<std::string> args = {"pools"};
+    args.insert(args.end(), c.option.begin(), c.option.end());
+    r = hdsctl(args);
+    EXPECT_EQ(r.exitCode, 0) << c.variable << ": " << r.err;
+    env.setEnv(c.variable, kept.empty() ? nullptr : kept.c_str());
+  }
+
+  // raidcom as a script that records its environment before it runs the simulator.
+  std::string realDir = env.root() + "/real/";
+  ASSERT_EQ(mkdir(realDir.c_str(), 0755), 0);
+  ASSERT_EQ(symlink(SimArray::ccisimPath().c_str(), (realDir + "raidcom").c_str()), 0);
+  std::string dump = env.root() + "/raidcom-env";
+  ASSERT_EQ(unlink(sim.toolPath("raidcom").c_str()), 0);
+  hdstest::writeFile(sim.toolPath("raidcom"),
+                     "#!/bin/sh\nenv >> " + dump + "\nexec " + realDir + "raidcom \"$@\"\n", 0755);
+  ASSERT_EQ(hdsctl({"pools"}).exitCode, 0);
+  std::string seen = hdstest::readFile(dump);
+  EXPECT_NE(seen.find("HDSCTL_SERIAL=412345"), std::string::npos) << seen;
+  EXPECT_EQ(seen.find("HDSCTL_PASSWORD"), std::string::npos);
+  EXPECT_EQ(seen.find(SimArray::kPassword), std::string::npos);
+}
+
+TEST(HdsctlSafety, DestructiveCommandsActOnlyOnSvolsUnlessForced) {
+  TestEnv env;
+  SimArray sim(env);
+  useSimArray(env, sim);
+  std::string before = arrayState(sim);
+
+  // A data volume, a P-VOL's pairs and the command device's path are refused; a list with one
+  // refused LDEV deletes none.
+  ASSERT_EQ(
+      hdsctl({"svol", "create", "300", "--pool", "0", "--like", "100", "--label", "KS_SVOL_100_t"})
+          .exitCode,
+      0);
+  ASSERT_EQ(hdsctl({"snapshot", "add", "KS_SNAP_t", "--pool", "0", "--pair", "100:300"}).exitCode,
+            0);
+  std::string made = arrayState(sim);
+  struct Refusal {
+    std::vector<std::string> args;
+    std::string says;
+  };
+  const std::vector<Refusal> refusals = {
+      {{"svol", "delete", "300", "110"}, "LDEV 110 (label data_110, no snapshot pairs"},
+      {{"snapshot", "delete", "100"}, "P-VOL in KS_SNAP_t with S-VOL 300"},
+      {{"unmap", "--port", "CL1-A", "--host-group", "1", "--ldev", "4095"}, "LU paths CL1-A-1-0"},
+      {{"svol", "delete", "301"}, "LDEV 301 (not defined"},
+  };
+  for (const Refusal& c : refusals) {
+    ToolResult r = hdsctl(c.args);
+    EXPECT_EQ(r.exitCode, 1) << c.args[1] << ": " << text(r);
+    EXPECT_NE(r.err.find(c.says), std::string::npos) << r.err;
+    EXPECT_NE(r.err.find("--force"), std::string::npos) << r.err;
+  }
+  EXPECT_EQ(arrayState(sim), made);
+
+  // What the job side makes goes without --force: the pairs by their S-VOL, the S-VOL by label.
+  for (const std::vector<std::string>& args :
+       {std::vector<std::string>{"snapshot", "delete", "300"}, {"svol", "delete", "300"}}) {
+    ToolResult r = hdsctl(args);
+    EXPECT_EQ(r.exitCode, 0) << text(r);
+  }
+  EXPECT_EQ(arrayState(sim), before);
+
+  ToolResult r = hdsctl({"svol", "delete", "115", "--force"});
+  EXPECT_EQ(r.exitCode, 0) << text(r);
+  EXPECT_NE(r.err.find("--force: LDEV 115 (label data_115"), std::string::npos) << r.err;
+  EXPECT_NE(arrayState(sim), before);
+}
+
+json resourceGroup() {
+  ToolResult r = hdsctl({"resource-groups", "--json"});
+  EXPECT_EQ(r.exitCode, 0) << r.err;
+  return json::parse(r.out, nullptr, false)[0];
+}
+
+TEST(HdsctlSafety, TheLockStaysWithTheSessionsThatUseIt) {
+  TestEnv env;
+  SimArray sim(env);
+  useSimArray(env, sim);
+
+  // A holder in another process, as a job holds the lock while it runs.
+  ToolRun holder({hdsctlPath(), "lock"});
+  for (int i = 0; i < 300 && resourceGroup()["status"] != "Locked"; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  }
+  ASSERT_EQ(resourceGroup()["status"], "Locked");
+  ToolResult r = hdsctl({"unlock"});
+  EXPECT_EQ(r.exitCode, 1);
+  EXPECT_NE(r.err.find("1 other session(s) of this host use array 412345 (login count 2)"),
+            std::string::npos)
+      << r.err;
+  r = hdsctl({"lock", "--hold", "0"});
+  EXPECT_EQ(r.exitCode, 0) << r.err;
+  EXPECT_NE(r.out.find("left resource group meta_resource locked"), std::string::npos) << r.out;
+  EXPECT_EQ(resourceGroup()["status"], "Locked");
+  // The holder is the last session: it releases the lock.
+  kill(holder.pid(), SIGINT);
+  r = holder.finish();
+  EXPECT_EQ(r.exitCode, 0) << r.err;
+  EXPECT_EQ(resourceGroup()["status"], "Unlocked");
+
+  // A lock of another user or host is named and left; so is this host's lock while a crashed
+  // job's session still counts, unless forced.
+  sim.lockResourceGroup("meta_resource", "maint", "Storage Navigator");
+  r = hdsctl({"unlock"});
+  EXPECT_EQ(r.exitCode, 1);
+  EXPECT_NE(r.err.find("user maint from host Storage Navigator holds it"), std::string::npos)
+      << r.err;
+  env.setEnv("CCISIM_HOSTNAME", "backuphost");
+  sim.lockResourceGroup("meta_resource", "admin", "backuphost");
+  env.writeSettings("[iHarbor]\nsVTHDSHorcmDirectory = " + sim.cciDir() +
+                    "\n[~iHarbor]\nsVTHDSRaidcomLockCount_412345 = 1\n");
+  EXPECT_EQ(hdsctl({"unlock"}).exitCode, 1);
+  r = hdsctl({"unlock", "--force"});
+  EXPECT_EQ(r.exitCode, 0) << r.err;
+  EXPECT_EQ(resourceGroup()["status"], "Unlocked");
+}
+
+TEST(HdsctlSafety, FailuresNameTheirCause) {
+  TestEnv env;
+  SimArray sim(env);
+  useSimArray(env, sim);
+
+  // A misspelt group fails before the library's wait for it, naming the groups there are.
+  ToolResult r = hdsctl({"lock", "--hold", "0", "--resource-group", "meta_resourse"});
+  EXPECT_EQ(r.exitCode, 1);
+  EXPECT_EQ(r.err,
+            "hdsctl: array 412345 has no resource group meta_resourse; it has meta_resource\n");
+  EXPECT_NE(hdstest::readFile(env.settingsFile()).find("sVTHDSRaidcomLockCount_412345=0"),
+            std::string::npos);
+
+  // The library fails on an empty raidqry answer without an error text of its own.
+  hdstest::SimFault empty;
+  empty.tool = "raidqry";
+  empty.match = "-l";
+  empty.exitCode = 0;
+  sim.addFault(empty);
+  r = hdsctl({"lock", "--hold", "0"});
+  EXPECT_EQ(r.exitCode, 1);
+  EXPECT_EQ(r.err.find("error 0"), std::string::npos) << r.err;
+  EXPECT_NE(r.err.find("cannot lock resource group meta_resource: "), std::string::npos) << r.err;
+}
+
+}  // namespace
