@@ -154,10 +154,9 @@ TEST_F(HdsctlJob, UnusableDirectoriesStopTheJobBeforeTheArrayIsTouched) {
   env.setEnv("HDS_LOCK_DIR", (plain + "/lock").c_str());
   ToolResult r = runTool({hdsctlPath(), "job", jobFile});
   EXPECT_EQ(r.exitCode, 1);
-  EXPECT_EQ(failureMessage(r.err),
-            "hdsctl: job t failed at step 'open session': Temporary directory [" + plain +
-                "] cannot be used: Not a directory; Lock directory [" + plain +
-                "/lock] unusable: Not a directory\n");
+  EXPECT_EQ(failureMessage(r.err), "hdsctl: job t cannot start: Temporary directory [" + plain +
+                                       "] cannot be used: Not a directory; Lock directory [" +
+                                       plain + "/lock] unusable: Not a directory\n");
   EXPECT_TRUE(sim.journal().empty());
 }
 

@@ -178,7 +178,9 @@ int runJob(Context& ctx, JobSpec jobSpec, const json& extra) {
   checkJobName(jobSpec.name);
   // The job lock and the journal need these directories: a job must not stop half way for a
   // cause known before its first change.
-  if (std::string problems = hostProblemsForJob(); !problems.empty()) throw Failure(problems);
+  if (std::string problems = hostProblemsForJob(); !problems.empty()) {
+    throw Failure("job " + jobSpec.name + " cannot start: " + problems);
+  }
   InterruptGuard interrupts;
   JobLock lock(jobSpec.name);
   if (!lock.tryLock()) {

@@ -309,7 +309,8 @@ void Undoer::deleteJobSvol(const hdsLdev_t& ldev) {
   // A fresh S-VOL carries no label until the job's label step; one named since, with anything
   // but the S-VOL prefix, is judged as hdsctl's removal commands judge an LDEV, so a number the
   // array gave to someone else's volume in between is never deleted.
-  if (!ldev.label.empty() && ldev.label.rfind(VT_HDS_LDEV_LABEL_PREFIX, 0) != 0) {
+  if (!ldev.label.empty() && ldev.label != VT_HDS_BLANK_LDEV_LABEL &&
+      ldev.label.rfind(VT_HDS_LDEV_LABEL_PREFIX, 0) != 0) {
     std::vector<hdsSnapshotGroupInfo> pairs;
     call([&] { return h().getSnapshotGroupList(pairs, ldev.ldevId); },
          "cannot read the snapshot pairs of S-VOL " + ldev.ldevId);
