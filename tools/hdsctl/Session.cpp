@@ -4,6 +4,8 @@
 
 #include <CLI/CLI.hpp>
 #include <cctype>
+#include <cerrno>
+#include <cstring>
 #include <iostream>
 
 #include "tools/hdsctl/Output.h"
@@ -37,45 +39,18 @@ void addArrayOptions(CLI::App* command, ArrayOptions& options) {
       ->envname("HDSCTL_CCI_DIR");
 }
 
-int LogSink::TeeBuf::overflow(int c) {
-  if (c == traits_type::eof()) return traits_type::not_eof(c);
-  for (std::streambuf* t : targets) t->sputc(static_cast<char>(c));
-  return c;
-}
-
-std::streamsize LogSink::TeeBuf::xsputn(const char* s, std::streamsize n) {
-  for (std::streambuf* t : targets) t->sputn(s, n);
-  return n;
-}
-
-int LogSink::TeeBuf::sync() {
-  for (std::streambuf* t : targets) t->pubsync();
-  return 0;
-}
-
-LogSink::LogSink() : m_oOut(&m_oTee), m_pSnapInfo(new BasicSnapInfo(&m_oOut)) {}
+LogSink::LogSink() : m_pSnapInfo(new BasicSnapInfo()) {}
 
 LogSink::~LogSink() = default;
 
 void LogSink::openFile(const std::string& path) {
-  if (m_oFile.is_open()) m_oFile.close();
-  m_oFile.open(path, std::ios::out | std::ios::app);
-  if (!m_oFile.is_open()) throw Failure("cannot open the log file " + path);
+  if (!m_pSnapInfo->openLogFile(path)) {
+    throw Failure("cannot open the log file " + path + ": " + strerror(errno));
+  }
   m_sFilePath = path;
-  retarget();
 }
 
-void LogSink::setVerbose(bool verbose) {
-  m_bVerbose = verbose;
-  retarget();
-}
-
-void LogSink::retarget() {
-  m_oOut.flush();
-  m_oTee.targets.clear();
-  if (m_oFile.is_open()) m_oTee.targets.push_back(m_oFile.rdbuf());
-  if (m_bVerbose) m_oTee.targets.push_back(std::cerr.rdbuf());
-}
+void LogSink::setVerbose(bool verbose) { m_pSnapInfo->setStream(verbose ? &std::cerr : nullptr); }
 
 std::string handlerError(RaidcomCommandHandler& handler) {
   int code = 0;
