@@ -166,6 +166,7 @@ class JobRun {
   std::vector<Pair> m_oPairs;
   std::vector<StepRecord> m_oSteps;
   std::vector<std::string> m_oLeftOver;
+  CallTotals m_oCallsAtStart;
   // What the job holds on the array; a "touched" flag is set before the call that may leave
   // objects behind even when it fails, and cleared once they are gone.
   bool m_bLocked = false;
@@ -684,6 +685,9 @@ void JobRun::cleanUp() {
 
 void JobRun::printSummary(bool ok, double seconds, const std::string& failedStep,
                           const std::string& error, const json& extra) {
+  CallTotals now = m_oCtx.trace.totals();
+  long calls = now.calls - m_oCallsAtStart.calls;
+  double toolSeconds = (now.toolMs - m_oCallsAtStart.toolMs) / 1000;
   if (m_oCtx.json) {
     json steps = json::array();
     for (const StepRecord& s : m_oSteps) {
@@ -704,6 +708,9 @@ void JobRun::printSummary(bool ok, double seconds, const std::string& failedStep
                     {"serialNumber", m_oSpec.array.serial},
                     {"result", ok ? "ok" : "failed"},
                     {"seconds", seconds},
+                    {"cciCalls", calls},
+                    {"toolSeconds", toolSeconds},
+                    {"outsideSeconds", seconds - toolSeconds},
                     {"steps", steps},
                     {"pairs", pairs},
                     {"leftOnArray", m_oLeftOver}};
@@ -723,7 +730,9 @@ void JobRun::printSummary(bool ok, double seconds, const std::string& failedStep
     return;
   }
   std::cout << "\njob " << m_oSpec.name << ": " << m_oPairs.size() << " pairs, " << m_oSteps.size()
-            << " steps in " << fixed2(seconds) << " s\n";
+            << " steps in " << fixed2(seconds) << " s: " << calls << " CCI calls, "
+            << fixed2(toolSeconds) << " s in the tools, " << fixed2(seconds - toolSeconds)
+            << " s outside them\n";
   Table table({"P-VOL", "S-VOL", "CAPACITY(BLK)", "LABEL", "SNAPSHOT", "MU", "LUN"});
   for (const Pair& p : m_oPairs) {
     table.addRow(
@@ -757,6 +766,7 @@ int JobRun::run(const json& extra) {
 
   InterruptGuard interrupts;
   int width = static_cast<int>(std::to_string(steps.size()).size());
+  m_oCallsAtStart = m_oCtx.trace.totals();
   Clock::time_point start = Clock::now();
   std::string failedStep, error;
   for (size_t i = 0; i < steps.size(); ++i) {
