@@ -61,4 +61,12 @@ nlohmann::json toJson(const std::string& name, const ResourceGroupStatus& group)
 
 void printJson(std::ostream& out, const nlohmann::json& value);
 
+// A program run without a shell (words[0] is its path) and waited for up to timeoutSec.
+struct ProgramRun {
+  bool ended = false;  // false: it did not start or did not end in time; why is in err
+  int exitCode = -1;
+  std::string out, err;
+};
+ProgramRun runProgram(std::vector<std::string> words, int timeoutSec);
+
 }  // namespace hdsctl
