@@ -19,15 +19,15 @@ set(hds_lib_package libhdscmd${PROJECT_VERSION_MAJOR})
 set(CPACK_DEBIAN_LIB_PACKAGE_NAME ${hds_lib_package})
 set(CPACK_DEBIAN_LIB_PACKAGE_DEPENDS "libc6, libstdc++6, libgcc-s1")
 set(CPACK_COMPONENT_LIB_DESCRIPTION
-  "hdscmd shared library\nDrives block storage arrays through the CCI command-line tools.")
+  "The shared library, which drives block storage arrays through the CCI command-line tools.")
 set(CPACK_DEBIAN_DEV_PACKAGE_NAME libhdscmd-dev)
 set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "${hds_lib_package} (= ${PROJECT_VERSION})")
 set(CPACK_COMPONENT_DEV_DESCRIPTION
-  "hdscmd development files\nHeaders, CMake package and pkg-config file of the hdscmd library.")
+  "Headers, CMake package and pkg-config file of the hdscmd library.")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME hdscmd-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION admin)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "${hds_lib_package} (= ${PROJECT_VERSION}), tar, gzip")
 set(CPACK_COMPONENT_TOOLS_DESCRIPTION
-  "hdscmd tools\nhdsctl, the operator's tool over the library, and ccisim, a simulated array.")
+  "hdsctl, the operator's tool over the library, and ccisim, a simulated array.")
 include(CPack)

@@ -90,8 +90,9 @@ export PKG_CONFIG_PATH="$libdir/pkgconfig"
 
 if $deb; then
   # The packaged hdsctl finds the packaged library and ccisim beside it, not the build's.
-  ldd "$prefix/bin/hdsctl" | grep -q "$libdir/libhdscmd.so.1" ||
-    fail "the packaged hdsctl does not load the packaged library"
+  loaded=$(ldd "$prefix/bin/hdsctl" | awk '/libhdscmd/ {print $3}')
+  [ "$(readlink -f "$loaded")" = "$(readlink -f "$libdir/libhdscmd.so.1")" ] ||
+    fail "the packaged hdsctl loads '$loaded', not the packaged library"
   TMPDIR=$work "$prefix/bin/hdsctl" demo --pvols 2 --dir "$work/demo" >"$work/demo.log" 2>&1 || {
     cat "$work/demo.log" >&2
     fail "hdsctl demo failed from the packages"
