@@ -68,8 +68,8 @@ std::string linePrefix(int level) {
   clock_gettime(CLOCK_REALTIME, &now);
   tm utc{};
   gmtime_r(&now.tv_sec, &utc);
-  char stamp[32];
-  strftime(stamp, sizeof(stamp), "%Y-%m-%dT%H:%M:%S", &utc);
+  char stamp[32] = "";
+  (void)strftime(stamp, sizeof(stamp), "%Y-%m-%dT%H:%M:%S", &utc);
   char prefix[128];
   int n = snprintf(prefix, sizeof(prefix), "%s.%03dZ %d %ld %s ", stamp,
                    static_cast<int>(now.tv_nsec / 1000000), static_cast<int>(getpid()),

@@ -183,6 +183,7 @@ void printJson(std::ostream& out, const json& value) {
 
 ProgramRun runProgram(std::vector<std::string> words, int timeoutSec) {
   std::vector<char*> argv;
+  argv.reserve(words.size() + 1);
   for (std::string& w : words) argv.push_back(&w[0]);
   argv.push_back(nullptr);
   VtProcess process;

@@ -112,9 +112,11 @@ std::string processOfThread(long tid) {
 std::string lockReport() {
   std::string dir = VtNamedMutex::lockDirectory();
   std::string text = "lock directory " + dir + "\n";
+  const std::string prefix = dir + "/";
   for (const std::string& name : listDirectory(dir)) {
-    long tid = VtNamedMutex::holderThread(dir + "/" + name);
-    text += name + ": ";
+    long tid = VtNamedMutex::holderThread(prefix + name);
+    text += name;
+    text += ": ";
     if (tid < 0) {
       text += "not a lock file\n";
     } else if (tid == 0) {
@@ -198,8 +200,8 @@ std::string utcStamp() {
   time_t now = time(nullptr);
   tm utc{};
   gmtime_r(&now, &utc);
-  char stamp[32];
-  strftime(stamp, sizeof(stamp), "%Y%m%dT%H%M%SZ", &utc);
+  char stamp[32] = "";
+  (void)strftime(stamp, sizeof(stamp), "%Y%m%dT%H%M%SZ", &utc);
   return stamp;
 }
 
@@ -210,9 +212,9 @@ int makeBundle(Context& ctx, const BundleOptions& o) {
   gethostname(host, sizeof(host) - 1);
   std::string name = std::string("hds-support-") + host + "-" + utcStamp();
   std::string root = temp.path() + "/" + name;
-  for (const std::string& sub : {std::string(), std::string("/horcm")}) {
-    if (mkdir((root + sub).c_str(), 0700) != 0) {
-      throw Failure("cannot create " + root + sub + ": " + strerror(errno));
+  for (const std::string& path : {root, root + "/horcm"}) {
+    if (mkdir(path.c_str(), 0700) != 0) {
+      throw Failure("cannot create " + path + ": " + strerror(errno));
     }
   }
   const std::string& secret = ctx.array.password;

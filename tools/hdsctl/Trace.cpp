@@ -54,7 +54,7 @@ std::string isoTime(long long unixMs) {
   gmtime_r(&seconds, &utc);
   char stamp[40];
   size_t n = strftime(stamp, sizeof(stamp), "%Y-%m-%dT%H:%M:%S", &utc);
-  snprintf(stamp + n, sizeof(stamp) - n, ".%03dZ", static_cast<int>(unixMs % 1000));
+  (void)snprintf(stamp + n, sizeof(stamp) - n, ".%03dZ", static_cast<int>(unixMs % 1000));
   return stamp;
 }
 
