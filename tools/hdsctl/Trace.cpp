@@ -82,21 +82,21 @@ CallTotals CallTrace::totals() {
 
 std::string CallTrace::line(const VtProcessCall& call) {
   std::string_view out(call.out, call.outSize), err(call.err, call.errSize);
-  nlohmann::json j = {{"start", isoTime(call.startUnixMs)},
-                      {"ms", static_cast<long long>(call.durationMs * 1000) / 1000.0},
-                      {"command", call.command},
-                      {"exit", call.exitCode},
-                      {"started", call.started},
-                      {"timedOut", call.timedOut},
-                      {"outBytes", call.outSize},
-                      {"errBytes", call.errSize}};
+  nlohmann::ordered_json j = {{"start", isoTime(call.startUnixMs)},
+                              {"ms", static_cast<long long>(call.durationMs * 1000) / 1000.0},
+                              {"command", call.command},
+                              {"exit", call.exitCode},
+                              {"started", call.started},
+                              {"timedOut", call.timedOut},
+                              {"outBytes", call.outSize},
+                              {"errBytes", call.errSize}};
   std::string ex = exCode(err);
   if (ex.empty()) ex = exCode(out);
   if (!ex.empty()) j["ex"] = ex;
   std::string ssb1, ssb2;
   if (ssbPair(err, ssb1, ssb2) || ssbPair(out, ssb1, ssb2)) j["ssb"] = {ssb1, ssb2};
   // A command line may hold bytes that are not UTF-8; they are replaced rather than refused.
-  return j.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+  return j.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
 }
 
 void CallTrace::observe(void* self, const VtProcessCall& call) {
