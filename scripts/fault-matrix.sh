@@ -10,4 +10,5 @@ build=${HDS_BUILD_DIR:-build}
 cmake -S . -B "$build" -G Ninja >/dev/null
 ninja -C "$build" -j "$(nproc)" fault_matrix_test hdsctl ccisim
 HDS_FAULT_MATRIX_PVOLS=${1:-16} HDS_FAULT_MATRIX_PARALLEL=${2:-16} \
-  "$build/tests/fault_matrix_test" --gtest_brief=1 | grep -v '^[0-9] HDS  \|^\[ *[0-9]*/[0-9]*\] '
+  "$build/tests/fault_matrix_test" --gtest_brief=1 |
+  grep -Ev '^[0-9]{4}-[0-9]{2}-[0-9]{2}T[^ ]+ [0-9]+ [0-9]+ [A-Z]+ HDS  |^\[ *[0-9]*/[0-9]*\] '

@@ -3,13 +3,17 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <functional>
+#include <map>
+#include <memory>
 #include <regex>
-#include <set>
 #include <sstream>
 
 #include "sim/SimInvocation.h"
@@ -28,99 +32,9 @@ class AdminError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-const char* const kUsage =
-    "usage: ccisim <command> (state in $CCISIM_STATE)\n"
-    "  install DIR                      link the eleven CCI tool names in DIR to ccisim\n"
-    "  init [--serial S] [--type T] [--microcode M] [--cci-version V] [--cache-mb N]\n"
-    "       [--max-ldev N] [--ldevs FIRST-LAST] [--ldev-capacity BLOCKS]\n"
-    "       [--pool ID:NAME[:TYPE]]... [--port NAME[:LOGIN_WWN,...]]... [--cmddev LDEV:DEVICE]...\n"
-    "       [--rsg NAME:ID[:VSERIAL:VTYPE]]... [--user NAME:PASSWORD]...\n"
-    "       [--copy-ms N] [--format-ms N] [--sync-lag-ms N] [--print]\n"
-    "  load SCENARIO.json|-             replace the state with a scenario\n"
-    "  dump [--json]                    print the whole state\n"
-    "  fault add --tool T|* [--match REGEX] [--exit N] [--stdout TEXT] [--stderr TEXT]\n"
-    "            [--times N] [--delay-ms N] [--status-ssb SSB1,SSB2] [--status-text TEXT]\n"
-    "  fault list [--json] | fault clear\n"
-    "  journal [--json] [--tool T] [--clear]\n"
-    "  session list | session expire [--instance N]\n"
-    "  resource lock NAME --owner U --host H [--serial S] | resource unlock NAME [--serial S]\n"
-    "  pair fail COPY_GROUP             suspend a copy group's pairs with an error\n"
-    "  timing [--copy-ms N] [--format-ms N] [--sync-lag-ms N]\n"
-    "  finish                           complete every copy and format under way now\n";
-
 class UsageError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
-};
-
-// "--name value" options and bare words of one admin command; anything left unread is an error.
-class AdminArgs {
- public:
-  AdminArgs(const std::vector<std::string>& args, size_t from) {
-    for (size_t i = from; i < args.size(); ++i) {
-      const std::string& a = args[i];
-      if (a.compare(0, 2, "--") != 0) {
-        m_oWords.push_back(a);
-        continue;
-      }
-      size_t eq = a.find('=');
-      if (eq != std::string::npos) {
-        m_oOptions.emplace_back(a.substr(0, eq), a.substr(eq + 1));
-      } else if (kFlags.count(a)) {
-        m_oOptions.emplace_back(a, "");
-      } else if (i + 1 < args.size()) {
-        m_oOptions.emplace_back(a, args[++i]);
-      } else {
-        throw UsageError(a + " needs a value");
-      }
-    }
-  }
-  bool flag(const std::string& name) { return !takeAll(name).empty(); }
-  std::vector<std::string> takeAll(const std::string& name) {
-    std::vector<std::string> values;
-    for (auto it = m_oOptions.begin(); it != m_oOptions.end();) {
-      if (it->first == name) {
-        values.push_back(it->second);
-        it = m_oOptions.erase(it);
-      } else {
-        ++it;
-      }
-    }
-    return values;
-  }
-  std::optional<std::string> take(const std::string& name) {
-    std::vector<std::string> values = takeAll(name);
-    if (values.size() > 1) throw UsageError(name + " given twice");
-    if (values.empty()) return std::nullopt;
-    return values.front();
-  }
-  template <typename T>
-  void take(const std::string& name, T& target) {
-    if (auto v = take(name)) {
-      auto n = v->size() > 1 && (*v)[0] == '-' ? parseNumber(v->substr(1)) : parseNumber(*v);
-      if (!n) throw UsageError(name + " takes a number");
-      target = static_cast<T>((*v)[0] == '-' ? -*n : *n);
-    }
-  }
-  void take(const std::string& name, std::string& target) {
-    if (auto v = take(name)) target = *v;
-  }
-  std::string word(const char* what) {
-    if (m_oWords.empty()) throw UsageError(std::string("missing ") + what);
-    std::string w = m_oWords.front();
-    m_oWords.erase(m_oWords.begin());
-    return w;
-  }
-  // Every option and word must have been used.
-  void done() const {
-    if (!m_oOptions.empty()) throw UsageError("unknown option " + m_oOptions.front().first);
-    if (!m_oWords.empty()) throw UsageError("unexpected '" + m_oWords.front() + "'");
-  }
-
- private:
-  static inline const std::set<std::string> kFlags = {"--json", "--print", "--clear"};
-  std::vector<std::pair<std::string, std::string>> m_oOptions;
-  std::vector<std::string> m_oWords;
 };
 
 std::string statePath() {
@@ -139,7 +53,7 @@ std::vector<std::string> splitOn(const std::string& text, char sep) {
 
 int toInt(const std::string& text, const std::string& what) {
   auto n = parseNumber(text);
-  if (!n || *n > INT_MAX) throw AdminError("'" + text + "' is not a number (" + what + ")");
+  if (!n || *n > INT_MAX) throw UsageError("'" + text + "' is not a number (" + what + ")");
   return static_cast<int>(*n);
 }
 
@@ -176,43 +90,51 @@ void install(const std::string& dir) {
   }
 }
 
+// What `ccisim init` is told; an empty text or list leaves the default scenario's value.
+struct InitOptions {
+  std::string serial, type, microcode, cciVersion, cacheMb, maxLdev, ldevs, ldevCapacity;
+  std::string copyMs, formatMs, syncLagMs;
+  std::vector<std::string> pools, ports, cmddevs, rsgs, users;
+  bool print = false;
+};
+
 // The default scenario with the options of `ccisim init` laid over it.
-json initScenario(AdminArgs& args) {
+json initScenario(const InitOptions& o) {
   json s = defaultScenario();
   json& a = s["arrays"][0];
-  auto text = [&](const char* option, json& target) {
-    if (auto v = args.take(option)) target = *v;
+  auto text = [](const std::string& value, json& target) {
+    if (!value.empty()) target = value;
   };
-  auto number = [&](const char* option, json& target) {
-    if (auto v = args.take(option)) target = toInt(*v, option);
+  auto number = [](const std::string& value, const char* option, json& target) {
+    if (!value.empty()) target = toInt(value, option);
   };
-  text("--cci-version", s["cci_version"]);
-  number("--copy-ms", s["timings"]["copy_ms"]);
-  number("--format-ms", s["timings"]["format_ms"]);
-  number("--sync-lag-ms", s["timings"]["sync_lag_ms"]);
+  text(o.cciVersion, s["cci_version"]);
+  number(o.copyMs, "--copy-ms", s["timings"]["copy_ms"]);
+  number(o.formatMs, "--format-ms", s["timings"]["format_ms"]);
+  number(o.syncLagMs, "--sync-lag-ms", s["timings"]["sync_lag_ms"]);
   // meta_resource names the array itself as its virtual storage machine.
-  if (auto serial = args.take("--serial")) {
-    a["serial"] = *serial;
-    a["resource_groups"][0]["virtual_serial"] = *serial;
+  if (!o.serial.empty()) {
+    a["serial"] = o.serial;
+    a["resource_groups"][0]["virtual_serial"] = o.serial;
   }
-  if (auto type = args.take("--type")) {
-    a["type"] = *type;
-    a["resource_groups"][0]["virtual_type"] = *type;
+  if (!o.type.empty()) {
+    a["type"] = o.type;
+    a["resource_groups"][0]["virtual_type"] = o.type;
   }
-  text("--microcode", a["microcode"]);
-  number("--cache-mb", a["cache_mb"]);
-  number("--max-ldev", a["max_ldev_id"]);
-  if (auto ldevs = args.take("--ldevs")) {
-    auto range = splitOn(*ldevs, '-');
+  text(o.microcode, a["microcode"]);
+  number(o.cacheMb, "--cache-mb", a["cache_mb"]);
+  number(o.maxLdev, "--max-ldev", a["max_ldev_id"]);
+  if (!o.ldevs.empty()) {
+    auto range = splitOn(o.ldevs, '-');
     if (range.size() != 2) throw UsageError("--ldevs takes FIRST-LAST");
     int first = toInt(range[0], "--ldevs");
     a["ldevs"][0]["id"] = first;
     a["ldevs"][0]["count"] = toInt(range[1], "--ldevs") - first + 1;
   }
-  number("--ldev-capacity", a["ldevs"][0]["capacity"]);
-  if (auto pools = args.takeAll("--pool"); !pools.empty()) {
+  number(o.ldevCapacity, "--ldev-capacity", a["ldevs"][0]["capacity"]);
+  if (!o.pools.empty()) {
     a["pools"] = json::array();
-    for (const std::string& p : pools) {
+    for (const std::string& p : o.pools) {
       auto f = splitOn(p, ':');
       if (f.size() < 2) throw UsageError("--pool takes ID:NAME[:TYPE]");
       a["pools"].push_back(
@@ -220,11 +142,12 @@ json initScenario(AdminArgs& args) {
     }
     a["ldevs"][0]["pool"] = a["pools"][0]["id"];
   }
-  if (auto ports = args.takeAll("--port"); !ports.empty()) {
+  if (!o.ports.empty()) {
     a["ports"] = json::array();
     int n = 0;
-    for (const std::string& p : ports) {
+    for (const std::string& p : o.ports) {
       auto f = splitOn(p, ':');
+      if (f.empty()) throw UsageError("--port takes NAME[:LOGIN_WWN,...]");
       json port = {{"name", f[0]},
                    {"wwn", strprintf("50060e8012abcd%02x", n++ * 16)},
                    {"logins", json::array()},
@@ -235,15 +158,15 @@ json initScenario(AdminArgs& args) {
       a["ports"].push_back(port);
     }
   }
-  if (auto cmddevs = args.takeAll("--cmddev"); !cmddevs.empty()) {
+  if (!o.cmddevs.empty()) {
     a["command_devices"] = json::array();
-    for (const std::string& c : cmddevs) {
+    for (const std::string& c : o.cmddevs) {
       auto f = splitOn(c, ':');
       if (f.size() != 2) throw UsageError("--cmddev takes LDEV:DEVICE");
       a["command_devices"].push_back({{"ldev", toInt(f[0], "--cmddev")}, {"device", f[1]}});
     }
   }
-  for (const std::string& r : args.takeAll("--rsg")) {
+  for (const std::string& r : o.rsgs) {
     auto f = splitOn(r, ':');
     if (f.size() != 2 && f.size() != 4) throw UsageError("--rsg takes NAME:ID[:VSERIAL:VTYPE]");
     json g = {{"name", f[0]}, {"id", toInt(f[1], "--rsg")}};
@@ -253,9 +176,11 @@ json initScenario(AdminArgs& args) {
     }
     a["resource_groups"].push_back(g);
   }
-  if (auto users = args.takeAll("--user"); !users.empty()) {
+  if (!o.users.empty()) {
     a["users"] = json::array();
-    for (const std::string& u : users) {
+    // Everything after the first colon is the password as given: blanks, quotes, colons and
+    // backslashes included.
+    for (const std::string& u : o.users) {
       size_t colon = u.find(':');
       if (colon == std::string::npos) throw UsageError("--user takes NAME:PASSWORD");
       a["users"].push_back({{"name", u.substr(0, colon)}, {"password", u.substr(colon + 1)}});
@@ -283,76 +208,139 @@ void withState(Fn fn) {
   }
 }
 
-}  // namespace
+// The admin commands, each a CLI11 subcommand that leaves its work in the action when parsed.
+using Action = std::function<void()>;
 
-int runAdmin(const std::vector<std::string>& args) {
-  try {
-    if (args.empty() || args[0] == "help" || args[0] == "--help" || args[0] == "-h") {
-      std::fputs(kUsage, args.empty() ? stderr : stdout);
-      return args.empty() ? 2 : 0;
-    }
-    const std::string& command = args[0];
-    std::string sub = args.size() > 1 ? args[1] : "";
-    bool hasSub =
-        command == "fault" || command == "session" || command == "resource" || command == "pair";
-    AdminArgs a(args, hasSub ? 2 : 1);
-    if (command == "install") {
-      std::string dir = a.word("DIR");
-      a.done();
-      install(dir);
-    } else if (command == "init") {
-      bool print = a.flag("--print");
-      json scenario = initScenario(a);
-      a.done();
-      if (print) {
+std::string numberText(const std::string& text) {
+  return parseNumber(text) ? "" : "a number is needed: " + text;
+}
+
+// A whole number, negative ones too (fault add --times -1 is "every time").
+std::string signedNumberText(const std::string& text) {
+  return numberText(text.size() > 1 && text[0] == '-' ? text.substr(1) : text);
+}
+
+int signedInt(const std::string& text) {
+  return text[0] == '-' ? -toInt(text.substr(1), "number") : toInt(text, "number");
+}
+
+// Each value is taken as one word, exactly as given: a password may hold blanks, quotes, `$`,
+// `!` and backslashes.
+CLI::Option* addList(CLI::App* cmd, const char* name, std::vector<std::string>& values,
+                     const char* help) {
+  return cmd->add_option(name, values, help)->allow_extra_args(false)->type_name("VALUE");
+}
+
+void addInstall(CLI::App* cmd, Action& action) {
+  auto dir = std::make_shared<std::string>();
+  cmd->add_option("DIR", *dir, "Directory for the links")->required();
+  cmd->callback([&action, dir] { action = [dir] { install(*dir); }; });
+}
+
+void addInit(CLI::App* cmd, Action& action) {
+  auto o = std::make_shared<InitOptions>();
+  CLI::Validator number(numberText, "");
+  cmd->add_option("--serial", o->serial, "Array serial number");
+  cmd->add_option("--type", o->type, "Array type code");
+  cmd->add_option("--microcode", o->microcode, "Microcode version");
+  cmd->add_option("--cci-version", o->cciVersion, "CCI version that raidqry reports");
+  cmd->add_option("--cache-mb", o->cacheMb, "Cache size in MB")->check(number)->type_name("N");
+  cmd->add_option("--max-ldev", o->maxLdev, "Highest LDEV number")->check(number)->type_name("N");
+  cmd->add_option("--ldevs", o->ldevs, "LDEVs that exist, FIRST-LAST");
+  cmd->add_option("--ldev-capacity", o->ldevCapacity, "Their capacity in blocks")
+      ->check(number)
+      ->type_name("N");
+  addList(cmd, "--pool", o->pools, "A pool, ID:NAME[:TYPE] (repeat)");
+  addList(cmd, "--port", o->ports, "A port, NAME[:LOGIN_WWN,...] (repeat)");
+  addList(cmd, "--cmddev", o->cmddevs, "A command device, LDEV:DEVICE (repeat)");
+  addList(cmd, "--rsg", o->rsgs, "A resource group, NAME:ID[:VSERIAL:VTYPE] (repeat)");
+  addList(cmd, "--user", o->users, "A user, NAME:PASSWORD taken verbatim (repeat)");
+  cmd->add_option("--copy-ms", o->copyMs, "Time a pair copy takes")->check(number)->type_name("N");
+  cmd->add_option("--format-ms", o->formatMs, "Time an LDEV format takes")
+      ->check(number)
+      ->type_name("N");
+  cmd->add_option("--sync-lag-ms", o->syncLagMs, "Lag of pairsyncwait")
+      ->check(number)
+      ->type_name("N");
+  cmd->add_flag("--print", o->print, "Print the scenario instead of loading it");
+  cmd->callback([&action, o] {
+    action = [o] {
+      json scenario = initScenario(*o);
+      if (o->print) {
         std::printf("%s\n", scenario.dump(2).c_str());
       } else {
         replaceState(scenario);
       }
-    } else if (command == "load") {
-      std::string file = a.word("SCENARIO");
-      a.done();
+    };
+  });
+}
+
+void addLoad(CLI::App* cmd, Action& action) {
+  auto file = std::make_shared<std::string>();
+  cmd->add_option("SCENARIO", *file, "Scenario JSON file, or - for stdin")->required();
+  cmd->callback([&action, file] {
+    action = [file] {
       std::stringstream text;
-      if (file == "-") {
+      if (*file == "-") {
         char buf[4096];
         size_t n;
         while ((n = std::fread(buf, 1, sizeof(buf), stdin)) > 0) text.write(buf, n);
       } else {
-        std::ifstream in(file);
-        if (!in) throw AdminError("cannot read " + file + ": " + strerror(errno));
+        std::ifstream in(*file);
+        if (!in) throw AdminError("cannot read " + *file + ": " + strerror(errno));
         text << in.rdbuf();
       }
       json scenario = json::parse(text.str(), nullptr, false);
-      if (scenario.is_discarded()) throw AdminError(file + " is not valid JSON");
+      if (scenario.is_discarded()) throw AdminError(*file + " is not valid JSON");
       replaceState(scenario);
-    } else if (command == "dump") {
-      bool asJson = a.flag("--json");
-      a.done();
+    };
+  });
+}
+
+void addDump(CLI::App* cmd, Action& action) {
+  auto asJson = std::make_shared<bool>(false);
+  cmd->add_flag("--json", *asJson, "As a scenario in JSON");
+  cmd->callback([&action, asJson] {
+    action = [asJson] {
       Store store(statePath(), Store::Mode::Existing);
       store.begin();
       Invocation settler(store, "ccisim", {});
       settler.settle();
-      std::string text = asJson ? dumpScenario(store).dump(2) + "\n" : dumpText(store);
+      std::string text = *asJson ? dumpScenario(store).dump(2) + "\n" : dumpText(store);
       store.commit();
       std::fputs(text.c_str(), stdout);
-    } else if (command == "fault" && sub == "add") {
-      Fault fault;
-      int exitCode = -1;
-      std::string statusSsb;
-      fault.tool = a.take("--tool").value_or("");
-      if (fault.tool.empty()) throw UsageError("fault add needs --tool");
-      a.take("--match", fault.pattern);
-      a.take("--exit", exitCode);
-      a.take("--stdout", fault.out);
-      a.take("--stderr", fault.err);
-      a.take("--times", fault.remaining);
-      a.take("--delay-ms", fault.delayMs);
-      a.take("--status-ssb", statusSsb);
-      a.take("--status-text", fault.statusText);
-      a.done();
-      if (exitCode >= 0) fault.exitCode = exitCode;
-      if (!statusSsb.empty()) {
-        auto f = splitOn(statusSsb, ',');
+    };
+  });
+}
+
+void addFaultAdd(CLI::App* cmd, Action& action) {
+  struct Options {
+    Fault fault;
+    std::string exitCode, times, delayMs, statusSsb;
+  };
+  auto o = std::make_shared<Options>();
+  CLI::Validator number(numberText, "");
+  cmd->add_option("--tool", o->fault.tool, "Tool name, or * for every tool")->required();
+  cmd->add_option("--match", o->fault.pattern, "Regular expression searched in the arguments");
+  cmd->add_option("--exit", o->exitCode, "Exit with this code instead of running")
+      ->check(number)
+      ->type_name("N");
+  cmd->add_option("--stdout", o->fault.out, "Print this on stdout");
+  cmd->add_option("--stderr", o->fault.err, "Print this on stderr");
+  cmd->add_option("--times", o->times, "Number of calls it meets, -1 for every call")
+      ->check(CLI::Validator(signedNumberText, ""))
+      ->type_name("N");
+  cmd->add_option("--delay-ms", o->delayMs, "Hang this long first")->check(number)->type_name("N");
+  cmd->add_option("--status-ssb", o->statusSsb, "Leave SSB1,SSB2 in get command_status");
+  cmd->add_option("--status-text", o->fault.statusText, "With this description");
+  cmd->callback([&action, o] {
+    action = [o] {
+      Fault fault = o->fault;
+      if (!o->exitCode.empty()) fault.exitCode = toInt(o->exitCode, "--exit");
+      if (!o->times.empty()) fault.remaining = signedInt(o->times);
+      if (!o->delayMs.empty()) fault.delayMs = toInt(o->delayMs, "--delay-ms");
+      if (!o->statusSsb.empty()) {
+        auto f = splitOn(o->statusSsb, ',');
         if (f.size() != 2) throw UsageError("--status-ssb takes SSB1,SSB2");
         fault.ssb1 = f[0];
         fault.ssb2 = f[1];
@@ -361,9 +349,15 @@ int runAdmin(const std::vector<std::string>& args) {
         if (!text->empty() && text->back() != '\n') *text += '\n';
       }
       withState([&](Store& db) { addFault(db, fault); });
-    } else if (command == "fault" && sub == "list") {
-      bool asJson = a.flag("--json");
-      a.done();
+    };
+  });
+}
+
+void addFaultList(CLI::App* cmd, Action& action) {
+  auto asJson = std::make_shared<bool>(false);
+  cmd->add_flag("--json", *asJson, "As JSON");
+  cmd->callback([&action, asJson] {
+    action = [asJson] {
       withState([&](Store& db) {
         json list = json::array();
         for (const Fault& f : listFaults(db)) {
@@ -378,27 +372,38 @@ int runAdmin(const std::vector<std::string>& args) {
                     {"status_text", f.statusText}};
           j["exit"] = f.exitCode ? json(*f.exitCode) : json(nullptr);
           list.push_back(j);
-          if (!asJson) {
+          if (!*asJson) {
             std::printf("%lld %s %s exit=%s times=%d delay_ms=%d\n", static_cast<long long>(f.id),
                         f.tool.c_str(), quoteArg(f.pattern).c_str(),
                         f.exitCode ? std::to_string(*f.exitCode).c_str() : "-", f.remaining,
                         f.delayMs);
           }
         }
-        if (asJson) std::printf("%s\n", list.dump(2).c_str());
+        if (*asJson) std::printf("%s\n", list.dump(2).c_str());
       });
-    } else if (command == "fault" && sub == "clear") {
-      a.done();
-      withState(clearFaults);
-    } else if (command == "journal") {
-      bool asJson = a.flag("--json");
-      bool clear = a.flag("--clear");
-      std::string tool = a.take("--tool").value_or("");
-      a.done();
+    };
+  });
+}
+
+void addFaultClear(CLI::App* cmd, Action& action) {
+  cmd->callback([&action] { action = [] { withState(clearFaults); }; });
+}
+
+void addJournal(CLI::App* cmd, Action& action) {
+  struct Options {
+    bool asJson = false, clear = false;
+    std::string tool;
+  };
+  auto o = std::make_shared<Options>();
+  cmd->add_flag("--json", o->asJson, "As JSON");
+  cmd->add_flag("--clear", o->clear, "Empty the journal afterwards");
+  cmd->add_option("--tool", o->tool, "Only the calls of this tool");
+  cmd->callback([&action, o] {
+    action = [o] {
       std::string path = statePath();
       json list = json::array();
       for (const JournalEntry& e : readJournal(path)) {
-        if (!tool.empty() && e.tool != tool) continue;
+        if (!o->tool.empty() && e.tool != o->tool) continue;
         json j = {{"seq", e.seq},
                   {"time_ms", e.timeMs},
                   {"pid", e.pid},
@@ -406,58 +411,111 @@ int runAdmin(const std::vector<std::string>& args) {
                   {"args", e.args}};
         j["exit"] = e.exitCode ? json(*e.exitCode) : json(nullptr);
         list.push_back(j);
-        if (!asJson) {
+        if (!o->asJson) {
           std::string line = std::to_string(e.seq) + " " +
                              (e.exitCode ? std::to_string(*e.exitCode) : "-") + " " + e.tool;
           for (const std::string& arg : e.args) line += " " + quoteArg(arg);
           std::printf("%s\n", line.c_str());
         }
       }
-      if (asJson) std::printf("%s\n", list.dump(2).c_str());
-      if (clear) clearJournal(path);
-    } else if (command == "session" && sub == "list") {
-      a.done();
+      if (o->asJson) std::printf("%s\n", list.dump(2).c_str());
+      if (o->clear) clearJournal(path);
+    };
+  });
+}
+
+void addSessionList(CLI::App* cmd, Action& action) {
+  cmd->callback([&action] {
+    action = [] {
       withState([&](Store& db) {
         for (Stmt st = db.query("SELECT instance, serial, user FROM sessions ORDER BY 1, 2");
              st.step();) {
           std::printf("%s %s %s\n", st.s(0).c_str(), st.s(1).c_str(), st.s(2).c_str());
         }
       });
-    } else if (command == "session" && sub == "expire") {
-      std::string instance = a.take("--instance").value_or("");
-      a.done();
+    };
+  });
+}
+
+void addSessionExpire(CLI::App* cmd, Action& action) {
+  auto instance = std::make_shared<std::string>();
+  cmd->add_option("--instance", *instance, "Only the session of this HORCM instance");
+  cmd->callback([&action, instance] {
+    action = [instance] {
       withState([&](Store& db) {
-        db.run("DELETE FROM sessions WHERE ?='' OR instance=?", instance, instance);
+        db.run("DELETE FROM sessions WHERE ?='' OR instance=?", *instance, *instance);
       });
-    } else if (command == "resource" && (sub == "lock" || sub == "unlock")) {
-      std::string name = a.word("resource group name");
-      std::string serial = a.take("--serial").value_or("");
-      std::string owner = a.take("--owner").value_or("");
-      std::string host = a.take("--host").value_or("");
-      a.done();
-      if (sub == "lock" && (owner.empty() || host.empty())) {
-        throw UsageError("resource lock needs --owner and --host");
-      }
+    };
+  });
+}
+
+void addResource(CLI::App* cmd, Action& action, bool lock) {
+  struct Options {
+    std::string name, serial, owner, host;
+  };
+  auto o = std::make_shared<Options>();
+  cmd->add_option("NAME", o->name, "Resource group name")->required();
+  cmd->add_option("--serial", o->serial, "Array serial number (default: the first array)");
+  if (lock) {
+    cmd->add_option("--owner", o->owner, "User that holds the lock")->required();
+    cmd->add_option("--host", o->host, "Host that holds the lock")->required();
+  }
+  cmd->callback([&action, o, lock] {
+    action = [o, lock] {
       withState([&](Store& db) {
+        std::string serial = o->serial;
         if (serial.empty()) serial = db.text("SELECT serial FROM arrays ORDER BY ord").value_or("");
-        if (sub == "lock") {
-          db.run("UPDATE rsgs SET lock_owner=?, lock_host=? WHERE serial=? AND name=?", owner, host,
-                 serial, name);
+        if (lock) {
+          db.run("UPDATE rsgs SET lock_owner=?, lock_host=? WHERE serial=? AND name=?", o->owner,
+                 o->host, serial, o->name);
         } else {
           db.run("UPDATE rsgs SET lock_owner=NULL, lock_host=NULL WHERE serial=? AND name=?",
-                 serial, name);
+                 serial, o->name);
         }
-        if (db.changes() == 0) throw AdminError("no resource group " + name + " on " + serial);
+        if (db.changes() == 0) throw AdminError("no resource group " + o->name + " on " + serial);
       });
-    } else if (command == "pair" && sub == "fail") {
-      std::string group = a.word("COPY_GROUP");
-      a.done();
+    };
+  });
+}
+
+void addPairFail(CLI::App* cmd, Action& action) {
+  auto group = std::make_shared<std::string>();
+  cmd->add_option("COPY_GROUP", *group, "Copy group")->required();
+  cmd->callback([&action, group] {
+    action = [group] {
       withState([&](Store& db) {
-        db.run("UPDATE pairs SET status='PSUE', next=NULL, due=NULL WHERE cg=?", group);
-        if (db.changes() == 0) throw AdminError("copy group " + group + " has no pairs");
+        db.run("UPDATE pairs SET status='PSUE', next=NULL, due=NULL WHERE cg=?", *group);
+        if (db.changes() == 0) throw AdminError("copy group " + *group + " has no pairs");
       });
-    } else if (command == "finish") {
-      a.done();
+    };
+  });
+}
+
+void addTiming(CLI::App* cmd, Action& action) {
+  struct Options {
+    std::string copy, format, lag;
+  };
+  auto o = std::make_shared<Options>();
+  CLI::Validator number(numberText, "");
+  cmd->add_option("--copy-ms", o->copy, "Time a pair copy takes")->check(number)->type_name("N");
+  cmd->add_option("--format-ms", o->format, "Time an LDEV format takes")
+      ->check(number)
+      ->type_name("N");
+  cmd->add_option("--sync-lag-ms", o->lag, "Lag of pairsyncwait")->check(number)->type_name("N");
+  cmd->callback([&action, o] {
+    action = [o] {
+      withState([&](Store& db) {
+        if (!o->copy.empty()) db.setMeta("copy_ms", o->copy);
+        if (!o->format.empty()) db.setMeta("format_ms", o->format);
+        if (!o->lag.empty()) db.setMeta("sync_lag_ms", o->lag);
+      });
+    };
+  });
+}
+
+void addFinish(CLI::App* cmd, Action& action) {
+  cmd->callback([&action] {
+    action = [] {
       withState([&](Store& db) {
         int64_t now = Invocation::nowMs();
         db.run("UPDATE pairs SET due=? WHERE due IS NOT NULL", now);
@@ -467,23 +525,84 @@ int runAdmin(const std::vector<std::string>& args) {
         db.setMeta("next_due", std::to_string(now));
         Invocation(db, "ccisim", {}).settle();
       });
-    } else if (command == "timing") {
-      std::optional<std::string> copy = a.take("--copy-ms"), format = a.take("--format-ms"),
-                                 lag = a.take("--sync-lag-ms");
-      a.done();
-      for (const auto* v : {&copy, &format, &lag}) {
-        if (*v && !parseNumber(**v)) throw UsageError("timings are numbers of milliseconds");
+    };
+  });
+}
+
+struct AdminCommand {
+  const char* group;  // the command it belongs under ("fault add"), or nullptr
+  const char* name;
+  const char* help;
+  std::function<void(CLI::App*, Action&)> add;
+};
+
+const AdminCommand kCommands[] = {
+    {nullptr, "install", "Link the CCI tool names in DIR to ccisim", addInstall},
+    {nullptr, "init", "Replace the state with the default array and these options", addInit},
+    {nullptr, "load", "Replace the state with a scenario", addLoad},
+    {nullptr, "dump", "Print the whole state", addDump},
+    {"fault", "add", "Make matching calls fail, print or hang", addFaultAdd},
+    {"fault", "list", "List the faults", addFaultList},
+    {"fault", "clear", "Remove every fault", addFaultClear},
+    {nullptr, "journal", "Print the calls the tools received", addJournal},
+    {"session", "list", "List the raidcom sessions", addSessionList},
+    {"session", "expire", "End raidcom sessions as the array does", addSessionExpire},
+    {"resource", "lock", "Lock a resource group as another user",
+     [](CLI::App* cmd, Action& action) { addResource(cmd, action, true); }},
+    {"resource", "unlock", "Unlock a resource group",
+     [](CLI::App* cmd, Action& action) { addResource(cmd, action, false); }},
+    {"pair", "fail", "Suspend a copy group's pairs with an error", addPairFail},
+    {nullptr, "timing", "Change how long copies and formats take", addTiming},
+    {nullptr, "finish", "Complete every copy and format under way now", addFinish},
+};
+
+const std::map<std::string, const char*> kGroups = {
+    {"fault", "Faults the tools meet"},
+    {"session", "The array's raidcom sessions"},
+    {"resource", "Resource group locks held by others"},
+    {"pair", "Pair states"}};
+
+}  // namespace
+
+int runAdmin(const std::vector<std::string>& args) {
+  CLI::App app{"ccisim: the CCI tools of a simulated array (state in $CCISIM_STATE)", "ccisim"};
+  app.require_subcommand(1);
+  Action action;
+  std::map<std::string, CLI::App*> groups;
+  for (const AdminCommand& c : kCommands) {
+    CLI::App* parent = &app;
+    if (c.group != nullptr) {
+      CLI::App*& group = groups[c.group];
+      if (group == nullptr) {
+        group = app.add_subcommand(c.group, kGroups.at(c.group));
+        group->require_subcommand(1);
       }
-      withState([&](Store& db) {
-        if (copy) db.setMeta("copy_ms", *copy);
-        if (format) db.setMeta("format_ms", *format);
-        if (lag) db.setMeta("sync_lag_ms", *lag);
-      });
-    } else {
-      throw UsageError("unknown command '" + command + (hasSub ? " " + sub : "") + "'");
+      parent = group;
     }
+    c.add(parent->add_subcommand(c.name, c.help), action);
+  }
+  // Set last, so that the subcommands' help does not repeat it.
+  app.footer(
+      "Started under a CCI tool's name (raidcom, raidqry, raidscan, horcmstart.sh, "
+      "horcmshutdown.sh, paircreate, pairsplit, pairresync, pairdisplay, pairevtwait, "
+      "pairsyncwait), or as `ccisim TOOL ARGS...`, it plays that tool.");
+  try {
+    // CLI11 takes the words last first; `ccisim help` is `ccisim --help`.
+    std::vector<std::string> words(args.rbegin(), args.rend());
+    if (args.size() == 1 && args[0] == "help") words = {"--help"};
+    app.parse(words);
+  } catch (const CLI::ParseError& e) {
+    if (e.get_exit_code() == 0) return app.exit(e);
+    // CLI11 messages can run over several lines; a usage error is one line.
+    std::string text = e.what();
+    std::replace(text.begin(), text.end(), '\n', ' ');
+    std::fprintf(stderr, "ccisim: %s (see ccisim --help)\n", text.c_str());
+    return 2;
+  }
+  try {
+    action();
   } catch (const UsageError& e) {
-    std::fprintf(stderr, "ccisim: %s\n%s", e.what(), kUsage);
+    std::fprintf(stderr, "ccisim: %s (see ccisim --help)\n", e.what());
     return 2;
   } catch (const std::regex_error& e) {
     std::fprintf(stderr, "ccisim: bad --match expression: %s\n", e.what());

@@ -1,5 +1,6 @@
 #include "hds/helper/CommandHelper.h"
 
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -48,6 +49,43 @@ class ShellArgv {
   char** m_pArgv = nullptr;
 };
 
+// Hands one call to the process-wide observer when one is installed; without one it reads no
+// clock.
+class CallReport {
+ public:
+  explicit CallReport(const std::string& printable)
+      : m_pObserver(VtGetProcessObserver(&m_pContext)), m_rPrintable(printable) {
+    if (m_pObserver == nullptr) return;
+    m_oWallStart = std::chrono::system_clock::now();
+    m_oStart = std::chrono::steady_clock::now();
+  }
+
+  void send(bool started, int exitCode, bool timedOut, const std::string& out = std::string(),
+            const std::string& err = std::string()) {
+    if (m_pObserver == nullptr) return;
+    using namespace std::chrono;
+    VtProcessCall call{};
+    call.command = m_rPrintable.c_str();
+    call.startUnixMs = duration_cast<milliseconds>(m_oWallStart.time_since_epoch()).count();
+    call.durationMs = duration<double, std::milli>(steady_clock::now() - m_oStart).count();
+    call.exitCode = exitCode;
+    call.started = started;
+    call.timedOut = timedOut;
+    call.out = out.data();
+    call.outSize = out.size();
+    call.err = err.data();
+    call.errSize = err.size();
+    m_pObserver(m_pContext, call);
+  }
+
+ private:
+  void* m_pContext = nullptr;
+  VtProcessObserver m_pObserver;
+  const std::string& m_rPrintable;
+  std::chrono::system_clock::time_point m_oWallStart;
+  std::chrono::steady_clock::time_point m_oStart;
+};
+
 bool commandLoggingEnabled(VTSO::SnapInfo& snapInfo) {
   int value = 0;
   return snapInfo.getSnapConfigInt(SMCONFIG_NAME_ENABLE_COMMAND_LOGGING, value) && value != 0;
@@ -73,6 +111,7 @@ int CommandHelper::RunCommandWithTimeout(const std::string& commandLine, std::st
                                          int& exitCode, std::string& error, int timeoutSec) {
   const std::string printable = buildCommandToPrint(commandLine, "");
 
+  CallReport report(printable);
   VtProcess process;
   process.TrapIO(true, true);
   process.SetSilence(true);
@@ -86,6 +125,7 @@ int CommandHelper::RunCommandWithTimeout(const std::string& commandLine, std::st
   const bool started = process.StartProcess(argv.get(), &error, 0);
   argv.release();
   if (!started) {
+    report.send(false, -1, false);
     m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to execute Command [%s]. Error [%s]",
                      printable.c_str(), error.c_str());
     error = "Failed to launch command" + printable;
@@ -94,11 +134,13 @@ int CommandHelper::RunCommandWithTimeout(const std::string& commandLine, std::st
 
   if (process.WaitForProcessToEnd(&exitCode, &error, timeoutSec)) {
     process.GetIO(&output, &error);
+    report.send(true, exitCode, false, output, error);
     m_pSnapInfo->log(0, VT_HDS_LOG_MODULE, "Command [%s] succeeded with exitCode [%d]",
                      printable.c_str(), exitCode);
     if (exitCode != 0) output += error;
     return 0;
   }
+  report.send(true, -1, error == kTimedOutMarker);
   if (error == kTimedOutMarker) {
     m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Command [%s] timed out. Error [%s]", printable.c_str(),
                      error.c_str());
@@ -121,8 +163,10 @@ int CommandHelper::RunCommand(const std::string& commandLine, std::string& outpu
                               const std::string&) {
   error.clear();
   const std::string printable = buildCommandToPrint(commandLine, "");
+  CallReport report(printable);
   VtProcess process;
   const int result = process.system(commandLine.c_str(), &output, &error, 0, true);
+  report.send(result != -1, result, false, output, error);
   if (result == -1) {
     m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to execute command [%s]. Error [%s]",
                      printable.c_str(), error.c_str());

@@ -1,8 +1,13 @@
 #include "hds/platform/SnapInfo.h"
 
+#include <fcntl.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
+#include <ctime>
 #include <vector>
 
 const char* const SMCONFIG_NAME_ENABLE_COMMAND_LOGGING = "Enable CCI command logging";
@@ -44,12 +49,50 @@ std::string formatMessage(const char* format, va_list args) {
   return std::string(big.data(), static_cast<size_t>(n));
 }
 
+const char* levelName(int level) {
+  switch (level) {
+    case 0:
+      return "DEBUG";
+    case 1:
+      return "INFO";
+    case 2:
+      return "ERROR";
+    default:
+      return "LEVEL";
+  }
+}
+
+// "2026-11-23T15:32:14.123Z 4711 4712 ERROR " for now, this process and this thread.
+std::string linePrefix(int level) {
+  timespec now{};
+  clock_gettime(CLOCK_REALTIME, &now);
+  tm utc{};
+  gmtime_r(&now.tv_sec, &utc);
+  char stamp[32] = "";
+  (void)strftime(stamp, sizeof(stamp), "%Y-%m-%dT%H:%M:%S", &utc);
+  char prefix[128];
+  int n = snprintf(prefix, sizeof(prefix), "%s.%03dZ %d %ld %s ", stamp,
+                   static_cast<int>(now.tv_nsec / 1000000), static_cast<int>(getpid()),
+                   static_cast<long>(syscall(SYS_gettid)), levelName(level));
+  return std::string(prefix, n > 0 ? static_cast<size_t>(n) : 0);
+}
+
+void writeAll(int fd, const std::string& text) {
+  size_t done = 0;
+  while (done < text.size()) {
+    ssize_t n = ::write(fd, text.data() + done, text.size() - done);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return;
+    done += static_cast<size_t>(n);
+  }
+}
+
 }  // namespace
 
 struct BasicSnapInfo::Impl {
   std::mutex oMutex;
   std::ostream* pOut = nullptr;
-  std::ofstream oFile;
+  int iFd = -1;
   int iMinLevel = 0;
   int iReplicationType = 0;
   std::map<std::string, int> oInts;
@@ -60,15 +103,22 @@ BasicSnapInfo::BasicSnapInfo() : m_pImpl(new Impl) {}
 
 BasicSnapInfo::BasicSnapInfo(std::ostream* out) : m_pImpl(new Impl) { m_pImpl->pOut = out; }
 
-BasicSnapInfo::~BasicSnapInfo() = default;
+BasicSnapInfo::~BasicSnapInfo() {
+  if (m_pImpl->iFd >= 0) ::close(m_pImpl->iFd);
+}
 
 bool BasicSnapInfo::openLogFile(const std::string& path) {
+  int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+  if (fd < 0) return false;
   std::lock_guard<std::mutex> guard(m_pImpl->oMutex);
-  if (m_pImpl->oFile.is_open()) m_pImpl->oFile.close();
-  m_pImpl->oFile.open(path, std::ios::out | std::ios::app);
-  if (!m_pImpl->oFile.is_open()) return false;
-  m_pImpl->pOut = &m_pImpl->oFile;
+  if (m_pImpl->iFd >= 0) ::close(m_pImpl->iFd);
+  m_pImpl->iFd = fd;
   return true;
+}
+
+void BasicSnapInfo::setStream(std::ostream* out) {
+  std::lock_guard<std::mutex> guard(m_pImpl->oMutex);
+  m_pImpl->pOut = out;
 }
 
 void BasicSnapInfo::setMinLevel(int level) {
@@ -92,11 +142,21 @@ void BasicSnapInfo::setReplicationType(int type) {
 }
 
 void BasicSnapInfo::vlog(int level, const char* module, const char* format, va_list args) {
-  std::string text = formatMessage(format, args);
+  {
+    std::lock_guard<std::mutex> guard(m_pImpl->oMutex);
+    if ((m_pImpl->pOut == nullptr && m_pImpl->iFd < 0) || level < m_pImpl->iMinLevel) return;
+  }
+  std::string line = linePrefix(level);
+  line += module != nullptr ? module : "";
+  line += ' ';
+  line += formatMessage(format, args);
+  line += '\n';
   std::lock_guard<std::mutex> guard(m_pImpl->oMutex);
-  if (m_pImpl->pOut == nullptr || level < m_pImpl->iMinLevel) return;
-  *m_pImpl->pOut << level << ' ' << (module != nullptr ? module : "") << ' ' << text << '\n';
-  m_pImpl->pOut->flush();
+  if (m_pImpl->iFd >= 0) writeAll(m_pImpl->iFd, line);
+  if (m_pImpl->pOut != nullptr) {
+    m_pImpl->pOut->write(line.data(), static_cast<std::streamsize>(line.size()));
+    m_pImpl->pOut->flush();
+  }
 }
 
 bool BasicSnapInfo::getSnapConfigInt(const std::string& key, int& value) {

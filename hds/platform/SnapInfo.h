@@ -32,17 +32,22 @@ class HDS_API SnapInfo {
 HDS_API extern const char* const SMCONFIG_NAME_ENABLE_COMMAND_LOGGING;
 HDS_API extern const char* const SMCONFIG_NAME_HORCM_INSTALLATION_PATH;
 
-// A ready SnapInfo for tools: writes "level module text" lines to a stream or a file and takes
-// its array-level settings from a map. Thread-safe.
+// A ready SnapInfo for tools: writes log lines to a file, a stream or both, and takes its
+// array-level settings from a map. Thread-safe. A line reads
+//   2026-11-23T15:32:14.123Z 4711 4712 ERROR HDS   Failed to delete file [/tmp/x].
+// (UTC time, process id, thread id, level name, then the module and text as the library gave
+// them), so that the lines of many jobs sharing one log can be told apart.
 class HDS_API BasicSnapInfo : public VTSO::SnapInfo {
  public:
   BasicSnapInfo();                            // logs nowhere
   explicit BasicSnapInfo(std::ostream* out);  // not owned; nullptr logs nowhere
   ~BasicSnapInfo() override;
 
-  // Appends to path; false when it cannot be opened.
+  // Appends to path; false when it cannot be opened. Each line reaches the file in one write
+  // to a descriptor opened for append, so processes sharing the file never split a line.
   bool openLogFile(const std::string& path);
-  void setMinLevel(int level);  // lines below this level are dropped
+  void setStream(std::ostream* out);  // also (or only) here; nullptr stops it
+  void setMinLevel(int level);        // lines below this level are dropped
   void setConfigInt(const std::string& key, int value);
   void setConfigString(const std::string& key, const std::string& value);
   void setReplicationType(int type);

@@ -2,6 +2,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <linux/futex.h>
 #include <pthread.h>
 #include <sys/file.h>
 #include <sys/mman.h>
@@ -10,6 +11,7 @@
 #include <unistd.h>
 
 #include <cstdint>
+#include <cstring>
 #include <map>
 #include <mutex>
 
@@ -268,4 +270,21 @@ std::string VtNamedMutex::lockDirectory() {
 
 std::string VtNamedMutex::lockFilePath(const std::string& name) {
   return lockDirectory() + "/" + fileNameFor(name);
+}
+
+long VtNamedMutex::holderThread(const std::string& path) {
+  int fd = open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+  if (fd < 0) return -1;
+  SharedLock lock;
+  ssize_t n = pread(fd, &lock, sizeof(lock), 0);
+  close(fd);
+  if (n != static_cast<ssize_t>(sizeof(lock)) || lock.uMagic != kMagic ||
+      lock.uMutexSize != sizeof(pthread_mutex_t)) {
+    return -1;
+  }
+  // The first word of a robust mutex is its futex, which holds the owner's thread id under the
+  // kernel's robust-futex rules; the flag bits above the id are dropped.
+  uint32_t futex = 0;
+  memcpy(&futex, &lock.oMutex, sizeof(futex));
+  return static_cast<long>(futex & FUTEX_TID_MASK);
 }

@@ -27,6 +27,10 @@ class HDS_API VtNamedMutex {
   static std::string lockDirectory();
   // The file backing the mutex of this name, in lockDirectory().
   static std::string lockFilePath(const std::string& name);
+  // Who holds the mutex of a lock file, for operators: the holder's thread id, 0 when it is
+  // free, -1 when the file is not a lock file. A holder that has died still shows until the
+  // next lock takes the mutex over.
+  static long holderThread(const std::string& path);
 
  private:
   struct Impl;

@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <climits>
 #include <cstdint>
 #include <cstring>
@@ -412,3 +413,20 @@ int VtProcess::system(const char* cmd, std::string* out, std::string* err, int f
 }
 
 pid_t VtProcess::pid() const { return m_pImpl->iPid; }
+
+namespace {
+std::atomic<VtProcessObserver> g_pObserver{nullptr};
+std::atomic<void*> g_pObserverContext{nullptr};
+}  // namespace
+
+void VtSetProcessObserver(VtProcessObserver observer, void* context) {
+  g_pObserver.store(nullptr, std::memory_order_release);
+  g_pObserverContext.store(context, std::memory_order_release);
+  g_pObserver.store(observer, std::memory_order_release);
+}
+
+VtProcessObserver VtGetProcessObserver(void** context) {
+  VtProcessObserver observer = g_pObserver.load(std::memory_order_acquire);
+  if (context != nullptr) *context = g_pObserverContext.load(std::memory_order_acquire);
+  return observer;
+}

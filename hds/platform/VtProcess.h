@@ -2,9 +2,33 @@
 
 #include <sys/types.h>
 
+#include <cstddef>
 #include <string>
 
 #include "hds/common/HDSExport.h"
+
+// One CCI call as the runner reports it to an observer once the child has ended.
+struct VtProcessCall {
+  const char* command;    // the printable command line: cut after "login", so no password
+  long long startUnixMs;  // wall clock at the start, milliseconds since the epoch
+  double durationMs;
+  int exitCode;  // -1 when the child did not start, timed out or its end was not observed
+  bool started;
+  bool timedOut;
+  const char* out;  // what the child wrote to stdout and stderr (empty after a time-out)
+  size_t outSize;
+  const char* err;
+  size_t errSize;
+};
+
+// A process-wide observer of CCI calls, for traces and accounting. The library never installs
+// one; without one, a call costs nothing more. Set it before commands run and remove it
+// (nullptr) after they end: the observer is called on the thread that ran the call, from many
+// threads at once, and must not throw.
+typedef void (*VtProcessObserver)(void* context, const VtProcessCall& call);
+HDS_API void VtSetProcessObserver(VtProcessObserver observer, void* context);
+// The observer now installed (nullptr when none) and its context.
+HDS_API VtProcessObserver VtGetProcessObserver(void** context);
 
 // One child process: "/bin/sh -c LINE" (or any argument vector) in its own process group, with
 // stdout and stderr trapped through close-on-exec pipes that are read concurrently, stdin from

@@ -1,9 +1,17 @@
 #!/bin/sh
 # Installs the build into a temporary prefix, checks the shared object's SONAME and exported
 # symbols, then builds and runs a consumer against the prefix, once through find_package and once
-# through pkg-config.
-# Usage: run_install_test.sh BUILD_DIR CONSUMER_SOURCE_DIR CXX [EXTRA_CXX_FLAGS]
+# through pkg-config. With --deb the prefix is made by unpacking the build's Debian packages
+# instead, and the tools they hold run from there too.
+# Usage: run_install_test.sh [--deb] BUILD_DIR CONSUMER_SOURCE_DIR CXX [EXTRA_CXX_FLAGS]
 set -eu
+deb=false
+if [ "${1:-}" = "--deb" ]; then
+  deb=true
+  shift
+  # ctest counts 77 as skipped: without dpkg-deb there is nothing to unpack with.
+  command -v dpkg-deb >/dev/null 2>&1 || { echo "package test: dpkg-deb is absent"; exit 77; }
+fi
 build=$1
 consumer_src=$2
 cxx=$3
@@ -14,10 +22,29 @@ trap 'rm -rf "$work"' EXIT
 fail() { echo "install test: $*" >&2; exit 1; }
 
 prefix=$work/prefix
-cmake --install "$build" --prefix "$prefix" >"$work/install.log" || {
-  cat "$work/install.log" >&2
-  fail "cmake --install failed"
-}
+if $deb; then
+  (cd "$build" && cpack -G DEB -B "$work/packages") >"$work/cpack.log" 2>&1 || {
+    cat "$work/cpack.log" >&2
+    fail "cpack failed"
+  }
+  for p in libhdscmd1 libhdscmd-dev hdscmd-tools; do
+    file=$(find "$work/packages" -maxdepth 1 -name "${p}_1.0.0_*.deb" | head -n 1)
+    [ -n "$file" ] || fail "no package $p"
+    [ "$(dpkg-deb -f "$file" Package)" = "$p" ] || fail "$file is not package $p"
+    dpkg-deb -x "$file" "$work/root"
+  done
+  dpkg-deb -f "$work/packages"/hdscmd-tools_*.deb Depends | grep -q 'libhdscmd1 (= 1.0.0)' ||
+    fail "the tools package does not depend on this library package"
+  prefix=$work/root/usr
+  [ -x "$prefix/bin/hdsctl" ] && [ -x "$prefix/bin/ccisim" ] || fail "tools not packaged"
+  grep -q '^\.SH HDSCTL SUPPORT-BUNDLE' "$prefix/share/man/man1/hdsctl.1" ||
+    fail "the man page lacks the subcommands"
+else
+  cmake --install "$build" --prefix "$prefix" >"$work/install.log" || {
+    cat "$work/install.log" >&2
+    fail "cmake --install failed"
+  }
+fi
 
 lib=$(find "$prefix" -name 'libhdscmd.so' | head -n 1)
 [ -n "$lib" ] || fail "libhdscmd.so not installed"
@@ -60,4 +87,15 @@ export PKG_CONFIG_PATH="$libdir/pkgconfig"
 "$cxx" -std=c++17 $flags -o "$work/pc-consumer" "$consumer_src/consumer/consumer.cpp" \
   $(pkg-config --cflags --libs hdscmd) -Wl,-rpath,"$libdir" || fail "pkg-config consumer did not build"
 "$work/pc-consumer" || fail "pkg-config consumer failed"
+
+if $deb; then
+  # The packaged hdsctl finds the packaged library and ccisim beside it, not the build's.
+  loaded=$(ldd "$prefix/bin/hdsctl" | awk '/libhdscmd/ {print $3}')
+  [ "$(readlink -f "$loaded")" = "$(readlink -f "$libdir/libhdscmd.so.1")" ] ||
+    fail "the packaged hdsctl loads '$loaded', not the packaged library"
+  TMPDIR=$work "$prefix/bin/hdsctl" demo --pvols 2 --dir "$work/demo" >"$work/demo.log" 2>&1 || {
+    cat "$work/demo.log" >&2
+    fail "hdsctl demo failed from the packages"
+  }
+fi
 echo "install test: ok"

@@ -1,14 +1,18 @@
-// hdsctl as an operator and a script meet it: help, argument errors, check, listings and the
-// single operations, run as the built binary against ccisim.
+// hdsctl and ccisim's admin commands as an operator and a script meet them: help, argument
+// errors, check, listings, the single operations, the log, the trace and the support bundle, run
+// as the built binaries against ccisim.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <functional>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <set>
 #include <sstream>
 
+#include "hds/platform/VtNamedMutex.h"
 #include "tests/support/Leftovers.h"
 #include "tests/support/TestEnv.h"
 #include "tests/support/ToolRun.h"
@@ -53,16 +57,18 @@ std::vector<std::string> subcommandsIn(const std::string& help) {
   return names;
 }
 
-TEST(HdsctlCli, EverySubcommandAnswersHelp) {
-  TestEnv env;
+// Every path of subcommands that program's help leads to, each answering --help with exit 0
+// and its own usage line, joined as " a, a b, ...".
+std::string helpPaths(const std::string& program, const std::string& name) {
   std::set<std::string> seen;
   std::function<void(const std::vector<std::string>&)> visit =
       [&](const std::vector<std::string>& path) {
         std::vector<std::string> args = path;
+        args.insert(args.begin(), program);
         args.push_back("--help");
-        ToolResult r = hdsctl(args);
+        ToolResult r = runTool(args);
         ASSERT_EQ(r.exitCode, 0) << joined(args) << ": " << r.err;
-        EXPECT_NE(r.out.find("Usage: hdsctl" + joined(path)), std::string::npos) << r.out;
+        EXPECT_NE(r.out.find("Usage: " + name + joined(path)), std::string::npos) << r.out;
         seen.insert(joined(path));
         for (const std::string& sub : subcommandsIn(r.out)) {
           std::vector<std::string> deeper = path;
@@ -73,14 +79,53 @@ TEST(HdsctlCli, EverySubcommandAnswersHelp) {
   visit({});
   std::string all;
   for (const std::string& path : seen) all += path + ",";
+  return all;
+}
+
+TEST(HdsctlCli, EverySubcommandAnswersHelp) {
+  TestEnv env;
   EXPECT_EQ(
-      all,
+      helpPaths(hdsctlPath(), "hdsctl"),
       ", check, copy-groups, demo, device-groups, host-groups, job, ldevs, lock, luns, map,"
       " pools, ports, recover, resource-groups, snapshot, snapshot add, snapshot clone, snapshot "
       "create, snapshot delete, snapshot restore, snapshot resync, snapshot split, "
-      "snapshot-groups, svol, svol create, svol delete, svol label, unlock, unmap,");
+      "snapshot-groups, support-bundle, svol, svol create, svol delete, svol label, unlock, "
+      "unmap,");
   // The job file format is documented where the job is.
   EXPECT_NE(hdsctl({"job", "--help"}).out.find("\"svol_first\""), std::string::npos);
+}
+
+TEST(CcisimAdminCli, HelpEverywhereWrongArgumentsOneLineAndPasswordsVerbatim) {
+  TestEnv env;
+  const std::string ccisim = SimArray::ccisimPath();
+  EXPECT_EQ(helpPaths(ccisim, "ccisim"),
+            ", dump, fault, fault add, fault clear, fault list, finish, init, install, journal, "
+            "load, pair, pair fail, resource, resource lock, resource unlock, session, session "
+            "expire, session list, timing,");
+  for (std::vector<std::string> args : {std::vector<std::string>{},
+                                        {"nosuch"},
+                                        {"init", "--help-me"},
+                                        {"init", "--serial"},
+                                        {"init", "--copy-ms", "fast"},
+                                        {"init", "--ldevs", "100"},
+                                        {"fault"},
+                                        {"fault", "add"},
+                                        {"install"},
+                                        {"resource", "lock", "rsg"}}) {
+    args.insert(args.begin(), ccisim);
+    ToolResult r = runTool(args);
+    EXPECT_EQ(r.exitCode, 2) << joined(args);
+    EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << joined(args) << ": " << r.err;
+    EXPECT_EQ(r.err.rfind("ccisim: ", 0), 0u) << r.err;
+  }
+  const std::string password = "p a\"s's $$HOME !x \\y:-z";
+  ToolResult r =
+      runTool({ccisim, "init", "--print", "--user", "admin:" + password, "--user", "-dash:--x"});
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  const json users = json::parse(r.out)["arrays"][0]["users"];
+  ASSERT_EQ(users.size(), 2u);
+  EXPECT_EQ(users[0]["password"], password);
+  EXPECT_EQ(users[1], json({{"name", "-dash"}, {"password", "--x"}}));
 }
 
 TEST(HdsctlCli, WrongArgumentsGiveOneLineAndExitTwo) {
@@ -222,21 +267,85 @@ TEST(HdsctlCli, CheckListsAndPrunesHorcmFilesOfArraysWithoutASession) {
   EXPECT_EQ(hdstest::filesIn(env.horcmDir()), std::set<std::string>{"horcm3532.conf"});
 }
 
-TEST(HdsctlCli, LogGoesToTheFileAndWithVerboseToStderrButNeverThePassword) {
+TEST(HdsctlCli, LogAndTraceNameEveryLineAndCallButNeverThePassword) {
   TestEnv env;
   SimArray sim(env);
   useSimArray(env, sim);
-  std::string logFile = env.root() + "/hdsctl.log";
-  ToolResult r = hdsctl({"--log", logFile, "pools", "-v"});
+  std::string logFile = env.root() + "/hdsctl.log", traceFile = env.root() + "/trace.jsonl";
+  ToolResult r = hdsctl({"--log", logFile, "--trace", traceFile, "pools", "-v"});
   ASSERT_EQ(r.exitCode, 0) << r.err;
   std::string log = hdstest::readFile(logFile);
-  EXPECT_NE(log.find("0 HDS   Raidcom command handler initialized for local execution\n"),
+  EXPECT_NE(log.find(" DEBUG HDS   Raidcom command handler initialized for local execution\n"),
             std::string::npos)
       << log;
   EXPECT_NE(log.find("get pool"), std::string::npos) << log;
   EXPECT_EQ(r.err, log);
-  EXPECT_EQ(log.find("admin123"), std::string::npos) << log;
   EXPECT_EQ(r.out.rfind("POOL  NAME", 0), 0u) << r.out;
+
+  // A call the array rejects: its EX_ code and sense pair reach the trace.
+  sim.addFault(hdstest::failing("get ldev", 1,
+                                "raidcom: [EX_CMDRJE] An order to the control/command device was "
+                                "rejected\nIt was rejected due to SKEY=0x05, ASC=0x26, "
+                                "ASCQ=0x00, SSB=0x2E11,0x8301 on Serial#(412345)",
+                                -1));
+  EXPECT_EQ(hdsctl({"--log", logFile, "--trace", traceFile, "ldevs", "--ldev", "100"}).exitCode, 1);
+
+  std::istringstream in(hdstest::readFile(traceFile));
+  int calls = 0, logins = 0, rejected = 0;
+  for (std::string line; std::getline(in, line); ++calls) {
+    json call = json::parse(line);
+    for (const char* key : {"start", "ms", "command", "exit", "timedOut", "outBytes", "errBytes"}) {
+      EXPECT_TRUE(call.contains(key)) << key << " missing in " << line;
+    }
+    EXPECT_EQ(call["start"].get<std::string>().back(), 'Z') << line;
+    if (call["command"].get<std::string>().find("-login") != std::string::npos) ++logins;
+    if (call.value("ex", "") == "EX_CMDRJE" && call["ssb"] == json({"2E11", "8301"})) {
+      ++rejected;
+      EXPECT_EQ(call["exit"], 1) << line;
+    }
+  }
+  EXPECT_GT(calls, 4);
+  EXPECT_GT(logins, 0);
+  EXPECT_GT(rejected, 0);
+  for (const std::string& text : {log, hdstest::readFile(traceFile)}) {
+    EXPECT_EQ(text.find(SimArray::kPassword), std::string::npos) << text;
+  }
+}
+
+// The archive a support engineer asks for: everything they need about this host, no password.
+TEST(HdsctlCli, SupportBundleHoldsTheHostStateButNoPassword) {
+  TestEnv env;
+  SimArray sim(env);
+  useSimArray(env, sim);
+  env.writeSettings("[iHarbor]\nsVTHDSHorcmDirectory = " + sim.cciDir() +
+                    "\nsVTHDSArrayPassword = " + SimArray::kPassword +
+                    "\n[~iHarbor]\nsVTHDSRaidcomLockCount_412345 = 0\n");
+  std::string logFile = env.root() + "/hdsctl.log";
+  ASSERT_EQ(hdsctl({"--log", logFile, "pools"}).exitCode, 0);
+  VtNamedMutex held("support bundle test");
+  ASSERT_TRUE(held.lock(1000));
+
+  std::string bundle = env.root() + "/bundle.tar.gz", out = env.root() + "/unpacked";
+  ToolResult r = hdsctl({"--log", logFile, "support-bundle", bundle, "--json"});
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  held.unlock();
+  ASSERT_EQ(mkdir(out.c_str(), 0700), 0);
+  ASSERT_EQ(runTool({"/bin/tar", "-xzf", bundle, "-C", out, "--strip-components=1"}).exitCode, 0);
+  std::string all;
+  const json report = json::parse(r.out);
+  for (const json& file : report["files"]) {
+    all += "== " + file.get<std::string>() + "\n" +
+           hdstest::readFile(out + "/" + file.get<std::string>());
+  }
+  for (const std::string& part :
+       {std::string("== versions.txt\nhdsctl 1.0.0\nlibrary 1.0.0\n"), std::string("Ver&Rev"),
+        std::string("sVTHDSArrayPassword = ********"), std::string("== horcm/horcm35"),
+        std::string("Serial#"), std::string("sVTHDSRaidcomLockCount_412345"),
+        std::string("held by pid " + std::to_string(getpid())), std::string(" DEBUG HDS   "),
+        std::string("HDSCTL_PASSWORD=********")}) {
+    EXPECT_NE(all.find(part), std::string::npos) << part << " missing in\n" << all;
+  }
+  EXPECT_EQ(all.find(SimArray::kPassword), std::string::npos) << all;
 }
 
 // Runs a listing with --json and hands over what it printed.

@@ -7,6 +7,7 @@
 #include <cctype>
 #include <chrono>
 #include <nlohmann/json.hpp>
+#include <sstream>
 #include <thread>
 
 #include "tests/support/Leftovers.h"
@@ -60,10 +61,11 @@ TEST(HdsctlDemo, RunsSixteenPairsAndLeavesTheArrayAsItFoundIt) {
   }
 }
 
-TEST(HdsctlDemo, JsonSummaryParses) {
+TEST(HdsctlDemo, JsonSummaryParsesAndAccountsTheCciCalls) {
   TestEnv env;
-  ToolResult r =
-      runTool({hdsctlPath(), "demo", "--pvols", "2", "--json", "--dir", env.root() + "/demo"});
+  const std::string trace = env.root() + "/trace.jsonl";
+  ToolResult r = runTool({hdsctlPath(), "--trace", trace, "demo", "--pvols", "2", "--json", "--dir",
+                          env.root() + "/demo"});
   ASSERT_EQ(r.exitCode, 0) << r.err;
   json summary = json::parse(r.out);
   EXPECT_EQ(summary["result"], "ok");
@@ -71,6 +73,21 @@ TEST(HdsctlDemo, JsonSummaryParses) {
   EXPECT_EQ(summary["steps"].size(), 16u);
   EXPECT_EQ(summary["directory"], env.root() + "/demo");
   EXPECT_NE(r.err.find("[16/16] close session"), std::string::npos) << r.err;
+  // The job's calls are the trace's first ones (the demo then stops its HORCM instances); the
+  // summary counts them and adds up their time.
+  const long calls = summary["cciCalls"].get<long>();
+  std::istringstream in(readFile(trace));
+  double tracedMs = 0;
+  long lines = 0;
+  for (std::string line; std::getline(in, line); ++lines) {
+    if (lines < calls) tracedMs += json::parse(line)["ms"].get<double>();
+  }
+  EXPECT_GT(calls, 10);
+  EXPECT_LE(calls, lines);
+  EXPECT_NEAR(summary["toolSeconds"].get<double>(), tracedMs / 1000, 0.01);
+  EXPECT_NEAR(summary["toolSeconds"].get<double>() + summary["outsideSeconds"].get<double>(),
+              summary["seconds"].get<double>(), 1e-6);
+  EXPECT_GT(summary["outsideSeconds"].get<double>(), 0);
 }
 
 class HdsctlJob : public ::testing::Test {

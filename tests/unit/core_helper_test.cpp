@@ -3,20 +3,43 @@
 #include <cctype>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "hds/helper/CommandHelper.h"
 #include "hds/platform/VTPassword.h"
 #include "hds/platform/VtNamedMutex.h"
+#include "hds/platform/VtProcess.h"
 #include "hds/platform/ZoSleep.h"
 #include "tests/support/RecordingSnapInfo.h"
 #include "tests/support/TestEnv.h"
 
 namespace {
 
+// What the process-wide observer was told of each call.
+struct Observed {
+  std::string command, out;
+  int exitCode;
+  bool started, timedOut;
+  size_t outSize, errSize;
+};
+
+void record(void* calls, const VtProcessCall& c) {
+  static_cast<std::vector<Observed>*>(calls)->push_back({c.command, std::string(c.out, c.outSize),
+                                                         c.exitCode, c.started, c.timedOut,
+                                                         c.outSize, c.errSize});
+}
+
 class Helper : public ::testing::Test {
  protected:
-  void SetUp() override { ZoSetTimeScale(0.001); }
-  void TearDown() override { ZoSetTimeScale(1.0); }
+  void SetUp() override {
+    ZoSetTimeScale(0.001);
+    VtSetProcessObserver(record, &observed);
+  }
+  void TearDown() override {
+    VtSetProcessObserver(nullptr, nullptr);
+    ZoSetTimeScale(1.0);
+  }
+  std::vector<Observed> observed;
   hdstest::TestEnv env;
   hdstest::RecordingSnapInfo log;
   CommandHelper helper{log};
@@ -46,6 +69,17 @@ TEST_F(Helper, RunOutcomes) {
   ASSERT_EQ(helper.RunCommand("exit 4", output, exitCode, error, "", "", ""), 0);
   EXPECT_EQ(exitCode, 4);
   EXPECT_TRUE(log.contains("Successfully executed command [exit 4] with exitCode [4]", 2));
+
+  // The observer hears of every call, with what the child wrote before the two were joined.
+  ASSERT_EQ(observed.size(), 4u);
+  EXPECT_EQ(observed[0].command, "echo out; echo err >&2; exit 3");
+  EXPECT_EQ(observed[0].out, "out\n");
+  EXPECT_EQ(observed[0].exitCode, 3);
+  EXPECT_EQ(observed[0].errSize, 4u);
+  EXPECT_TRUE(observed[2].started && observed[2].timedOut);
+  EXPECT_EQ(observed[2].exitCode, -1);
+  EXPECT_EQ(observed[3].exitCode, 4);
+  EXPECT_FALSE(observed[3].timedOut);
 }
 
 TEST_F(Helper, LoggedCommandsNeverCarryTheLoginCredentials) {
@@ -59,6 +93,9 @@ TEST_F(Helper, LoggedCommandsNeverCarryTheLoginCredentials) {
   helper.RunCommandWithTimeout("sleep 5; : -login user s3cr3t", output, exitCode, error, 1);
   EXPECT_EQ(error.find("s3cr3t"), std::string::npos);
   EXPECT_EQ(log.count("s3cr3t"), 0u) << log.dump();
+  ASSERT_EQ(observed.size(), 2u);
+  EXPECT_EQ(observed[0].command, "echo -login ");
+  EXPECT_EQ(observed[1].command, "sleep 5; : -login ");
 }
 
 int g_decryptCalls = 0;

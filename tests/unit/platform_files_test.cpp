@@ -1,11 +1,15 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <cstring>
+#include <regex>
 #include <sstream>
+#include <thread>
+#include <vector>
 
 #include "hds/platform/CZoFile.h"
 #include "hds/platform/SnapInfo.h"
@@ -96,9 +100,56 @@ TEST(ClientIdentity, NamesPasswordHookAndLogLines) {
   info.setMinLevel(1);
   info.log(0, "HDS  ", "dropped %d", 1);
   info.log(2, "HDS  ", "Failed to delete file [%s].", "/tmp/x");
-  EXPECT_EQ(log.str(), "2 HDS   Failed to delete file [/tmp/x].\n");
+  EXPECT_TRUE(std::regex_match(
+      log.str(), std::regex("20[0-9]{2}-[01][0-9]-[0-3][0-9]T[0-2][0-9]:[0-5][0-9]:[0-6][0-9]\\."
+                            "[0-9]{3}Z " +
+                            std::to_string(getpid()) +
+                            " [0-9]+ ERROR HDS   Failed to delete file \\[/tmp/x\\]\\.\n")))
+      << log.str();
   char buf[4];
   info.setConfigString(SMCONFIG_NAME_HORCM_INSTALLATION_PATH, "/HORCM");
   EXPECT_TRUE(info.getSnapConfigString(SMCONFIG_NAME_HORCM_INSTALLATION_PATH, buf, sizeof(buf)));
   EXPECT_STREQ(buf, "/HO");
+}
+
+// Thirty-two processes of two threads each append long lines to one log: every line arrives
+// whole, none is lost.
+TEST(LogFile, ConcurrentWritersNeverSplitALine) {
+  hdstest::TestEnv env;
+  const std::string path = env.root() + "/shared.log";
+  const int kProcesses = 32, kLines = 100;
+  const std::string body(3000, 'x');
+  std::vector<pid_t> children;
+  for (int p = 0; p < kProcesses; ++p) {
+    pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+      BasicSnapInfo info;
+      if (!info.openLogFile(path)) _exit(1);
+      auto writer = [&](int t) {
+        for (int i = 0; i < kLines; ++i) info.log(2, "HDS  ", "w%d.%d %s end", p, t, body.c_str());
+      };
+      std::thread other(writer, 1);
+      writer(0);
+      other.join();
+      _exit(0);
+    }
+    children.push_back(pid);
+  }
+  for (pid_t pid : children) {
+    int status = 0;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  }
+  std::istringstream in(hdstest::readFile(path));
+  const std::regex head("\\S+Z [0-9]+ [0-9]+ ERROR HDS   w[0-9]+\\.[01]");
+  const std::string tail = " " + body + " end";
+  int lines = 0;
+  for (std::string line; std::getline(in, line); ++lines) {
+    const size_t cut = line.size() > tail.size() ? line.size() - tail.size() : 0;
+    ASSERT_TRUE(line.compare(cut, std::string::npos, tail) == 0 &&
+                std::regex_match(line.substr(0, cut), head))
+        << "line " << lines << ": " << line.substr(0, 120);
+  }
+  EXPECT_EQ(lines, kProcesses * 2 * kLines);
 }

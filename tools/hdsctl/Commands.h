@@ -4,6 +4,7 @@
 #include <string>
 
 #include "tools/hdsctl/Session.h"
+#include "tools/hdsctl/Trace.h"
 
 namespace CLI {
 class App;
@@ -11,10 +12,11 @@ class App;
 
 namespace hdsctl {
 
-// What every subcommand shares: the log, the array options and --json. The subcommand that
-// was parsed leaves its work in action; main runs it after parsing.
+// What every subcommand shares: the log, the trace of CCI calls, the array options and --json. The
+// subcommand that was parsed leaves its work in action; main runs it after parsing.
 struct Context {
   LogSink log;
+  CallTrace trace;
   // The options in force (the command line over the environment), what the command line gave,
   // and what the environment gave.
   ArrayOptions array;
@@ -35,5 +37,6 @@ void addListingCommands(CLI::App& app, Context& ctx);
 void addOperationCommands(CLI::App& app, Context& ctx);
 void addJobCommands(CLI::App& app, Context& ctx);
 void addDemoCommand(CLI::App& app, Context& ctx);
+void addSupportBundleCommand(CLI::App& app, Context& ctx);
 
 }  // namespace hdsctl

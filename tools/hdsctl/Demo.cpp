@@ -14,7 +14,6 @@
 
 #include "hds/common/HDSConstants.h"
 #include "hds/handler/CommandHandler.h"
-#include "hds/platform/VtProcess.h"
 #include "tools/hdsctl/Job.h"
 #include "tools/hdsctl/Output.h"
 
@@ -94,22 +93,11 @@ std::string demoDirectory(const std::string& given) {
 std::string runCcisim(const std::string& program, const std::vector<std::string>& args) {
   std::vector<std::string> words = {program};
   words.insert(words.end(), args.begin(), args.end());
-  std::vector<char*> argv;
-  for (std::string& w : words) argv.push_back(&w[0]);
-  argv.push_back(nullptr);
-  VtProcess process;
-  process.TrapIO(true, true);
-  std::string error, out, err;
-  int exitCode = 0;
-  if (!process.StartProcess(argv.data(), &error, 0)) {
-    throw Failure("cannot run " + program + ": " + error);
+  ProgramRun run = runProgram(words, 120);
+  if (!run.ended || run.exitCode != 0) {
+    throw Failure("ccisim " + joinWords(args) + " failed: " + run.err);
   }
-  bool ended = process.WaitForProcessToEnd(&exitCode, &error, 120);
-  process.GetIO(&out, &err);
-  if (!ended || exitCode != 0) {
-    throw Failure("ccisim " + joinWords(args) + " failed: " + (ended ? err : error));
-  }
-  return out;
+  return run.out;
 }
 
 void writeFileText(const std::string& path, const std::string& text) {

@@ -50,6 +50,8 @@ struct JobReport {
   std::string job, serial;
   bool ok = false;
   double seconds = 0;
+  long cciCalls = 0;       // CCI calls the job made, clean-up included
+  double toolSeconds = 0;  // time those calls took; seconds - toolSeconds is hdsctl's own
   std::string failedStep, error;
   std::vector<JobStepRecord> steps;
   std::vector<JobPair> pairs;

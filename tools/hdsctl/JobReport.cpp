@@ -30,6 +30,9 @@ void printJobReport(const JobReport& r, bool asJson) {
                     {"serialNumber", r.serial},
                     {"result", r.ok ? "ok" : "failed"},
                     {"seconds", r.seconds},
+                    {"cciCalls", r.cciCalls},
+                    {"toolSeconds", r.toolSeconds},
+                    {"outsideSeconds", r.seconds - r.toolSeconds},
                     {"steps", steps},
                     {"pairs", pairs},
                     {"removed", r.removed},
@@ -45,10 +48,10 @@ void printJobReport(const JobReport& r, bool asJson) {
     return;
   }
   if (r.ok) {
-    char seconds[32];
-    (void)snprintf(seconds, sizeof(seconds), "%.2f", r.seconds);
     std::cout << "\njob " << r.job << ": " << r.pairs.size() << " pairs, " << r.steps.size()
-              << " steps in " << seconds << " s\n";
+              << " steps in " << fixed2(r.seconds) << " s: " << r.cciCalls << " CCI calls, "
+              << fixed2(r.toolSeconds) << " s in the tools, " << fixed2(r.seconds - r.toolSeconds)
+              << " s outside them\n";
     Table table({"P-VOL", "S-VOL", "CAPACITY(BLK)", "LABEL", "SNAPSHOT", "MU", "LUN"});
     for (const JobPair& p : r.pairs) {
       table.addRow(

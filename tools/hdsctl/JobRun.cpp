@@ -36,12 +36,6 @@ double secondsSince(Clock::time_point start) {
   return std::chrono::duration<double>(Clock::now() - start).count();
 }
 
-std::string fixed2(double value) {
-  char buf[32];
-  (void)snprintf(buf, sizeof(buf), "%.2f", value);
-  return buf;
-}
-
 std::string gibibytes(uint64_t blocks) {
   char buf[32];
   (void)snprintf(buf, sizeof(buf), "%.1f GiB", static_cast<double>(blocks) * 512.0 / (1 << 30));
@@ -628,6 +622,7 @@ int JobRun::run(const json& extra) {
   steps.push_back({"close session", [this] { return closeSession(); }});
 
   int width = static_cast<int>(std::to_string(steps.size()).size());
+  const CallTotals callsAtStart = m_oCtx.trace.totals();
   Clock::time_point start = Clock::now();
   for (size_t i = 0; i < steps.size(); ++i) {
     Clock::time_point stepStart = Clock::now();
@@ -659,6 +654,9 @@ int JobRun::run(const json& extra) {
     m_oReport.leftForRecover = true;
   }
   m_oReport.seconds = secondsSince(start);
+  const CallTotals calls = m_oCtx.trace.totals();
+  m_oReport.cciCalls = calls.calls - callsAtStart.calls;
+  m_oReport.toolSeconds = (calls.toolMs - callsAtStart.toolMs) / 1000;
   m_oReport.extra = extra;
   printJobReport(m_oReport, m_oCtx.json);
   if (!m_oReport.ok) {

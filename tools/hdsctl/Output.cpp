@@ -2,8 +2,10 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cstdio>
 
 #include "hds/common/HDSConstants.h"
+#include "hds/platform/VtProcess.h"
 
 namespace hdsctl {
 
@@ -67,6 +69,12 @@ bool isDecimal(const std::string& text) {
 }
 
 std::string cell(const std::string& text) { return text.empty() ? "-" : text; }
+
+std::string fixed2(double value) {
+  char buf[32];
+  (void)snprintf(buf, sizeof(buf), "%.2f", value);
+  return buf;
+}
 
 std::string joinWords(const std::vector<std::string>& words, const char* separator) {
   std::string text;
@@ -178,6 +186,25 @@ json toJson(const std::string& name, const ResourceGroupStatus& group) {
 void printJson(std::ostream& out, const json& value) {
   // Array texts are not guaranteed to be UTF-8; replace rather than refuse to print.
   out << value.dump(2, ' ', false, json::error_handler_t::replace) << '\n';
+}
+
+ProgramRun runProgram(std::vector<std::string> words, int timeoutSec) {
+  std::vector<char*> argv;
+  argv.reserve(words.size() + 1);
+  for (std::string& w : words) argv.push_back(&w[0]);
+  argv.push_back(nullptr);
+  VtProcess process;
+  process.TrapIO(true, true);
+  ProgramRun run;
+  std::string error;
+  if (!process.StartProcess(argv.data(), &error, 0)) {
+    run.err = "cannot run " + words[0] + ": " + error;
+    return run;
+  }
+  run.ended = process.WaitForProcessToEnd(&run.exitCode, &error, timeoutSec);
+  process.GetIO(&run.out, &run.err);
+  if (!run.ended) run.err = words[0] + ": " + error;
+  return run;
 }
 
 }  // namespace hdsctl

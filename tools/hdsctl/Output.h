@@ -43,6 +43,9 @@ bool isDecimal(const std::string& text);
 
 // "-" for an empty cell, so that columns stay countable for awk and cut.
 std::string cell(const std::string& text);
+// A number of seconds with two decimals, as progress lines and summaries print them.
+std::string fixed2(double value);
+
 std::string joinWords(const std::vector<std::string>& words, const char* separator = " ");
 
 // The raidcom words behind the VT_HDS_VOL_ bits of an LDEV ("CVS", "HDP", ...).
@@ -60,5 +63,13 @@ nlohmann::json toJson(const hdsCopyGroup_t& group);
 nlohmann::json toJson(const std::string& name, const ResourceGroupStatus& group);
 
 void printJson(std::ostream& out, const nlohmann::json& value);
+
+// A program run without a shell (words[0] is its path) and waited for up to timeoutSec.
+struct ProgramRun {
+  bool ended = false;  // false: it did not start or did not end in time; why is in err
+  int exitCode = -1;
+  std::string out, err;
+};
+ProgramRun runProgram(std::vector<std::string> words, int timeoutSec);
 
 }  // namespace hdsctl

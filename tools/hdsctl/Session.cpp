@@ -5,7 +5,11 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <iostream>
 
 #include "tools/hdsctl/Output.h"
@@ -89,65 +93,35 @@ std::string& lastLoggedError() {
   return text;
 }
 
+// The log's sink that also keeps the text of the last error (level 2 and above).
+class KeepingSnapInfo : public BasicSnapInfo {
+ public:
+  void vlog(int level, const char* module, const char* format, va_list args) override {
+    if (level >= 2) {
+      va_list copy;
+      va_copy(copy, args);
+      char text[2048];
+      if (vsnprintf(text, sizeof(text), format, copy) >= 0) lastLoggedError() = text;
+      va_end(copy);
+    }
+    BasicSnapInfo::vlog(level, module, format, args);
+  }
+};
+
 }  // namespace
 
-void LogSink::TeeBuf::keep(const char* s, std::streamsize n) {
-  for (std::streamsize i = 0; i < n; ++i) {
-    if (s[i] != '\n') {
-      line.push_back(s[i]);
-      continue;
-    }
-    // "level module text"
-    if (!line.empty() && line[0] >= '2' && line[0] <= '9' && line.size() > 1 && line[1] == ' ') {
-      size_t text = line.find_first_not_of(' ', line.find(' ', 2));
-      if (text != std::string::npos) lastLoggedError() = line.substr(text);
-    }
-    line.clear();
-  }
-}
-
-int LogSink::TeeBuf::overflow(int c) {
-  if (c == traits_type::eof()) return traits_type::not_eof(c);
-  char ch = static_cast<char>(c);
-  keep(&ch, 1);
-  for (std::streambuf* t : targets) t->sputc(ch);
-  return c;
-}
-
-std::streamsize LogSink::TeeBuf::xsputn(const char* s, std::streamsize n) {
-  keep(s, n);
-  for (std::streambuf* t : targets) t->sputn(s, n);
-  return n;
-}
-
-int LogSink::TeeBuf::sync() {
-  for (std::streambuf* t : targets) t->pubsync();
-  return 0;
-}
-
-LogSink::LogSink() : m_oOut(&m_oTee), m_pSnapInfo(new BasicSnapInfo(&m_oOut)) {}
+LogSink::LogSink() : m_pSnapInfo(new KeepingSnapInfo()) {}
 
 LogSink::~LogSink() = default;
 
 void LogSink::openFile(const std::string& path) {
-  if (m_oFile.is_open()) m_oFile.close();
-  m_oFile.open(path, std::ios::out | std::ios::app);
-  if (!m_oFile.is_open()) throw Failure("cannot open the log file " + path);
+  if (!m_pSnapInfo->openLogFile(path)) {
+    throw Failure("cannot open the log file " + path + ": " + strerror(errno));
+  }
   m_sFilePath = path;
-  retarget();
 }
 
-void LogSink::setVerbose(bool verbose) {
-  m_bVerbose = verbose;
-  retarget();
-}
-
-void LogSink::retarget() {
-  m_oOut.flush();
-  m_oTee.targets.clear();
-  if (m_oFile.is_open()) m_oTee.targets.push_back(m_oFile.rdbuf());
-  if (m_bVerbose) m_oTee.targets.push_back(std::cerr.rdbuf());
-}
+void LogSink::setVerbose(bool verbose) { m_pSnapInfo->setStream(verbose ? &std::cerr : nullptr); }
 
 std::string handlerError(RaidcomCommandHandler& handler) {
   int code = 0;

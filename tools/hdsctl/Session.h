@@ -1,9 +1,7 @@
 #pragma once
 
-#include <fstream>
 #include <memory>
 #include <ostream>
-#include <streambuf>
 #include <string>
 #include <vector>
 
@@ -43,8 +41,8 @@ void mergeArrayOptions(ArrayOptions& into, const ArrayOptions& over);
 ArrayOptions resolveArrayOptions(const ArrayOptions& environment, const ArrayOptions& jobFile,
                                  const ArrayOptions& commandLine);
 
-// The library's log: lines "level module text" written through a BasicSnapInfo to a file, to
-// stderr, to both or nowhere.
+// The library's log (see BasicSnapInfo for the line format) written to a file, to stderr, to
+// both or nowhere.
 class LogSink {
  public:
   LogSink();
@@ -55,34 +53,14 @@ class LogSink {
   // Appends to path from now on; a Failure when it cannot be opened.
   void openFile(const std::string& path);
   void setVerbose(bool verbose);
-  bool hasFile() const { return m_oFile.is_open(); }
+  bool hasFile() const { return !m_sFilePath.empty(); }
   const std::string& filePath() const { return m_sFilePath; }
 
   BasicSnapInfo& snapInfo() { return *m_pSnapInfo; }
 
  private:
-  // Hands every write to the file and, when verbose, to stderr, and keeps the last error line
-  // for handlerError.
-  class TeeBuf : public std::streambuf {
-   public:
-    std::vector<std::streambuf*> targets;
-    std::string line;
-    void keep(const char* s, std::streamsize n);
-
-   protected:
-    int overflow(int c) override;
-    std::streamsize xsputn(const char* s, std::streamsize n) override;
-    int sync() override;
-  };
-
-  std::ofstream m_oFile;
   std::string m_sFilePath;
-  bool m_bVerbose = false;
-  TeeBuf m_oTee;
-  std::ostream m_oOut;
   std::unique_ptr<BasicSnapInfo> m_pSnapInfo;
-
-  void retarget();
 };
 
 // The handler's error text and code after a failed operation; when the handler set no text, the

@@ -69,10 +69,15 @@ int main(int argc, char** argv) {
                "hdsctl"};
   app.require_subcommand(1);
   app.fallthrough();
+  app.set_version_flag("--version", std::string("hdsctl ") + HDSCTL_VERSION);
   app.footer(kFooter);
   std::string logFile;
   bool verbose = false;
-  app.add_option("--log", logFile, "Append the library's log (level, module, text) to this file");
+  std::string traceFile;
+  app.add_option("--log", logFile,
+                 "Append the library's log (UTC time, pid, thread, level, module, text) to this "
+                 "file");
+  app.add_option("--trace", traceFile, "Append a JSON line for each CCI call to this file");
   app.add_flag("-v,--verbose", verbose, "Show the library's log on stderr");
 
   addCheckCommand(app, ctx);
@@ -80,6 +85,7 @@ int main(int argc, char** argv) {
   addOperationCommands(app, ctx);
   addJobCommands(app, ctx);
   addDemoCommand(app, ctx);
+  addSupportBundleCommand(app, ctx);
 
   try {
     app.parse(argc, argv);
@@ -94,6 +100,7 @@ int main(int argc, char** argv) {
   try {
     try {
       if (!logFile.empty()) ctx.log.openFile(logFile);
+      if (!traceFile.empty()) ctx.trace.openFile(traceFile);
     } catch (const Failure& e) {
       throw UsageError(e.what());
     }
