@@ -342,10 +342,12 @@ TEST(HdsctlCli, SupportBundleHoldsTheHostStateButNoPassword) {
         std::string("sVTHDSArrayPassword = ********"), std::string("== horcm/horcm35"),
         std::string("Serial#"), std::string("sVTHDSRaidcomLockCount_412345"),
         std::string("held by pid " + std::to_string(getpid())), std::string(" DEBUG HDS   "),
-        std::string("HDSCTL_PASSWORD=********")}) {
+        std::string("HDSCTL_SERIAL=412345")}) {
     EXPECT_NE(all.find(part), std::string::npos) << part << " missing in\n" << all;
   }
   EXPECT_EQ(all.find(SimArray::kPassword), std::string::npos) << all;
+  // hdsctl took HDSCTL_PASSWORD out of its environment before it listed it.
+  EXPECT_EQ(all.find("HDSCTL_PASSWORD"), std::string::npos) << all;
 }
 
 // Runs a listing with --json and hands over what it printed.
