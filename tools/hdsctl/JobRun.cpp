@@ -4,6 +4,7 @@
 #include <signal.h>
 #include <stdio.h>
 
+#include <algorithm>
 #include <chrono>
 #include <functional>
 #include <iostream>
@@ -406,6 +407,9 @@ std::string JobRun::addSnapshots() {
 
 void JobRun::waitForSnapshots(const std::string& status) {
   Clock::time_point deadline = Clock::now() + std::chrono::seconds(m_oSpec.waitSeconds);
+  // Short at first, since a split or a resync of few pairs is done almost at once, then backing
+  // off, so that a long copy is not asked after five times a second.
+  std::chrono::milliseconds pause(10);
   for (;;) {
     std::vector<hdsSnapshotGroupInfo> rows;
     require(h().getSnapshotGroupInfo(rows, m_sSnapshotGroup),
@@ -439,7 +443,8 @@ void JobRun::waitForSnapshots(const std::string& status) {
                     std::to_string(m_oSpec.waitSeconds) + " s (" + std::to_string(reached) +
                     " of " + std::to_string(m_oPairs.size()) + " pairs did)");
     }
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    std::this_thread::sleep_for(pause);
+    pause = std::min(pause * 2, std::chrono::milliseconds(2000));
   }
 }
 
