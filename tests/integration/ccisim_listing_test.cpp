@@ -102,139 +102,106 @@ class CcisimListingTest : public ::testing::Test {
   void SetUp() override {
     m_oSim.load(scenario().dump());
     m_oSim.startRaidcomSession();
+    hdstest::writeFile(m_oEnv.horcmDir() + "horcm3300.conf",
+                       "HORCM_MON\nhost\t\t3300\t1000           3000\n\nHORCM_CMD\n"
+                       "\\\\.\\CMD-412345:/dev/sdc \nHORCM_LDEVG\nCG1    412345\n");
+    ASSERT_EQ(m_oSim.run("horcmstart.sh", {"3300"}).exitCode, 0);
+  }
+
+  // A raidcom command line, or another tool's blank-separated arguments.
+  hdstest::ToolResult call(const std::string& tool, const std::string& args) const {
+    if (tool == "raidcom") return m_oSim.raidcom(args);
+    return m_oSim.run(tool, lineWords(args));
   }
 
   hdstest::TestEnv m_oEnv;
   SimArray m_oSim{m_oEnv};
 };
 
-TEST_F(CcisimListingTest, PortsAndLoggedInWwns) {
-  std::vector<Words> ports = rows(m_oSim.raidcom("get port"));
-  ASSERT_EQ(ports.size(), 4u);  // CL3-B once per attribute
-  EXPECT_EQ(ports[0], (Words{"CL1-A", "FIBRE", "TAR", "AUT", "E8", "Y", "PtoP", "Y", "0", "412345",
-                             "50060e8012abcd00", "-"}));
-  EXPECT_EQ(ports[2], (Words{"CL3-B", "FIBRE", "TAR", "32G", "E4", "Y", "FCAL", "N", "0", "412345",
-                             "50060e8012abcd20", "-"}));
-  EXPECT_EQ(ports[3][2], "MCU");
-  EXPECT_EQ(rows(m_oSim.raidcom("get port -port CL1-A")),
-            (std::vector<Words>{{"CL1-A", "10000090fa1b2c3d", "412345", "-"},
-                                {"CL1-A", "10000090fa1b2c3e", "412345", "-"}}));
+// One data row of each table (and how many rows it has, where that is telling).
+struct Listing {
+  const char* tool;
+  const char* args;
+  size_t row;
+  const char* words;
+  size_t rowCount = 0;
+};
+
+TEST_F(CcisimListingTest, TablesReadBackByColumns) {
+  const std::vector<Listing> listings = {
+      {"raidcom", "get port", 0, "CL1-A FIBRE TAR AUT E8 Y PtoP Y 0 412345 50060e8012abcd00 -", 4},
+      {"raidcom", "get port", 3, "CL3-B FIBRE MCU 32G E4 Y FCAL N 0 412345 50060e8012abcd20 -"},
+      {"raidcom", "get port -port CL1-A", 1, "CL1-A 10000090fa1b2c3e 412345 -", 2},
+      {"raidcom", "get host_grp -port CL3-B-5", 0, "CL3-B 5 esx cluster 7 412345 VMWARE_EX 54 63",
+       1},
+      {"raidcom", "get hba_wwn -port CL3-B-5", 0,
+       "CL3-B 5 esx cluster 7 10000090fa000001 412345 esx01_p0", 1},
+      {"raidcom", "get lun -port CL3-B 'esx cluster 7'", 1,
+       "CL3-B 5 VMWARE_EX 13 1 200 - 412345 54 63", 2},
+      {"raidcom", "get host_grp -port CL3-B -key detail", 5,
+       "CL3-B 5 0 \"esx cluster 7\" 412345 VMWARE_EX 54:63", 255},
+      {"raidcom", "get ldev -ldev_id 100 -cnt 1 -key front_end", 0,
+       "412345 100 0 0 OPEN-V-CVS 2097152 0 CVS:HDP:UR 1 CL3-B-5:12:esx cluster 7", 1},
+      {"raidcom", "get ldev -ldev_list undefined -cnt 2 -key front_end", 1,
+       "412345 1 - - NOT DEFINED - - - -"},
+      {"raidcom", "get resource", 1, "backup rsg 3 Locked bkpadmin Storage Navigator 412345", 2},
+      {"raidcom", "get resource", 0, "meta_resource 0 Unlocked - - 412345"},
+      {"raidcom", "get resource -key opt", 1, "backup rsg 3 412399 M850M3 Y 412345"},
+      {"raidcom", "get pool -key opt", 1, "001 POLN 3 ti_pool_01 412345 1 8004 80 - OPEN N HTI", 2},
+      {"raidcom", "get device_grp", 1, "DG_S 412345", 2},
+      {"raidcom", "get device_grp -device_grp_name DG_S", 0, "DG_S Pair_100 200 412345", 1},
+      {"raidcom", "get copy_grp", 0, "CG1 DG_P h1 4 412345", 2},
+      {"raidcom", "get copy_grp", 1, "CG1 DG_S - - 412345"},
+      {"raidcom", "get snapshot", 0, "nightly - - 412345 - - - - - ---- -", 1},
+      {"raidcom", "get snapshot -snapshotgroup nightly", 0,
+       "nightly P-VOL PSUS 412345 101 3 201 1 100 G--- 6553f100", 1},
+      {"raidcom", "get snapshot -ldev_id 201", 0,
+       "nightly S-VOL SSUS 412345 201 3 101 1 100 G--- 6553f100"},
+      {"raidscan", "-p CL3-B-5 -CLI -m 1 -IH3532 -s 412345", 1,
+       "CL3-B-5 ef 0 0 13 1 412345 1 - 200 S-VOL PAIR ASYNC 412345 100 UR", 2},
+      {"raidscan", "-p CL3-B-5 -CLI -IH3532", 0,
+       "CL3-B-5 ef 0 0 12 0 412345 1 - 100 SMPL - - - ---- -"},
+      {"pairdisplay", "-g CG1 -fc -CLI -IH3300", 1,
+       "CG1 Pair_100 R CL3-B-5 0 13 1 412345 200 S-VOL PAIR 100 100 -", 2},
+      {"pairsyncwait", "-g CG1 -nowait -IH3300", 0, "0 0 0100000001 NOWAIT 0", 1},
+  };
+  for (const Listing& l : listings) {
+    std::vector<Words> table = rows(call(l.tool, l.args));
+    if (l.rowCount != 0) {
+      EXPECT_EQ(table.size(), l.rowCount) << l.tool << " " << l.args;
+    }
+    ASSERT_GT(table.size(), l.row) << l.tool << " " << l.args;
+    EXPECT_EQ(table[l.row], lineWords(l.words)) << l.tool << " " << l.args;
+  }
+  EXPECT_EQ(m_oSim.raidcom("get snapshot -ldev_id 102").out, "");
+  std::vector<Words> byDevice = rows(call("raidscan", "-CLI -pdg \\.CMD-412345:/dev/sdc -IM3532"));
+  ASSERT_FALSE(byDevice.empty());
+  EXPECT_EQ(byDevice[0][0], "CL1-A-1");
 }
 
-TEST_F(CcisimListingTest, HostGroupsWwnsAndLuns) {
-  std::vector<Words> groups = rows(m_oSim.raidcom("get host_grp -port CL3-B-5"));
-  ASSERT_EQ(groups.size(), 1u);
-  EXPECT_EQ(groups[0],
-            (Words{"CL3-B", "5", "esx", "cluster", "7", "412345", "VMWARE_EX", "54", "63"}));
-  std::vector<Words> wwns = rows(m_oSim.raidcom("get hba_wwn -port CL3-B-5"));
-  ASSERT_EQ(wwns.size(), 1u);
-  EXPECT_EQ(Words(wwns[0].end() - 3, wwns[0].end()),
-            (Words{"10000090fa000001", "412345", "esx01_p0"}));
-  EXPECT_EQ(rows(m_oSim.raidcom("get lun -port CL3-B 'esx cluster 7'")),
-            (std::vector<Words>{
-                {"CL3-B", "5", "VMWARE_EX", "12", "1", "100", "-", "412345", "54", "63"},
-                {"CL3-B", "5", "VMWARE_EX", "13", "1", "200", "-", "412345", "54", "63"}}));
-  std::vector<std::string> detail =
-      outputLines(m_oSim.raidcom("get host_grp -port CL3-B -key detail").out);
-  ASSERT_EQ(detail.size(), 256u);  // header and GIDs 0..254
-  EXPECT_EQ(lineWords(detail[6]),
-            (Words{"CL3-B", "5", "0", "\"esx", "cluster", "7\"", "412345", "VMWARE_EX", "54:63"}));
-}
-
-TEST_F(CcisimListingTest, LdevRecordsAndFrontEndTable) {
+TEST_F(CcisimListingTest, LdevRecordsAndCommandStatus) {
   std::map<std::string, std::string> ldev = record(m_oSim.raidcom("get ldev -ldev_id 200").out);
-  EXPECT_EQ(ldev["Serial#"], "412345");
-  EXPECT_EQ(ldev["LDEV"], "200 VIR_LDEV : 900");
-  EXPECT_EQ(ldev["VOL_TYPE"], "OPEN-V-CVS");
-  EXPECT_EQ(ldev["VOL_Capacity(BLK)"], "2097152");
-  EXPECT_EQ(ldev["NUM_PORT"], "1");
-  EXPECT_EQ(ldev["PORTs"], "CL3-B-5 13 esx cluster 7");
-  EXPECT_EQ(ldev["VOL_ATTR"], "CVS : HDP : UR");
-  EXPECT_EQ(ldev["B_POOLID"], "0");
-  EXPECT_EQ(ldev["LDEV_NAMING"], "snap_200");
-  EXPECT_EQ(ldev["RSGID"], "3");
+  const std::map<std::string, std::string> expected = {{"Serial#", "412345"},
+                                                       {"LDEV", "200 VIR_LDEV : 900"},
+                                                       {"VOL_TYPE", "OPEN-V-CVS"},
+                                                       {"VOL_Capacity(BLK)", "2097152"},
+                                                       {"NUM_PORT", "1"},
+                                                       {"PORTs", "CL3-B-5 13 esx cluster 7"},
+                                                       {"VOL_ATTR", "CVS : HDP : UR"},
+                                                       {"B_POOLID", "0"},
+                                                       {"LDEV_NAMING", "snap_200"},
+                                                       {"RSGID", "3"}};
+  for (const auto& [key, value] : expected) EXPECT_EQ(ldev[key], value) << key;
 
   std::string three = m_oSim.raidcom("get ldev -ldev_id 114 -cnt 3").out;
   EXPECT_EQ(outputLines(three).size(), 2 * 33 + 7 + 2u);  // two defined, one undefined, two blank
   EXPECT_NE(three.find("LDEV : 116\nSL : -\nCL : -\nVOL_TYPE : NOT DEFINED\n"), std::string::npos);
-
-  std::vector<Words> front = rows(m_oSim.raidcom("get ldev -ldev_id 100 -cnt 1 -key front_end"));
-  ASSERT_EQ(front.size(), 1u);
-  EXPECT_EQ(front[0], (Words{"412345", "100", "0", "0", "OPEN-V-CVS", "2097152", "0", "CVS:HDP:UR",
-                             "1", "CL3-B-5:12:esx", "cluster", "7"}));
-  std::vector<Words> undefined =
-      rows(m_oSim.raidcom("get ldev -ldev_list undefined -cnt 2 -key front_end"));
-  EXPECT_EQ(undefined[1], (Words{"412345", "1", "-", "-", "NOT", "DEFINED", "-", "-", "-", "-"}));
-}
-
-TEST_F(CcisimListingTest, ResourceGroupsPoolsAndCommandStatus) {
-  std::vector<Words> groups = rows(m_oSim.raidcom("get resource"));
-  ASSERT_EQ(groups.size(), 2u);
-  EXPECT_EQ(groups[0], (Words{"meta_resource", "0", "Unlocked", "-", "-", "412345"}));
-  EXPECT_EQ(groups[1],
-            (Words{"backup", "rsg", "3", "Locked", "bkpadmin", "Storage", "Navigator", "412345"}));
-  EXPECT_EQ(rows(m_oSim.raidcom("get resource -key opt"))[1],
-            (Words{"backup", "rsg", "3", "412399", "M850M3", "Y", "412345"}));
-
-  EXPECT_EQ(rows(m_oSim.raidcom("get pool -key opt")),
-            (std::vector<Words>{{"000", "POLN", "12", "dp_pool_00", "412345", "4", "8000", "80",
-                                 "-", "OPEN", "N", "HDP"},
-                                {"001", "POLN", "3", "ti_pool_01", "412345", "1", "8004", "80", "-",
-                                 "OPEN", "N", "HTI"}}));
 
   m_oSim.raidcom("add ldev -pool 1 -ldev_id 300 -capacity 1G");
   std::vector<Words> status = rows(m_oSim.raidcom("get command_status"));
   ASSERT_EQ(status.size(), 1u);
   EXPECT_EQ(Words(status[0].begin() + 1, status[0].begin() + 5),
             (Words{"2e11", "0008", "1", "412345"}));
-}
-
-TEST_F(CcisimListingTest, DeviceCopyAndSnapshotGroups) {
-  EXPECT_EQ(rows(m_oSim.raidcom("get device_grp")),
-            (std::vector<Words>{{"DG_P", "412345"}, {"DG_S", "412345"}}));
-  EXPECT_EQ(rows(m_oSim.raidcom("get device_grp -device_grp_name DG_S")),
-            (std::vector<Words>{{"DG_S", "Pair_100", "200", "412345"}}));
-  EXPECT_EQ(rows(m_oSim.raidcom("get copy_grp")),
-            (std::vector<Words>{{"CG1", "DG_P", "h1", "4", "412345"},
-                                {"CG1", "DG_S", "-", "-", "412345"}}));
-  EXPECT_EQ(
-      rows(m_oSim.raidcom("get snapshot")),
-      (std::vector<Words>{{"nightly", "-", "-", "412345", "-", "-", "-", "-", "-", "----", "-"}}));
-  EXPECT_EQ(rows(m_oSim.raidcom("get snapshot -snapshotgroup nightly")),
-            (std::vector<Words>{{"nightly", "P-VOL", "PSUS", "412345", "101", "3", "201", "1",
-                                 "100", "G---", "6553f100"}}));
-  EXPECT_EQ(rows(m_oSim.raidcom("get snapshot -ldev_id 201"))[0],
-            (Words{"nightly", "S-VOL", "SSUS", "412345", "201", "3", "101", "1", "100", "G---",
-                   "6553f100"}));
-  EXPECT_EQ(m_oSim.raidcom("get snapshot -ldev_id 102").out, "");
-}
-
-TEST_F(CcisimListingTest, RaidscanPairdisplayAndQMarkers) {
-  std::vector<Words> scan =
-      rows(m_oSim.run("raidscan", {"-p", "CL3-B-5", "-CLI", "-m", "1", "-IH3532", "-s", "412345"}));
-  EXPECT_EQ(scan, (std::vector<Words>{{"CL3-B-5", "ef", "0", "0", "12", "1", "412345", "1", "-",
-                                       "100", "P-VOL", "PAIR", "ASYNC", "412345", "200", "UR"},
-                                      {"CL3-B-5", "ef", "0", "0", "13", "1", "412345", "1", "-",
-                                       "200", "S-VOL", "PAIR", "ASYNC", "412345", "100", "UR"}}));
-  std::vector<Words> unpaired = rows(m_oSim.run("raidscan", {"-p", "CL3-B-5", "-CLI", "-IH3532"}));
-  EXPECT_EQ(Words(unpaired[0].begin() + 9, unpaired[0].end()),
-            (Words{"100", "SMPL", "-", "-", "-", "----", "-"}));
-  EXPECT_EQ(
-      rows(m_oSim.run("raidscan", {"-CLI", "-pdg", "\\.CMD-412345:/dev/sdc", "-IM3532"}))[0][0],
-      "CL1-A-1");
-
-  hdstest::writeFile(m_oEnv.horcmDir() + "horcm3300.conf",
-                     "HORCM_MON\nhost\t\t3300\t1000           3000\n\nHORCM_CMD\n"
-                     "\\\\.\\CMD-412345:/dev/sdc \nHORCM_LDEVG\nCG1    412345\n");
-  ASSERT_EQ(m_oSim.run("horcmstart.sh", {"3300"}).exitCode, 0);
-  EXPECT_EQ(rows(m_oSim.run("pairdisplay", {"-g", "CG1", "-fc", "-CLI", "-IH3300"})),
-            (std::vector<Words>{{"CG1", "Pair_100", "L", "CL3-B-5", "0", "12", "1", "412345", "100",
-                                 "P-VOL", "PAIR", "100", "200", "-"},
-                                {"CG1", "Pair_100", "R", "CL3-B-5", "0", "13", "1", "412345", "200",
-                                 "S-VOL", "PAIR", "100", "100", "-"}}));
-  std::vector<Words> marker = rows(m_oSim.run("pairsyncwait", {"-g", "CG1", "-nowait", "-IH3300"}));
-  ASSERT_EQ(marker.size(), 1u);
-  EXPECT_EQ(marker[0], (Words{"0", "0", "0100000001", "NOWAIT", "0"}));
 }
 
 }  // namespace

@@ -40,60 +40,63 @@ const char* const kLdevListing =
     "RAID_LEVEL  : RAID1\n"
     "LDEV_NAMING : vol_a0\n";
 
-TEST(LdevListing, RecordsOfTheRealLayout) {
+// An LDEV as "serial id virtual type capacity pool attributes label blade group" and its paths as
+// "port/group/lun/name".
+std::string describe(const hdsLdev_t& l) {
+  std::string text = l.serialNumber + " " + l.ldevId + " " + l.virtualLdevId + " " + l.volType +
+                     " " + std::to_string(l.capacity) + " " + l.poolId + " " +
+                     std::to_string(l.volAttr) + " " + l.label + " " + std::to_string(l.mpBladeId) +
+                     " " + std::to_string(l.resourceGroupId);
+  for (const hdsLun_t& p : l.lunPaths) {
+    text += " " + p.port + "/" + p.hostGroupId + "/" + p.lunId + "/" + p.hostGroupName;
+  }
+  return text;
+}
+
+std::vector<std::string> parse(const std::string& text,
+                               const std::map<int, std::string>& filter = {},
+                               bool frontEnd = false) {
   std::vector<hdsLdev_t> ldevs;
-  parseGetLdevOutput(kLdevListing, ldevs, {});
-  ASSERT_EQ(ldevs.size(), 3u);
+  if (frontEnd) {
+    EXPECT_TRUE(parseGetLdevFrontEndOutput(text, ldevs, filter));
+  } else {
+    parseGetLdevOutput(text, ldevs, filter);
+  }
+  std::vector<std::string> out;
+  for (const hdsLdev_t& l : ldevs) out.push_back(describe(l));
+  return out;
+}
 
-  const hdsLdev_t& dp = ldevs[0];
-  EXPECT_EQ(dp.serialNumber, "412345");
-  EXPECT_EQ(dp.ldevId, "4660");
-  EXPECT_EQ(dp.virtualLdevId, "4700");
-  EXPECT_EQ(dp.volType, "OPEN-V-CVS");
-  EXPECT_EQ(dp.capacity, 41943040u);
-  EXPECT_EQ(dp.poolId, "5");
-  EXPECT_EQ(dp.volAttr, VT_HDS_VOL_CVS | VT_HDS_VOL_HDP);
-  EXPECT_EQ(dp.label, "KS_SVOL_4660");
-  EXPECT_EQ(dp.mpBladeId, 2);
-  EXPECT_EQ(dp.resourceGroupId, 3);
-  ASSERT_EQ(dp.lunPaths.size(), 2u);
-  EXPECT_EQ(dp.lunPaths[0].port, "CL1-A");
-  EXPECT_EQ(dp.lunPaths[0].hostGroupId, "3");
-  EXPECT_EQ(dp.lunPaths[0].lunId, "12");
-  EXPECT_EQ(dp.lunPaths[0].hostGroupName, "mediahost01");
-  EXPECT_EQ(dp.lunPaths[1].hostGroupId, "13");
-
-  EXPECT_EQ(ldevs[1].ldevId, "4662");
-  EXPECT_EQ(ldevs[1].virtualLdevId, "65534");
-  EXPECT_EQ(ldevs[1].volType, "NOTDEFINED");  // values are compared without white space
-  EXPECT_EQ(ldevs[2].virtualLdevId, "");
-  EXPECT_TRUE(ldevs[2].lunPaths.empty());
-  EXPECT_EQ(ldevs[2].label, "vol_a0");
-
+TEST(LdevListing, RecordsOfTheRealLayout) {
+  const hdsLdev_t none;
+  const std::string rest = " " + std::to_string(none.mpBladeId) + " ";
+  const std::string dp = "412345 4660 4700 OPEN-V-CVS 41943040 5 " +
+                         std::to_string(VT_HDS_VOL_CVS | VT_HDS_VOL_HDP) +
+                         " KS_SVOL_4660 2 3 CL1-A/3/12/mediahost01 CL2-A/13/0/mediahost_long_n";
+  // Values are compared without white space ("NOTDEFINED").
+  const std::string undefined = "412345 4662 65534 NOTDEFINED " + std::to_string(none.capacity) +
+                                "  " + std::to_string(none.volAttr) + " " + rest + "0";
+  const std::string group = "412345 0  OPEN-V-CVS " + std::to_string(none.capacity) + "  " +
+                            std::to_string(VT_HDS_VOL_CVS) + " vol_a0" + rest +
+                            std::to_string(none.resourceGroupId);
+  EXPECT_EQ(parse(kLdevListing), (std::vector<std::string>{dp, undefined, group}));
   // Only that label; an empty label filters nothing.
-  ldevs.clear();
-  parseGetLdevOutput(kLdevListing, ldevs, {{VT_HDS_LDEV_FILTER_LABEL, "vol_a0"}});
-  ASSERT_EQ(ldevs.size(), 1u);
-  EXPECT_EQ(ldevs[0].ldevId, "0");
-  parseGetLdevOutput(kLdevListing, ldevs, {{VT_HDS_LDEV_FILTER_LABEL, ""}});
-  EXPECT_EQ(ldevs.size(), 4u);
+  EXPECT_EQ(parse(kLdevListing, {{VT_HDS_LDEV_FILTER_LABEL, "vol_a0"}}),
+            std::vector<std::string>{group});
+  EXPECT_EQ(parse(kLdevListing, {{VT_HDS_LDEV_FILTER_LABEL, ""}}).size(), 3u);
 }
 
 TEST(LdevListing, SeparatorsAndShortForms) {
-  std::vector<hdsLdev_t> ldevs;
-  parseGetLdevOutput("", ldevs, {});
-  parseGetLdevOutput("\n\n", ldevs, {});
-  EXPECT_TRUE(ldevs.empty());
-
+  EXPECT_TRUE(parse("").empty());
+  EXPECT_TRUE(parse("\n\n").empty());
   // CRLF endings, records without a blank line between, and the short form without Serial#.
+  std::vector<hdsLdev_t> ldevs;
   parseGetLdevOutput(
       "Serial#  : 1\r\nLDEV : 10\r\nLDEV_NAMING : a\r\nSerial#  : 1\r\nLDEV : 11\r\n", ldevs, {});
   parseGetLdevOutput("LDEV : 4662\nVOL_TYPE : NOT DEFINED\n", ldevs, {});
   ASSERT_EQ(ldevs.size(), 3u);
-  EXPECT_EQ(ldevs[0].label, "a");
-  EXPECT_EQ(ldevs[1].ldevId, "11");
-  EXPECT_EQ(ldevs[1].label, "");
-  EXPECT_EQ(ldevs[2].ldevId, "4662");
+  EXPECT_EQ(ldevs[0].label + "|" + ldevs[1].ldevId + "|" + ldevs[1].label + "|" + ldevs[2].ldevId,
+            "a|11||4662");
 }
 
 TEST(LdevListing, LongListingsOfUnevenRecords) {
@@ -145,19 +148,13 @@ TEST(LdevFrontEnd, FixedColumns) {
   };
   const std::string listing = "header\n" + line("255", "OPEN-V-CVS", "CVS : HDP") +
                               line("256", "NOT DEFINED", "-") + "412345 4663";
-  std::vector<hdsLdev_t> ldevs;
-  EXPECT_TRUE(parseGetLdevFrontEndOutput(listing, ldevs, {}));
-  ASSERT_EQ(ldevs.size(), 2u);  // the last piece has no line end
-  EXPECT_EQ(ldevs[0].serialNumber, "412345");
-  EXPECT_EQ(ldevs[0].ldevId, "255");
-  EXPECT_EQ(ldevs[0].volType, "OPEN-V-CVS");
-  EXPECT_EQ(ldevs[0].capacity, 41943040u);
-  EXPECT_EQ(ldevs[0].volAttr, 260);
+  // The last piece has no line end.
+  const std::vector<std::string> both = parse(listing, {}, true);
+  ASSERT_EQ(both.size(), 2u);
+  EXPECT_EQ(both[0].rfind("412345 255  OPEN-V-CVS 41943040  260 ", 0), 0u) << both[0];
   // The label key also names a control unit; the listing has no label column.
-  ldevs.clear();
-  parseGetLdevFrontEndOutput(listing, ldevs, {{VT_HDS_LDEV_FILTER_LABEL, ""}});
-  ASSERT_EQ(ldevs.size(), 1u);
-  EXPECT_EQ(ldevs[0].ldevId, "255");
+  EXPECT_EQ(parse(listing, {{VT_HDS_LDEV_FILTER_LABEL, ""}}, true),
+            std::vector<std::string>{both[0]});
 }
 
 TEST(GroupListings, DeviceGroupsAndSnapshots) {
