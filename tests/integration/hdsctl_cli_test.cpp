@@ -28,10 +28,7 @@ using hdstest::ToolResult;
 using hdstest::useSimArray;
 using nlohmann::json;
 
-ToolResult hdsctl(std::vector<std::string> args) {
-  args.insert(args.begin(), hdsctlPath());
-  return runTool(args);
-}
+ToolResult hdsctl(const std::vector<std::string>& args) { return hdstest::runHdsctl(args); }
 
 std::string joined(const std::vector<std::string>& words) {
   std::string text;

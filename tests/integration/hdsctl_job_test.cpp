@@ -115,30 +115,17 @@ class HdsctlJob : public ::testing::Test {
 
   // Until the job has started a call whose first words are these.
   void waitForCall(const std::string& words) {
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-    while (std::chrono::steady_clock::now() < deadline) {
-      for (const hdstest::SimJournalEntry& e : sim.journal()) {
-        if (e.args.size() > 1 && e.args[0] + " " + e.args[1] == words) return;
-      }
-      std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }
-    FAIL() << "no call " << words;
+    ASSERT_TRUE(hdstest::waitUntil([&] { return hdstest::hasCalled(sim, words); })) << words;
   }
 
   // The tool a killed job had started runs to its end on its own.
   void waitForTools() {
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-    while (!hdstest::processesWithEnvironment("CCISIM_STATE=" + env.simState()).empty() &&
-           std::chrono::steady_clock::now() < deadline) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }
+    hdstest::waitUntil([&] {
+      return hdstest::processesWithEnvironment("CCISIM_STATE=" + env.simState()).empty();
+    });
   }
 
-  int loginCount() const {
-    const std::string settings = readFile(env.settingsFile());
-    const size_t at = settings.find("sVTHDSRaidcomLockCount_412345");
-    return at == std::string::npos ? -1000 : atoi(settings.c_str() + settings.find('=', at) + 1);
-  }
+  int loginCount() const { return hdstest::loginCount(env); }
 
   void fault(const std::string& match, int times) {
     SimFault f;

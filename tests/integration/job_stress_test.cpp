@@ -80,25 +80,12 @@ class JobStress : public ::testing::Test {
     ToolRun killed(
         {hdstest::hdsctlPath(), "job",
          jobFile("k", {{"name", "k"}, {"pool", 0}, {"pvols", {100}}, {"svols", {2000}}})});
-    const Clock::time_point deadline = Clock::now() + std::chrono::seconds(60);
-    auto inAddLdev = [this] {
-      for (const hdstest::SimJournalEntry& e : sim.journal()) {
-        if (e.args.size() > 1 && e.args[0] == "add" && e.args[1] == "ldev") return true;
-      }
-      return false;
-    };
-    while (!inAddLdev() && Clock::now() < deadline) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
+    hdstest::waitUntil([this] { return hdstest::hasCalled(sim, "add ldev"); });
     kill(killed.pid(), SIGKILL);
     EXPECT_EQ(killed.finish().exitCode, 128 + SIGKILL);
   }
 
-  int loginCount() const {
-    const std::string settings = hdstest::readFile(env.settingsFile());
-    const size_t at = settings.find("sVTHDSRaidcomLockCount_412345");
-    return at == std::string::npos ? -1000 : atoi(settings.c_str() + settings.find('=', at) + 1);
-  }
+  int loginCount() const { return hdstest::loginCount(env); }
 
   // Apart from the array, which each test compares in its own way.
   void expectNothingLeftOnTheHost() {
@@ -172,7 +159,6 @@ TEST_F(JobStress, ThirtyTwoJobsChoosingTheirNumbersAllSucceed) {
 // group lock held: the next job must neither wait for those locks nor fail on them.
 TEST_F(JobStress, KilledJobHoldsUpNoJobAfterIt) {
   killJobInItsFirstLdevCreation(3000);
-  const Clock::time_point deadline = Clock::now() + std::chrono::seconds(60);
 
   const Clock::time_point start = Clock::now();
   ToolResult next = hdstest::runTool(
@@ -195,10 +181,9 @@ TEST_F(JobStress, KilledJobHoldsUpNoJobAfterIt) {
   EXPECT_FALSE(sessionOpen()) << "a session is open";
 
   // The command the killed job had started runs to its end on its own.
-  const std::string state = "CCISIM_STATE=" + env.simState();
-  while (!hdstest::processesWithEnvironment(state).empty() && Clock::now() < deadline) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-  }
+  hdstest::waitUntil([this] {
+    return hdstest::processesWithEnvironment("CCISIM_STATE=" + env.simState()).empty();
+  });
 }
 
 }  // namespace

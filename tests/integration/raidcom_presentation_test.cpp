@@ -109,23 +109,6 @@ TEST_F(RaidcomPresentation, PresentAndWithdrawLeavesTheArrayAsItWas) {
   const std::string before = arrayState(sim);
   expectInChild([&] {
     auto h = handler();
-    std::vector<hdsPool_t> pools;
-    ASSERT_EQ(h->getPoolList(pools), 0);
-    ASSERT_EQ(pools.size(), 2u);
-    EXPECT_EQ(pools[1].poolName, "ti_pool_01");
-    EXPECT_EQ(pools[1].poolStatus, "POLN");
-    EXPECT_EQ(pools[1].poolType, "HTI");
-    EXPECT_EQ(pools[1].usedPercent, 3);
-    EXPECT_EQ(pools[1].thresholdPercent, 80);
-
-    std::vector<hdsPort_t> ports;
-    ASSERT_EQ(h->getPortList(ports), 0);
-    ASSERT_EQ(ports.size(), 2u);
-    EXPECT_EQ(ports[0].portName, "CL1-A");
-    EXPECT_EQ(ports[0].wwn, "50060e8012abcd00");
-    hdsPort_t logins;
-    ASSERT_EQ(h->getPortLoginWWNList("CL1-A", logins), 0);
-    EXPECT_EQ(logins.loginWwns.size(), 2u);
     std::string cmdGroup;
     ASSERT_EQ(h->getHostGroupOfCommandDevice(cmdGroup), 0);
     EXPECT_EQ(cmdGroup, "CL1-A-1");

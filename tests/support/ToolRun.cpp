@@ -2,7 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <nlohmann/json.hpp>
+#include <thread>
 
 #include "hds/platform/VtProcess.h"
 
@@ -57,6 +59,28 @@ void useSimArray(TestEnv& env, const SimArray& sim) {
 
 std::string arrayState(const SimArray& sim) {
   return nlohmann::json::parse(sim.dumpJson())["arrays"].dump(1);
+}
+
+int loginCount(const TestEnv& env) {
+  const std::string settings = readFile(env.settingsFile());
+  const size_t at = settings.find("sVTHDSRaidcomLockCount_412345");
+  return at == std::string::npos ? -1000 : atoi(settings.c_str() + settings.find('=', at) + 1);
+}
+
+bool waitUntil(const std::function<bool()>& done, int seconds) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+  while (!done()) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  return true;
+}
+
+bool hasCalled(const SimArray& sim, const std::string& words) {
+  for (const SimJournalEntry& e : sim.journal()) {
+    if (e.args.size() > 1 && e.args[0] + " " + e.args[1] == words) return true;
+  }
+  return false;
 }
 
 }  // namespace hdstest

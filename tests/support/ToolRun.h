@@ -2,6 +2,7 @@
 
 #include <sys/types.h>
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -37,5 +38,12 @@ ToolResult runHdsctl(const std::vector<std::string>& args);
 void useSimArray(TestEnv& env, const SimArray& sim);
 // The arrays of `ccisim dump --json`: everything the array holds, without the host's instances.
 std::string arrayState(const SimArray& sim);
+
+// The login count of array 412345 as the settings file holds it; -1000 when it holds none.
+int loginCount(const TestEnv& env);
+// Polls until done() holds or the seconds have passed; whether it held.
+bool waitUntil(const std::function<bool()>& done, int seconds = 60);
+// Whether the array's journal holds a call whose first two arguments are these words ("add ldev").
+bool hasCalled(const SimArray& sim, const std::string& words);
 
 }  // namespace hdstest

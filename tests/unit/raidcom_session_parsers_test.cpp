@@ -29,19 +29,15 @@ TEST(ResourceListing, ColumnsAreReadFromTheRight) {
       "short 1 Locked x 412345\n"
       "\n",
       groups);
-  ASSERT_EQ(groups.size(), 4u);
-  EXPECT_EQ(groups["meta_resource"].status, "Unlocked");
-  EXPECT_EQ(groups["meta_resource"].lockOwner, "-");
-  EXPECT_EQ(groups["meta_resource"].serialNumber, "412345");
-
-  const ResourceGroupStatus& named = groups["backup rsg  two"];
-  EXPECT_EQ(named.resourceGroupId, 3);
-  EXPECT_EQ(named.status, "Locked");
-  EXPECT_EQ(named.lockOwner, "admin");
-  EXPECT_EQ(named.lockHost, "Storage Navigator");
-  EXPECT_EQ(groups["ups"].lockHost, "User Program");
-  EXPECT_EQ(groups["rmi"].lockHost, "web1 RMI");
-  EXPECT_EQ(groups["rmi"].resourceGroupId, 7);
+  std::vector<std::string> read;
+  for (const auto& [name, g] : groups) {
+    read.push_back(name + "|" + std::to_string(g.resourceGroupId) + "|" + g.status + "|" +
+                   g.lockOwner + "|" + g.lockHost + "|" + g.serialNumber);
+  }
+  EXPECT_EQ(read, (std::vector<std::string>{
+                      "backup rsg  two|3|Locked|admin|Storage Navigator|412345",
+                      "meta_resource|0|Unlocked|-|-|412345", "rmi|7|Locked|svc|web1 RMI|412345",
+                      "ups|4|Locked|svc|User Program|412345"}));
 
   // With -key opt the model identifier stands where the lock owner stands otherwise.
   groups.clear();
