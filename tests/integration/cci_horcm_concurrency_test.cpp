@@ -1,5 +1,4 @@
 // Several processes on one host allocating HORCM instance pairs at the same moment.
-#include <dirent.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -13,26 +12,18 @@
 #include "hds/cci/CCICommandHandler.h"
 #include "hds/common/HDSText.h"
 #include "tests/support/FakeTools.h"
+#include "tests/support/Leftovers.h"
 #include "tests/support/ProcessHelpers.h"
 #include "tests/support/RecordingSnapInfo.h"
 #include "tests/support/TestEnv.h"
 
 namespace {
 
-int countEntries(const std::string& dir) {
-  int count = 0;
-  if (DIR* d = opendir(dir.c_str())) {
-    while (dirent* e = readdir(d)) count += e->d_name[0] != '.';
-    closedir(d);
-  }
-  return count;
-}
-
 // Every process marks its arrival in dir and waits for the others; false if they never come.
 bool arriveAndWait(const std::string& dir, int index, int processes, const std::string& note) {
   hdstest::writeFile(dir + "/" + std::to_string(index), note);
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-  while (countEntries(dir) < processes) {
+  while (hdstest::filesIn(dir).size() < static_cast<size_t>(processes)) {
     if (std::chrono::steady_clock::now() > deadline) return false;
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
@@ -93,7 +84,7 @@ TEST(CciHorcmConcurrency, EightProcessesGetSixteenDistinctInstances) {
     numbers.insert(peer);
   }
   EXPECT_EQ(numbers.size(), 2u * kProcesses);
-  EXPECT_EQ(countEntries(env.horcmDir()), 0);
+  EXPECT_EQ(hdstest::filesIn(env.horcmDir()), std::set<std::string>{});
   EXPECT_EQ(tools.calls("horcmstart.sh"), 2 * kProcesses);
 }
 

@@ -1,12 +1,12 @@
 #include "tests/support/FakeTools.h"
 
-#include <dirent.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include <cstdio>
 #include <fstream>
 
+#include "tests/support/Leftovers.h"
 #include "tests/support/ProcessHelpers.h"
 
 namespace hdstest {
@@ -42,15 +42,11 @@ std::vector<std::string> FakeTools::argv(const std::string& name) const {
 
 std::vector<std::string> HandlerEnv::tempFiles(const std::string& suffix) const {
   std::vector<std::string> paths;
-  if (DIR* d = opendir(env.tempDir().c_str())) {
-    while (dirent* e = readdir(d)) {
-      const std::string name = e->d_name;
-      if (name.size() > suffix.size() &&
-          name.compare(name.size() - suffix.size(), suffix.size(), suffix) == 0) {
-        paths.push_back(env.tempDir() + "/" + name);
-      }
+  for (const std::string& name : filesIn(env.tempDir())) {
+    if (name.size() > suffix.size() &&
+        name.compare(name.size() - suffix.size(), suffix.size(), suffix) == 0) {
+      paths.push_back(env.tempDir() + "/" + name);
     }
-    closedir(d);
   }
   return paths;
 }

@@ -181,12 +181,11 @@ TEST(GroupListings, DeviceGroupsAndSnapshots) {
       "cut_short                        S-VOL SSUS\n",
       pairs);
   ASSERT_EQ(pairs.size(), 2u);
-  EXPECT_EQ(pairs[0].mirrorUnit, "3");
-  EXPECT_EQ(pairs[0].partnerLdevId, "4672");
-  EXPECT_EQ(pairs[0].poolId, "5");
-  EXPECT_EQ(pairs[0].copyPercent, 97);
-  EXPECT_EQ(pairs[0].mode, "G--A");
-  EXPECT_EQ(pairs[0].splitTime, 65);  // read as a decimal number, as callers have always had it
+  const hdsSnapshotGroupInfo& p = pairs[0];
+  // The split time is read as a decimal number, as callers have always had it.
+  EXPECT_EQ(p.mirrorUnit + " " + p.partnerLdevId + " " + p.poolId + " " +
+                std::to_string(p.copyPercent) + " " + p.mode + " " + std::to_string(p.splitTime),
+            "3 4672 5 97 G--A 65");
   EXPECT_FALSE(pairs[1].isPVol);
   EXPECT_EQ(pairs[1].ldevId, "");
 }

@@ -1,4 +1,3 @@
-#include <dirent.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -11,22 +10,11 @@
 #include "hds/platform/SettingsText.h"
 #include "hds/platform/VTPlatformInfo.h"
 #include "hds/platform/VtNamedMutex.h"
+#include "tests/support/Leftovers.h"
 #include "tests/support/ProcessHelpers.h"
 #include "tests/support/TestEnv.h"
 
-namespace {
-
-std::set<std::string> filesIn(const std::string& dir) {
-  std::set<std::string> names;
-  if (DIR* d = opendir(dir.c_str())) {
-    while (dirent* e = readdir(d))
-      if (e->d_name[0] != '.') names.insert(e->d_name);
-    closedir(d);
-  }
-  return names;
-}
-
-}  // namespace
+using hdstest::filesIn;
 
 TEST(SettingsParsing, FollowsTheFileFormat) {
   hdstest::TestEnv env;

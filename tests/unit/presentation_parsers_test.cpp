@@ -31,23 +31,21 @@ TEST(CopyGroupListing, MirrorUnitJournalAndFilter) {
       "dr_cg0            dr_cg0_P           h1    7   412345\n"
       "odd_cg            odd_cg_P            h    x   412345\n"
       "cut_cg            cut_cg_P            2    -   412345";  // no newline: not read
-  std::vector<hdsCopyGroup_t> all;
-  parseGetCopyGroupOutput(output, "", all);
-  ASSERT_EQ(all.size(), 4u);
-  EXPECT_EQ(all[0].deviceGroupName, "bkp_cg0_P");
-  EXPECT_EQ(all[0].mirrorUnit, 0);
-  EXPECT_EQ(all[0].journalId, -1);
-  EXPECT_EQ(all[1].mirrorUnit, -1);
-  EXPECT_EQ(all[2].mirrorUnit, 1);
-  EXPECT_EQ(all[2].journalId, 7);
-  // A lone "h" is no remote mirror unit and no number either.
-  EXPECT_EQ(all[3].mirrorUnit, -1);
-  EXPECT_EQ(all[3].journalId, -1);
-
-  std::vector<hdsCopyGroup_t> one;
-  parseGetCopyGroupOutput(output, "bkp_cg0", one);
-  ASSERT_EQ(one.size(), 2u);
-  EXPECT_EQ(one[1].deviceGroupName, "bkp_cg0_S");
+  // Device group, mirror unit and journal of each line; a lone "h" is no remote mirror unit and
+  // no number either.
+  auto read = [&](const std::string& filter) {
+    std::vector<hdsCopyGroup_t> groups;
+    parseGetCopyGroupOutput(output, filter, groups);
+    std::vector<std::string> out;
+    for (const hdsCopyGroup_t& g : groups) {
+      out.push_back(g.deviceGroupName + " " + std::to_string(g.mirrorUnit) + " " +
+                    std::to_string(g.journalId));
+    }
+    return out;
+  };
+  EXPECT_EQ(read(""), (std::vector<std::string>{"bkp_cg0_P 0 -1", "bkp_cg0_S -1 -1", "dr_cg0_P 1 7",
+                                                "odd_cg_P -1 -1"}));
+  EXPECT_EQ(read("bkp_cg0"), (std::vector<std::string>{"bkp_cg0_P 0 -1", "bkp_cg0_S -1 -1"}));
 }
 
 const char* const kRaidscanHeader =
