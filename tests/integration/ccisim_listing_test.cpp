@@ -40,60 +40,28 @@ std::map<std::string, std::string> record(const std::string& text) {
 
 json scenario() {
   json s = json::parse(SimArray::defaultScenario());
-  json& a = s["arrays"][0];
-  a["resource_groups"].push_back({{"id", 3},
-                                  {"name", "backup rsg"},
-                                  {"virtual_serial", "412399"},
-                                  {"virtual_type", "M850M3"},
-                                  {"lock_owner", "bkpadmin"},
-                                  {"lock_host", "Storage Navigator"}});
-  a["ldevs"].push_back({{"id", 200},
-                        {"count", 2},
-                        {"capacity", 2097152},
-                        {"pool", 0},
-                        {"name", "snap_{id}"},
-                        {"rsgid", 3},
-                        {"virtual_id", 900}});
-  a["ports"].push_back(
-      {{"name", "CL3-B"},
-       {"type", "FIBRE"},
-       {"attr", "TAR MCU"},
-       {"speed", "32G"},
-       {"lpid", "E4"},
-       {"conn", "FCAL"},
-       {"ssw", "N"},
-       {"wwn", "50060e8012abcd20"},
-       {"logins", {"10000090fa000001"}},
-       {"host_groups",
-        {{{"gid", 5},
-          {"name", "esx cluster 7"},
-          {"host_mode", "VMWARE_EX"},
-          {"host_mode_options", {54, 63}},
-          {"wwns", {{{"wwn", "10000090fa000001"}, {"nickname", "esx01_p0"}}}},
-          {"luns", {{{"lun", 12}, {"ldev", 100}}, {{"lun", 13}, {"ldev", 200}}}}}}}});
-  a["device_groups"] = {{{"name", "DG_P"}, {"members", {{{"device", "Pair_100"}, {"ldev", 100}}}}},
-                        {{"name", "DG_S"}, {"members", {{{"device", "Pair_100"}, {"ldev", 200}}}}}};
-  a["copy_groups"] = {{{"name", "CG1"},
-                       {"pvol_group", "DG_P"},
-                       {"svol_group", "DG_S"},
-                       {"mirror", 1},
-                       {"journal", 4}}};
-  a["snapshots"] = {{{"group", "nightly"},
-                     {"pvol", 101},
-                     {"svol", 201},
-                     {"mirror", 3},
-                     {"pool", 1},
-                     {"status", "PSUS"},
-                     {"split_time", 1700000000}}};
-  a["pairs"] = {{{"copy_group", "CG1"},
-                 {"device", "Pair_100"},
-                 {"pvol", 100},
-                 {"svol_serial", "412345"},
-                 {"svol", 200},
-                 {"mirror", 1},
-                 {"kind", "UR"},
-                 {"status", "PAIR"},
-                 {"fence", "ASYNC"}}};
+  const json added = json::parse(R"({
+    "resource_groups": [{"id": 3, "name": "backup rsg", "virtual_serial": "412399",
+      "virtual_type": "M850M3", "lock_owner": "bkpadmin", "lock_host": "Storage Navigator"}],
+    "ldevs": [{"id": 200, "count": 2, "capacity": 2097152, "pool": 0, "name": "snap_{id}",
+      "rsgid": 3, "virtual_id": 900}],
+    "ports": [{"name": "CL3-B", "type": "FIBRE", "attr": "TAR MCU", "speed": "32G", "lpid": "E4",
+      "conn": "FCAL", "ssw": "N", "wwn": "50060e8012abcd20", "logins": ["10000090fa000001"],
+      "host_groups": [{"gid": 5, "name": "esx cluster 7", "host_mode": "VMWARE_EX",
+        "host_mode_options": [54, 63],
+        "wwns": [{"wwn": "10000090fa000001", "nickname": "esx01_p0"}],
+        "luns": [{"lun": 12, "ldev": 100}, {"lun": 13, "ldev": 200}]}]}],
+    "device_groups": [{"name": "DG_P", "members": [{"device": "Pair_100", "ldev": 100}]},
+      {"name": "DG_S", "members": [{"device": "Pair_100", "ldev": 200}]}],
+    "copy_groups": [{"name": "CG1", "pvol_group": "DG_P", "svol_group": "DG_S", "mirror": 1,
+      "journal": 4}],
+    "snapshots": [{"group": "nightly", "pvol": 101, "svol": 201, "mirror": 3, "pool": 1,
+      "status": "PSUS", "split_time": 1700000000}],
+    "pairs": [{"copy_group": "CG1", "device": "Pair_100", "pvol": 100, "svol_serial": "412345",
+      "svol": 200, "mirror": 1, "kind": "UR", "status": "PAIR", "fence": "ASYNC"}]})");
+  for (const auto& [key, items] : added.items()) {
+    for (const json& item : items) s["arrays"][0][key].push_back(item);
+  }
   return s;
 }
 
