@@ -190,6 +190,15 @@ TEST(HdsctlCli, WrongArgumentsGiveOneLineAndExitTwo) {
   }
 }
 
+// "<result> <detail>" of one check of `hdsctl check --json`.
+std::string checkResult(const json& report, const std::string& name) {
+  for (const json& c : report["checks"]) {
+    if (c["check"] == name)
+      return c["result"].get<std::string>() + " " + c["detail"].get<std::string>();
+  }
+  return "";
+}
+
 TEST(HdsctlCli, CheckNamesWhatIsMissing) {
   TestEnv env;
   // No CCI directory at all.
@@ -205,11 +214,7 @@ TEST(HdsctlCli, CheckNamesWhatIsMissing) {
   EXPECT_EQ(r.exitCode, 1);
   json report = json::parse(r.out);
   EXPECT_FALSE(report["ready"].get<bool>());
-  std::string tools;
-  for (const json& c : report["checks"]) {
-    if (c["check"] == "CCI tools")
-      tools = c["result"].get<std::string>() + " " + c["detail"].get<std::string>();
-  }
+  const std::string tools = checkResult(report, "CCI tools");
   for (const char* name :
        {"raidcom", "raidscan", "horcmstart.sh", "horcmshutdown.sh", "paircreate", "pairsplit",
         "pairresync", "pairdisplay", "pairevtwait", "pairsyncwait"}) {
@@ -250,13 +255,7 @@ TEST(HdsctlCli, CheckListsAndPrunesHorcmFilesOfArraysWithoutASession) {
   hdstest::writeFile(env.horcmDir() + "horcm3531.conf",
                      "#HORCM file create by Tessaly Kestrel. Do not alter the file content or "
                      "delete the file.\nHORCM_CMD\n#\\\\.\\CMD-499999\n");
-  json report = json::parse(hdsctl({"check", "--json"}).out);
-  std::string horcm;
-  for (const json& c : report["checks"]) {
-    if (c["check"] == "HORCM files")
-      horcm = c["result"].get<std::string>() + " " + c["detail"].get<std::string>();
-  }
-  EXPECT_EQ(horcm,
+  EXPECT_EQ(checkResult(json::parse(hdsctl({"check", "--json"}).out), "HORCM files"),
             "warn 1 of arrays without a session: horcm3531.conf (array 499999) (--prune "
             "removes them)");
   EXPECT_NE(hdsctl({"check", "--prune"}).out.find("removed horcm3531.conf (array 499999)"),
