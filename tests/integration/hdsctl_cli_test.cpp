@@ -99,16 +99,10 @@ TEST(CcisimAdminCli, HelpEverywhereWrongArgumentsOneLineAndPasswordsVerbatim) {
             ", dump, fault, fault add, fault clear, fault list, finish, init, install, journal, "
             "load, pair, pair fail, resource, resource lock, resource unlock, session, session "
             "expire, session list, timing,");
-  for (std::vector<std::string> args : {std::vector<std::string>{},
-                                        {"nosuch"},
-                                        {"init", "--help-me"},
-                                        {"init", "--serial"},
-                                        {"init", "--copy-ms", "fast"},
-                                        {"init", "--ldevs", "100"},
-                                        {"fault"},
-                                        {"fault", "add"},
-                                        {"install"},
-                                        {"resource", "lock", "rsg"}}) {
+  for (const char* line :
+       {"", "nosuch", "init --help-me", "init --serial", "init --copy-ms fast", "init --ldevs 100",
+        "fault", "fault add", "install", "resource lock rsg"}) {
+    std::vector<std::string> args = hdstest::lineWords(line);
     args.insert(args.begin(), ccisim);
     ToolResult r = runTool(args);
     EXPECT_EQ(r.exitCode, 2) << joined(args);
@@ -151,31 +145,22 @@ TEST(HdsctlCli, WrongArgumentsGiveOneLineAndExitTwo) {
     hdstest::writeFile(file, c.second);
     named.emplace_back(file, c.first);
   }
-  const std::vector<std::vector<std::string>> cases = {
-      {},
-      {"--bogus"},
-      {"nosuch"},
-      {"svol"},
-      {"ldevs", "--pool", "x"},
-      {"ldevs", "--mapped", "--unmapped"},
-      {"ldevs", "--ldev", "100", "--pool", "0"},
-      {"ldevs"},  // no array given
-      {"svol", "create", "300", "--pool", "0"},
-      {"svol", "create", "3a0", "--pool", "0", "--capacity", "1"},
-      {"snapshot", "split", "--group", "g", "--svol", "300"},
-      {"snapshot", "add", "g", "--pool", "0", "--pair", "100-300"},
-      {"luns", "--port", "CL1-A"},
-      {"lock", "--hold", "-1"},
-      {"demo", "--pvols", "0"},
-      {"job"},
-      {"job", env.root() + "/missing.json"},
-      {"job", badJson},
-      {"job", unknownKey},
-      {"job", twice},
-      {"recover", "a/b"},
-      {"--log", env.root() + "/no/such/dir/log", "pools"},
-  };
-  for (const auto& args : cases) {
+  // Each case as blank-separated arguments (the test's directories hold no blanks); "ldevs"
+  // names no array.
+  const std::string root = env.root();
+  std::vector<std::string> cases = {"job " + root + "/missing.json", "job " + badJson,
+                                    "job " + unknownKey, "job " + twice,
+                                    "--log " + root + "/no/such/dir/log pools"};
+  for (const char* line :
+       {"", "--bogus", "nosuch", "svol", "ldevs --pool x", "ldevs --mapped --unmapped",
+        "ldevs --ldev 100 --pool 0", "ldevs", "svol create 300 --pool 0",
+        "svol create 3a0 --pool 0 --capacity 1", "snapshot split --group g --svol 300",
+        "snapshot add g --pool 0 --pair 100-300", "luns --port CL1-A", "lock --hold -1",
+        "demo --pvols 0", "job", "recover a/b"}) {
+    cases.emplace_back(line);
+  }
+  for (const std::string& line : cases) {
+    const std::vector<std::string> args = hdstest::lineWords(line);
     ToolResult r = hdsctl(args);
     EXPECT_EQ(r.exitCode, 2) << joined(args) << ": " << r.err;
     EXPECT_EQ(r.out, "") << joined(args);
