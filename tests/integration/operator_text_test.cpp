@@ -89,8 +89,9 @@ TEST_F(OperatorText, AttacksThroughEveryFieldRunNothingAndCountNoLogin) {
         // A command device is otherwise only written into the HORCM file, where the simulator
         // takes any name.
         for (const auto& line : log.lines()) {
-          if (field.name == std::string("password"))
+          if (field.name == std::string("password")) {
             EXPECT_EQ(line.text.find(attack), std::string::npos);
+          }
         }
       });
       ASSERT_FALSE(pathExists(marker)) << field.name << " " << attack;
