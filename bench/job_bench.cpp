@@ -35,7 +35,7 @@ std::unique_ptr<VtProcess> start(const std::string& line) {
 int finish(VtProcess& process) {
   int code = -1;
   std::string error;
-  if (!process.WaitForProcessToEndMs(&code, &error, 30 * 60 * 1000)) return -1;
+  if (!process.WaitForProcessToEndMs(&code, &error, 30L * 60 * 1000)) return -1;
   return code;
 }
 
