@@ -35,7 +35,7 @@ std::unique_ptr<VtProcess> start(const std::string& line) {
 int finish(VtProcess& process) {
   int code = -1;
   std::string error;
-  if (!process.WaitForProcessToEndMs(&code, &error, 30 * 60 * 1000)) return -1;
+  if (!process.WaitForProcessToEndMs(&code, &error, 30L * 60 * 1000)) return -1;
   return code;
 }
 
@@ -88,6 +88,7 @@ class Host {
   double runAtOnce(int jobs) const {
     const auto begin = std::chrono::steady_clock::now();
     std::vector<std::unique_ptr<VtProcess>> runs;
+    runs.reserve(static_cast<size_t>(jobs));
     for (int j = 0; j < jobs; ++j)
       runs.push_back(start(kHdsctl + " job " + file(j) + " >/dev/null"));
     for (auto& r : runs) {

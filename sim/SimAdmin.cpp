@@ -308,7 +308,7 @@ void addDump(CLI::App* cmd, Action& action) {
       settler.settle();
       std::string text = *asJson ? dumpScenario(store).dump(2) + "\n" : dumpText(store);
       store.commit();
-      std::fputs(text.c_str(), stdout);
+      (void)std::fputs(text.c_str(), stdout);
     };
   });
 }
@@ -596,19 +596,19 @@ int runAdmin(const std::vector<std::string>& args) {
     // CLI11 messages can run over several lines; a usage error is one line.
     std::string text = e.what();
     std::replace(text.begin(), text.end(), '\n', ' ');
-    std::fprintf(stderr, "ccisim: %s (see ccisim --help)\n", text.c_str());
+    (void)std::fprintf(stderr, "ccisim: %s (see ccisim --help)\n", text.c_str());
     return 2;
   }
   try {
     action();
   } catch (const UsageError& e) {
-    std::fprintf(stderr, "ccisim: %s (see ccisim --help)\n", e.what());
+    (void)std::fprintf(stderr, "ccisim: %s (see ccisim --help)\n", e.what());
     return 2;
   } catch (const std::regex_error& e) {
-    std::fprintf(stderr, "ccisim: bad --match expression: %s\n", e.what());
+    (void)std::fprintf(stderr, "ccisim: bad --match expression: %s\n", e.what());
     return 1;
   } catch (const std::exception& e) {
-    std::fprintf(stderr, "ccisim: %s\n", e.what());
+    (void)std::fprintf(stderr, "ccisim: %s\n", e.what());
     return 1;
   }
   return 0;

@@ -51,7 +51,7 @@ struct VersionQuad {
 
   void scan(const std::string& text, const char* format) {
     if (!isSafeVersionFormat(format)) return;
-    std::sscanf(text.c_str(), format, &part[0], &part[1], &part[2], &part[3]);
+    (void)std::sscanf(text.c_str(), format, &part[0], &part[1], &part[2], &part[3]);
   }
 
   // Compared part by part, so a part the text did not supply (-1) never reaches a threshold of 0

@@ -71,7 +71,7 @@ int CommandHandler::CheckIfCommandDeviceExist() {
     maxDeviceNumber = configured;
   }
   char arguments[64];
-  std::snprintf(arguments, sizeof(arguments), " -x findcmddev 0-%d", maxDeviceNumber);
+  (void)std::snprintf(arguments, sizeof(arguments), " -x findcmddev 0-%d", maxDeviceNumber);
 
   std::string output;
   int exitCode = 0;

@@ -196,7 +196,7 @@ int CommandHelper::decryptPassword(const std::string& encrypted, std::string& pl
 
 std::string CommandHelper::itoa(int value) {
   char buf[1024];
-  std::snprintf(buf, sizeof(buf), "%d", value);
+  (void)std::snprintf(buf, sizeof(buf), "%d", value);
   return buf;
 }
 

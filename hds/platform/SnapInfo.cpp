@@ -45,7 +45,7 @@ std::string formatMessage(const char* format, va_list args) {
   if (n < 0) return std::string();
   if (static_cast<size_t>(n) < sizeof(small)) return std::string(small, static_cast<size_t>(n));
   std::vector<char> big(static_cast<size_t>(n) + 1);
-  vsnprintf(big.data(), big.size(), format, args);
+  (void)vsnprintf(big.data(), big.size(), format, args);
   return std::string(big.data(), static_cast<size_t>(n));
 }
 

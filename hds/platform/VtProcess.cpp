@@ -221,7 +221,7 @@ void reserveFor(std::string& buf, size_t need) {
   uintptr_t begin = reinterpret_cast<uintptr_t>(&bigger[0]);
   uintptr_t first = (begin + kHugePage - 1) & ~(kHugePage - 1);
   uintptr_t last = (begin + cap) & ~(kHugePage - 1);
-  if (last > first) madvise(reinterpret_cast<void*>(first), last - first, MADV_HUGEPAGE);
+  if (last > first) madvise(&bigger[0] + (first - begin), last - first, MADV_HUGEPAGE);
   bigger.append(buf);
   buf.swap(bigger);
 }

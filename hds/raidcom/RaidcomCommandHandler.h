@@ -123,7 +123,8 @@ class HDS_API RaidcomCommandHandler : public CommandHandler {
   int unmapfromResourceGroup(std::string const& resourceId, std::string const& virtualId,
                              HDSResourceType type);
   int getResourceGroupInfo(std::map<std::string, ResourceGroupStatus>& groups, bool withKeyOption);
-  int unreserveFromVSM(std::string ldevId, std::string virtualLdevId, HDSResourceType type);
+  int unreserveFromVSM(const std::string& ldevId, const std::string& virtualLdevId,
+                       HDSResourceType type);
 
   // ---- Ports and host groups
   int getPortList(std::vector<hdsPort_t>& ports);

@@ -85,7 +85,7 @@ unsigned int RaidcomCommandHandler::createSvol(std::map<std::string, hdsLdev_t> 
     if (!poolId.empty()) arguments += " -pool " + quoteArgument(poolId);
     if (noMpBlade == 0) arguments += " -mp_blade_id " + std::to_string(ldev.mpBladeId);
     char capacity[32];
-    std::snprintf(capacity, sizeof(capacity), "%lld", static_cast<long long>(ldev.capacity));
+    (void)std::snprintf(capacity, sizeof(capacity), "%lld", static_cast<long long>(ldev.capacity));
     arguments += " -ldev_id " + quoteArgument(id) + " -capacity " + capacity + m_sInstanceArgs;
 
     std::string output;

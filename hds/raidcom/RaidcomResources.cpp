@@ -347,7 +347,8 @@ int RaidcomCommandHandler::getResourceGroupInfo(std::map<std::string, ResourceGr
   return 0;
 }
 
-int RaidcomCommandHandler::unreserveFromVSM(std::string ldevId, std::string virtualLdevId,
+int RaidcomCommandHandler::unreserveFromVSM(const std::string& ldevId,
+                                            const std::string& virtualLdevId,
                                             HDSResourceType type) {
   // Moves between a virtual storage machine and meta_resource must not interleave on one array.
   const std::string lockName = kVsmLockPrefix + m_sSerialNumber;

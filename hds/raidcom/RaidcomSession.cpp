@@ -841,7 +841,7 @@ int RaidcomCommandHandler::getCommandStatus(bool& hasError, std::string& statusT
   hasError = false;
   const std::string command = std::string(VT_HDS_RAIDCOM_CMD_NAME) + " get command_status ";
   char timeOption[32];
-  std::snprintf(timeOption, sizeof(timeOption), " -time %d", m_iCmdRetryWait.load());
+  (void)std::snprintf(timeOption, sizeof(timeOption), " -time %d", m_iCmdRetryWait.load());
   const std::string arguments = timeOption + m_sInstanceArgs;
 
   const int maxRounds = m_iCmdRetryCnt;

@@ -61,7 +61,9 @@ std::string commandPath(const CLI::App& app) {
 
 }  // namespace hdsctl
 
-int main(int argc, char** argv) {
+namespace {
+
+int run(int argc, char** argv) {
   using namespace hdsctl;
   Context ctx;
   ctx.environment = takeArrayEnvironment();
@@ -125,4 +127,20 @@ int main(int argc, char** argv) {
               << e.what() << ")" << std::endl;
     return kExitFailed;
   }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  // Building the command tree can throw too (out of memory); hdsctl still ends with a line and a
+  // failure status rather than an abort.
+  try {
+    return run(argc, argv);
+  } catch (const std::exception& e) {
+    std::cerr << "hdsctl: stopped on an unexpected error in hdsctl (" << e.what() << ")"
+              << std::endl;
+  } catch (...) {
+    std::cerr << "hdsctl: stopped on an unexpected error in hdsctl" << std::endl;
+  }
+  return hdsctl::kExitFailed;
 }
