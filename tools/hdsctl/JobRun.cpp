@@ -577,13 +577,16 @@ void JobRun::cleanUp() {
     }
     // The handler's end has run, or its destructor runs it now: either way the session is
     // given back.
+    m_pUndoer.reset();
     m_pSession.reset();
     popNewest("lock");
     popNewest("session");
   } else {
     // The session stays counted and the lock held, for hdsctl recover to give back with the
-    // rest. The handler is not destroyed: its end would call the array that does not answer.
-    (void)m_pSession.release();
+    // rest; its end must not call the array that does not answer.
+    m_pUndoer.reset();
+    m_pSession->abandon();
+    m_pSession.reset();
   }
   if (m_oUndo.empty()) return;
   for (auto it = m_oUndo.rbegin(); it != m_oUndo.rend(); ++it) {

@@ -161,6 +161,12 @@ class SessionHandler : public RaidcomCommandHandler {
   // counts as holding it, so its end does not release it.
   void leaveResourceLock() { m_bResourceGroupLocked = false; }
 
+  // Neither the lock nor the session is given back when the handler goes.
+  void abandon() {
+    m_bResourceGroupLocked = false;
+    m_bLoggedIn = false;
+  }
+
   int end() {
     if (m_bResourceGroupLocked && unlockResource() != 0) return 1;
     if (!m_bLoggedIn) return 0;
@@ -232,6 +238,8 @@ int ArraySession::loginCount() {
 }
 
 void ArraySession::leaveResourceLock() { m_pHandler->leaveResourceLock(); }
+
+void ArraySession::abandon() { m_pHandler->abandon(); }
 
 ArraySession::~ArraySession() = default;
 

@@ -91,6 +91,9 @@ class ArraySession {
   int loginCount();
   // Keeps the resource group locked when the session ends, for the other sessions of the host.
   void leaveResourceLock();
+  // Leaves the session counted and the resource group lock held, for whoever gives them back
+  // later (hdsctl recover): the session's end then calls nothing on the array.
+  void abandon();
   // Ends the session now: releases the resource group lock when it is held and logs out when
   // this is the last session. A Failure when either fails; the destructor could only log it.
   void close();
