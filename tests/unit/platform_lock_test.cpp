@@ -176,7 +176,11 @@ TEST(NamedLockIdentity, WaiterMovesToTheFileNowAtThePath) {
   ASSERT_TRUE(holder.lock(1000));
   VtNamedMutex waiter(name);  // mapped on the file that is about to go
   std::atomic<int> waited{-1};
-  std::thread waiting([&] { waited = waiter.lock(3000) ? 1 : 0; });
+  // A lock is let go by the thread that took it.
+  std::thread waiting([&] {
+    waited = waiter.lock(3000) ? 1 : 0;
+    waiter.unlock();
+  });
   std::this_thread::sleep_for(std::chrono::milliseconds(100));
 
   ASSERT_EQ(unlink(VtNamedMutex::lockFilePath(name).c_str()), 0);
@@ -189,6 +193,5 @@ TEST(NamedLockIdentity, WaiterMovesToTheFileNowAtThePath) {
   newcomer.unlock();
   waiting.join();
   EXPECT_EQ(waited, 1);
-  waiter.unlock();
   EXPECT_TRUE(otherProcessGets(name, 1000));
 }
