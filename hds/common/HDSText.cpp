@@ -108,6 +108,14 @@ std::string quoteArgument(std::string_view text) {
   return quoted;
 }
 
+bool isDigits(std::string_view text) {
+  if (text.empty()) return false;
+  for (char c : text) {
+    if (c < '0' || c > '9') return false;
+  }
+  return true;
+}
+
 bool hasControlCharacter(std::string_view text) {
   for (char c : text) {
     const auto u = static_cast<unsigned char>(c);

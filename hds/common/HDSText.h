@@ -60,5 +60,8 @@ std::string quoteArgument(std::string_view text);
 // text cannot be written as one value of a line-based file such as a HORCM configuration.
 bool hasControlCharacter(std::string_view text);
 
+// True when the text is one or more of the digits 0-9 and nothing else.
+bool isDigits(std::string_view text);
+
 }  // namespace text
 }  // namespace hds

@@ -323,9 +323,7 @@ std::string CommandHandler::shellCCIInstallPath() {
 }
 
 bool CommandHandler::refuseUnlessDigits(const char* field, const std::string& value) {
-  bool digits = !value.empty();
-  for (char c : value) digits = digits && c >= '0' && c <= '9';
-  if (digits) return false;
+  if (hds::text::isDigits(value)) return false;
   m_iErrorCode = VT_HDS_ERROR_MISSING_INPUT;
   m_sErrorString = std::string("Invalid ") + field + ". It must be made of digits only.";
   m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "%s", m_sErrorString.c_str());

@@ -24,11 +24,6 @@ bool startsWithDigit(std::string_view value) {
   return !value.empty() && value[0] >= '0' && value[0] <= '9';
 }
 
-bool allDigits(std::string_view value) {
-  return !value.empty() &&
-         std::all_of(value.begin(), value.end(), [](char c) { return c >= '0' && c <= '9'; });
-}
-
 bool isWwn(std::string_view value) {
   return value.size() == 16 && std::all_of(value.begin(), value.end(), [](char c) {
            return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F');
@@ -212,7 +207,7 @@ void parseGetHbaWwnOutput(std::string const& output, hdsHostGroup_t& hg) {
     // so the WWN is found as the 16 hex digits followed by the serial.
     size_t wwnIndex = 3;
     for (size_t i = 3; i + 1 < cols.size(); ++i) {
-      if (isWwn(cols[i]) && allDigits(cols[i + 1])) {
+      if (isWwn(cols[i]) && hds::text::isDigits(cols[i + 1])) {
         wwnIndex = i;
         break;
       }

@@ -24,11 +24,6 @@ std::string upperCase(std::string text) {
   return text;
 }
 
-bool allDigits(std::string const& text) {
-  return !text.empty() &&
-         std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
-}
-
 bool hasResourceOption(std::string const& cciVersion) {
   if (cciVersion.size() < 5 || !std::isdigit(static_cast<unsigned char>(cciVersion[3])) ||
       !std::isdigit(static_cast<unsigned char>(cciVersion[4]))) {
@@ -426,8 +421,8 @@ int RaidcomCommandHandler::unmapDeviceGroupFromHostGroup(std::string const& devi
 
 int RaidcomCommandHandler::getLunsForHostGroup(std::string const& P, std::string const& G,
                                                std::vector<hdsLun_t>& luns) {
-  const std::string reference =
-      allDigits(G) ? quoteArgument(P + "-" + G) : quoteArgument(P) + " " + quoteArgument(G);
+  const std::string reference = hds::text::isDigits(G) ? quoteArgument(P + "-" + G)
+                                                       : quoteArgument(P) + " " + quoteArgument(G);
   const std::string command = std::string(VT_HDS_RAIDCOM_CMD_NAME) + " get lun ";
   const std::string arguments = " -port " + reference + " " + m_sInstanceArgs;
   std::string output;
