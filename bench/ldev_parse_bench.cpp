@@ -21,7 +21,7 @@
 #include <string>
 #include <vector>
 
-#include "hds/raidcom/RaidcomParsers.h"
+#include "hds/raidcom/internal/RaidcomParsers.h"
 
 // ---- Heap accounting: every allocation carries its size in a header.
 

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "hds/raidcom/RaidcomParsers.h"
+#include "hds/raidcom/internal/RaidcomParsers.h"
 
 namespace {
 

@@ -14,7 +14,7 @@
 #include "hds/platform/SnapInfo.h"
 #include "hds/platform/VTPlatformInfo.h"
 #include "hds/raidcom/RaidcomCommandHandler.h"
-#include "hds/raidcom/RaidcomParsers.h"
+#include "hds/raidcom/internal/RaidcomParsers.h"
 
 namespace {
 

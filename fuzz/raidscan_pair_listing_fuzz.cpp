@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <string>
 
-#include "hds/raidcom/RaidcomParsers.h"
+#include "hds/raidcom/internal/RaidcomParsers.h"
 
 namespace {
 

@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <string>
 
-#include "hds/raidcom/RaidcomParsers.h"
+#include "hds/raidcom/internal/RaidcomParsers.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string input(reinterpret_cast<const char*>(data), size);

@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <string_view>
 
-#include "hds/common/HDSText.h"
+#include "hds/common/internal/HDSText.h"
 
 using hds::text::Separator;
 

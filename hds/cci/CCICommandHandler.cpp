@@ -11,7 +11,7 @@
 #include <string_view>
 
 #include "hds/common/HDSConstants.h"
-#include "hds/common/HDSText.h"
+#include "hds/common/internal/HDSText.h"
 #include "hds/helper/CommandHelper.h"
 #include "hds/platform/CZoFile.h"
 

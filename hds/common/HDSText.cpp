@@ -1,4 +1,4 @@
-#include "hds/common/HDSText.h"
+#include "hds/common/internal/HDSText.h"
 
 namespace hds {
 namespace text {

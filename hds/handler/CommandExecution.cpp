@@ -8,7 +8,7 @@
 #include <mutex>
 
 #include "hds/common/HDSConstants.h"
-#include "hds/common/HDSText.h"
+#include "hds/common/internal/HDSText.h"
 #include "hds/handler/CommandHandler.h"
 #include "hds/helper/CommandHelper.h"
 #include "hds/platform/CZoFile.h"

@@ -9,7 +9,7 @@
 #include <mutex>
 
 #include "hds/common/HDSConstants.h"
-#include "hds/common/HDSText.h"
+#include "hds/common/internal/HDSText.h"
 #include "hds/platform/VTClient.h"
 #include "hds/platform/VTPI_Base.h"
 #include "hds/platform/VTPlatformInfo.h"

@@ -1,7 +1,7 @@
 #include <cstdio>
 
 #include "hds/common/HDSConstants.h"
-#include "hds/common/HDSText.h"
+#include "hds/common/internal/HDSText.h"
 #include "hds/handler/CommandHandler.h"
 #include "hds/platform/VTPlatformInfo.h"
 

@@ -4,13 +4,13 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include "hds/platform/PlatformInternal.h"
+#include "hds/platform/internal/PlatformInternal.h"
 
 CZoError::CZoError(int err, std::string what) : m_iErrno(err), m_sWhat(std::move(what)) {}
 
 std::string CZoError::AsString() const {
   if (m_iErrno == 0) return std::string();
-  std::string text = hdsplatform::errnoText(m_iErrno);
+  std::string text = hds::platform::errnoText(m_iErrno);
   return m_sWhat.empty() ? text : m_sWhat + ": " + text;
 }
 
@@ -26,14 +26,14 @@ CZoError CZoFile::Stat(const std::string& path, struct stat* st) {
 CZoError CZoFile::Open(const std::string& path, int flags, int mode) {
   if (m_iFd >= 0) Close();
   bool writesExecutable = (flags & O_ACCMODE) != O_RDONLY && (mode & 0111) != 0;
-  if (writesExecutable) hdsplatform::lockExecFilesExclusive();
+  if (writesExecutable) hds::platform::lockExecFilesExclusive();
   int fd;
   do {
     fd = open(path.c_str(), flags | O_CLOEXEC | O_NOFOLLOW, static_cast<mode_t>(mode));
   } while (fd < 0 && errno == EINTR);
   if (fd < 0) {
     int err = errno;
-    if (writesExecutable) hdsplatform::unlockExecFilesExclusive();
+    if (writesExecutable) hds::platform::unlockExecFilesExclusive();
     return CZoError(err, path);
   }
   m_iFd = fd;
@@ -78,7 +78,7 @@ CZoError CZoFile::Close() {
   m_iFd = -1;
   if (m_bExecLock) {
     m_bExecLock = false;
-    hdsplatform::unlockExecFilesExclusive();
+    hds::platform::unlockExecFilesExclusive();
   }
   return CZoError(err);
 }

@@ -1,4 +1,4 @@
-#include "hds/platform/PlatformInternal.h"
+#include "hds/platform/internal/PlatformInternal.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -9,7 +9,7 @@
 #include <cstdlib>
 #include <shared_mutex>
 
-namespace hdsplatform {
+namespace hds::platform {
 
 std::string envOr(const char* name, const char* dflt) {
   const char* value = getenv(name);
@@ -63,4 +63,4 @@ void unlockExecFilesShared() { execFilesLock().unlock_shared(); }
 void lockExecFilesExclusive() { execFilesLock().lock(); }
 void unlockExecFilesExclusive() { execFilesLock().unlock(); }
 
-}  // namespace hdsplatform
+}  // namespace hds::platform

@@ -3,7 +3,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include "hds/platform/PlatformInternal.h"
+#include "hds/platform/internal/PlatformInternal.h"
 
 namespace {
 std::string hostName() {
@@ -14,7 +14,7 @@ std::string hostName() {
 }  // namespace
 
 std::string EvDebug::getClientName() {
-  std::string name = hdsplatform::envOr("HDS_CLIENT_NAME", "");
+  std::string name = hds::platform::envOr("HDS_CLIENT_NAME", "");
   return name.empty() ? hostName() : name;
 }
 

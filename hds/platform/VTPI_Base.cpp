@@ -10,12 +10,12 @@
 #include <mutex>
 #include <set>
 
-#include "hds/platform/PlatformInternal.h"
+#include "hds/platform/internal/PlatformInternal.h"
 
 namespace {
 
 std::string tempDirectoryPath() {
-  std::string path = hdsplatform::envOr("HDS_TEMP_DIR", "/var/tmp/hds");
+  std::string path = hds::platform::envOr("HDS_TEMP_DIR", "/var/tmp/hds");
   while (path.size() > 1 && path.back() == '/') path.pop_back();
   return path;
 }
@@ -32,13 +32,13 @@ const char* VTPI_Base::getOrreryTempDirectory() {
   static std::set<std::string>* pPaths = new std::set<std::string>;
   std::string path = tempDirectoryPath();
   if (path[0] != '/') return nullptr;
-  if (hdsplatform::ensurePrivateDirectory(path, 0700) != 0) return nullptr;
+  if (hds::platform::ensurePrivateDirectory(path, 0700) != 0) return nullptr;
   std::lock_guard<std::mutex> guard(oMutex);
   return pPaths->insert(path).first->c_str();
 }
 
 std::string VTPI_Base::getHorcmDirectory() {
-  std::string dir = hdsplatform::envOr("HDS_HORCM_DIR", "/etc/");
+  std::string dir = hds::platform::envOr("HDS_HORCM_DIR", "/etc/");
   if (dir.back() != '/') dir += '/';
   return dir;
 }
@@ -46,8 +46,8 @@ std::string VTPI_Base::getHorcmDirectory() {
 std::string VTPI_Base::tempDirectoryProblem() {
   const std::string path = tempDirectoryPath();
   if (path[0] != '/') return "Temporary directory [" + path + "] " + kNotAbsolute;
-  if (int err = hdsplatform::ensurePrivateDirectory(path, 0700); err != 0) {
-    return "Temporary directory [" + path + "] cannot be used: " + hdsplatform::errnoText(err);
+  if (int err = hds::platform::ensurePrivateDirectory(path, 0700); err != 0) {
+    return "Temporary directory [" + path + "] cannot be used: " + hds::platform::errnoText(err);
   }
   std::string problem = directoryProblem(path);
   return problem.empty() ? problem : "Temporary directory [" + path + "] " + problem;
@@ -56,11 +56,11 @@ std::string VTPI_Base::tempDirectoryProblem() {
 std::string VTPI_Base::directoryProblem(const std::string& dir) {
   if (dir.empty() || dir[0] != '/') return kNotAbsolute;
   struct stat st;
-  if (stat(dir.c_str(), &st) != 0) return "cannot be used: " + hdsplatform::errnoText(errno);
-  if (!S_ISDIR(st.st_mode)) return "cannot be used: " + hdsplatform::errnoText(ENOTDIR);
+  if (stat(dir.c_str(), &st) != 0) return "cannot be used: " + hds::platform::errnoText(errno);
+  if (!S_ISDIR(st.st_mode)) return "cannot be used: " + hds::platform::errnoText(ENOTDIR);
   std::string probe = dir + (dir.back() == '/' ? "" : "/") + ".hds-probe.XXXXXX";
   int fd = mkostemp(&probe[0], O_CLOEXEC);
-  if (fd < 0) return "cannot take new files: " + hdsplatform::errnoText(errno);
+  if (fd < 0) return "cannot take new files: " + hds::platform::errnoText(errno);
   // A file can often still be made on a full file system; its first block cannot.
   const char block[512] = {};
   const ssize_t written = write(fd, block, sizeof(block));
@@ -70,6 +70,6 @@ std::string VTPI_Base::directoryProblem(const std::string& dir) {
   unlink(probe.c_str());
   struct statvfs fs;
   if (err == 0 && statvfs(dir.c_str(), &fs) == 0 && fs.f_bavail == 0) err = ENOSPC;
-  if (err != 0) return "cannot take new files: " + hdsplatform::errnoText(err);
+  if (err != 0) return "cannot take new files: " + hds::platform::errnoText(err);
   return std::string();
 }

@@ -14,10 +14,10 @@
 #include <vector>
 
 #include "hds/platform/CZoFile.h"
-#include "hds/platform/PlatformInternal.h"
-#include "hds/platform/SettingsText.h"
+#include "hds/platform/internal/PlatformInternal.h"
+#include "hds/platform/internal/SettingsText.h"
 
-namespace hdsplatform {
+namespace hds::platform {
 
 namespace {
 
@@ -129,11 +129,11 @@ std::string withSetting(const std::string& text, const std::string& section, con
 
 void setSettingsFaultForTest(SettingsFault fault) { g_eFault.store(fault); }
 
-}  // namespace hdsplatform
+}  // namespace hds::platform
 
 namespace {
 
-using hdsplatform::SettingsFault;
+using hds::platform::SettingsFault;
 
 thread_local std::string t_sLastError;
 
@@ -150,7 +150,7 @@ bool resolveSettingsPath(const std::string& path, std::string& real) {
     char target[PATH_MAX];
     ssize_t n = readlink(real.c_str(), target, sizeof(target) - 1);
     if (n < 0)
-      return errno == EINVAL || errno == ENOENT || failWith(path, hdsplatform::errnoText(errno));
+      return errno == EINVAL || errno == ENOENT || failWith(path, hds::platform::errnoText(errno));
     target[n] = '\0';
     if (target[0] == '/') {
       real = target;
@@ -159,7 +159,7 @@ bool resolveSettingsPath(const std::string& path, std::string& real) {
       real = (slash == std::string::npos ? std::string() : real.substr(0, slash + 1)) + target;
     }
   }
-  return failWith(path, hdsplatform::errnoText(ELOOP));
+  return failWith(path, hds::platform::errnoText(ELOOP));
 }
 
 // Settings are text; a NUL or another control character means the file is something else (a
@@ -189,7 +189,7 @@ bool readSettings(std::string& text) {
       t_sLastError.clear();
       return true;
     }
-    return failWith(path, "cannot be read: " + hdsplatform::errnoText(errno));
+    return failWith(path, "cannot be read: " + hds::platform::errnoText(errno));
   }
   struct stat st;
   bool regular = fstat(fd, &st) == 0 && S_ISREG(st.st_mode);
@@ -198,7 +198,7 @@ bool readSettings(std::string& text) {
   CZoError err = CZoFile::ReadWholeFile(real, text);
   if (err.IsError()) {
     text.clear();
-    return failWith(path, "cannot be read: " + hdsplatform::errnoText(err.Errno()));
+    return failWith(path, "cannot be read: " + hds::platform::errnoText(err.Errno()));
   }
   if (!looksLikeText(text)) {
     text.clear();
@@ -212,7 +212,7 @@ bool lookup(const char* section, const char* key, std::string& value) {
   if (section == nullptr || key == nullptr) return false;
   std::string text;
   readSettings(text);
-  return hdsplatform::findSetting(text, section, key, value);
+  return hds::platform::findSetting(text, section, key, value);
 }
 
 bool parseInt(const std::string& s, long long lo, long long hi, long long& out) {
@@ -226,7 +226,7 @@ bool parseInt(const std::string& s, long long lo, long long hi, long long& out) 
 }
 
 int injected(SettingsFault step) {
-  return hdsplatform::g_eFault.load(std::memory_order_relaxed) == step ? EIO : 0;
+  return hds::platform::g_eFault.load(std::memory_order_relaxed) == step ? EIO : 0;
 }
 
 std::string directoryOf(const std::string& path) {
@@ -240,9 +240,9 @@ std::string directoryOf(const std::string& path) {
 // old file or the new one and a crash leaves one of them whole.
 bool rewrite(const std::function<bool(std::string& text)>& modify) {
   const std::string path = VTPlatformInfo::settingsFile();
-  if (int err = hdsplatform::ensurePrivateDirectory(directoryOf(path), 0755); err != 0) {
+  if (int err = hds::platform::ensurePrivateDirectory(directoryOf(path), 0755); err != 0) {
     return failWith(path, "cannot be written: directory [" + directoryOf(path) +
-                              "]: " + hdsplatform::errnoText(err));
+                              "]: " + hds::platform::errnoText(err));
   }
 
   // The lock sits beside the configured path, so every writer meets the same one wherever the
@@ -252,11 +252,11 @@ bool rewrite(const std::function<bool(std::string& text)>& modify) {
     lockFd = open((path + ".lock").c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
   } while (lockFd < 0 && errno == EINTR);
   if (lockFd < 0)
-    return failWith(path + ".lock", "cannot be opened: " + hdsplatform::errnoText(errno));
+    return failWith(path + ".lock", "cannot be opened: " + hds::platform::errnoText(errno));
   while (flock(lockFd, LOCK_EX) != 0) {
     if (errno != EINTR) {
       close(lockFd);
-      return failWith(path + ".lock", "cannot be locked: " + hdsplatform::errnoText(errno));
+      return failWith(path + ".lock", "cannot be locked: " + hds::platform::errnoText(errno));
     }
   }
 
@@ -279,7 +279,7 @@ bool rewrite(const std::function<bool(std::string& text)>& modify) {
       CZoFile file;
       CZoError err = file.Open(tmp, O_WRONLY | O_CREAT | O_EXCL, mode);
       if (err.IsError()) {
-        failWith(path, "cannot be written: [" + tmp + "]: " + hdsplatform::errnoText(err.Errno()));
+        failWith(path, "cannot be written: [" + tmp + "]: " + hds::platform::errnoText(err.Errno()));
       } else {
         err = file.Write(text.data(), text.size());
         if (!err.IsError() && injected(SettingsFault::kWrite)) err = CZoError(EIO);
@@ -291,7 +291,7 @@ bool rewrite(const std::function<bool(std::string& text)>& modify) {
         if (!err.IsError() && rename(tmp.c_str(), real.c_str()) != 0) err = CZoError(errno);
         if (err.IsError()) {
           unlink(tmp.c_str());
-          failWith(path, "cannot be written: " + hdsplatform::errnoText(err.Errno()));
+          failWith(path, "cannot be written: " + hds::platform::errnoText(err.Errno()));
         } else {
           int dirFd = open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
           if (dirFd >= 0) {
@@ -316,7 +316,7 @@ bool setValue(const char* section, const char* key, const std::string* value) {
   if (section == nullptr || key == nullptr || *key == '\0') return false;
   if (value != nullptr && !validValue(*value)) return false;
   return rewrite([&](std::string& text) {
-    text = hdsplatform::withSetting(text, section, key, value);
+    text = hds::platform::withSetting(text, section, key, value);
     return true;
   });
 }
@@ -370,10 +370,10 @@ bool VTPlatformInfo::updateRegInt(const char* section, const char* key,
   return rewrite([&](std::string& text) {
     std::string current;
     long long v = 0;
-    bool present = hdsplatform::findSetting(text, section, key, current) &&
+    bool present = hds::platform::findSetting(text, section, key, current) &&
                    parseInt(current, INT_MIN, INT_MAX, v);
     std::string next = std::to_string(fn(present, present ? static_cast<int>(v) : 0));
-    text = hdsplatform::withSetting(text, section, key, &next);
+    text = hds::platform::withSetting(text, section, key, &next);
     return true;
   });
 }
@@ -386,7 +386,7 @@ bool VTPlatformInfo::setStrings(const char* section,
   }
   return rewrite([&](std::string& text) {
     for (const auto& entry : values) {
-      text = hdsplatform::withSetting(text, section, entry.first, &entry.second);
+      text = hds::platform::withSetting(text, section, entry.first, &entry.second);
     }
     return true;
   });
@@ -404,7 +404,7 @@ std::string VTPlatformInfo::lastError() { return t_sLastError; }
 std::string VTPlatformInfo::bootIdentity() {
   std::string text;
   const std::string path =
-      hdsplatform::envOr("HDS_BOOT_ID_FILE", "/proc/sys/kernel/random/boot_id");
+      hds::platform::envOr("HDS_BOOT_ID_FILE", "/proc/sys/kernel/random/boot_id");
   if (CZoFile::ReadWholeFile(path, text).IsError()) return std::string();
   while (!text.empty() && std::isspace(static_cast<unsigned char>(text.back()))) text.pop_back();
   // It becomes a settings value: one line.
@@ -419,5 +419,5 @@ bool VTPlatformInfo::getClientHostName(const std::string&, std::string& hostName
 }
 
 std::string VTPlatformInfo::settingsFile() {
-  return hdsplatform::envOr("HDS_SETTINGS_FILE", "/etc/hds/settings.conf");
+  return hds::platform::envOr("HDS_SETTINGS_FILE", "/etc/hds/settings.conf");
 }

@@ -15,7 +15,7 @@
 #include <map>
 #include <mutex>
 
-#include "hds/platform/PlatformInternal.h"
+#include "hds/platform/internal/PlatformInternal.h"
 #include "hds/platform/ZoSleep.h"
 
 #if defined(__SANITIZE_THREAD__)
@@ -182,14 +182,14 @@ VtNamedMutex::VtNamedMutex(const std::string& name) : m_pImpl(new Impl) {
   m_pImpl->sName = name;
   std::string dir = lockDirectory();
   m_pImpl->sPath = lockFilePath(name);
-  int err = hdsplatform::ensurePrivateDirectory(dir, 0700);
+  int err = hds::platform::ensurePrivateDirectory(dir, 0700);
   if (err != 0) {
-    m_pImpl->sError = "Lock directory [" + dir + "] unusable: " + hdsplatform::errnoText(err);
+    m_pImpl->sError = "Lock directory [" + dir + "] unusable: " + hds::platform::errnoText(err);
     return;
   }
   err = m_pImpl->map(false);
   if (err != 0)
-    m_pImpl->sError = "Lock file [" + m_pImpl->sPath + "] unusable: " + hdsplatform::errnoText(err);
+    m_pImpl->sError = "Lock file [" + m_pImpl->sPath + "] unusable: " + hds::platform::errnoText(err);
 }
 
 VtNamedMutex::~VtNamedMutex() {
@@ -238,7 +238,7 @@ bool VtNamedMutex::lock(unsigned long ms) {
       ++moves;
       if (int err = m_pImpl->map(false); err != 0) {
         m_pImpl->sError =
-            "Lock file [" + m_pImpl->sPath + "] unusable: " + hdsplatform::errnoText(err);
+            "Lock file [" + m_pImpl->sPath + "] unusable: " + hds::platform::errnoText(err);
         return false;
       }
       continue;
@@ -249,7 +249,7 @@ bool VtNamedMutex::lock(unsigned long ms) {
     }
     m_pImpl->sError =
         "Lock [" + m_pImpl->sName + "] not acquired: " +
-        (rc == EBUSY ? std::string("held by another owner") : hdsplatform::errnoText(rc));
+        (rc == EBUSY ? std::string("held by another owner") : hds::platform::errnoText(rc));
     return false;
   }
   m_pImpl->sError = "Lock [" + m_pImpl->sName + "] not acquired: its file keeps being replaced";
@@ -263,7 +263,7 @@ void VtNamedMutex::unlock() {
 }
 
 std::string VtNamedMutex::lockDirectory() {
-  std::string dir = hdsplatform::envOr("HDS_LOCK_DIR", "/run/lock/hds");
+  std::string dir = hds::platform::envOr("HDS_LOCK_DIR", "/run/lock/hds");
   while (dir.size() > 1 && dir.back() == '/') dir.pop_back();
   return dir;
 }

@@ -19,7 +19,7 @@
 #include <memory>
 #include <vector>
 
-#include "hds/platform/PlatformInternal.h"
+#include "hds/platform/internal/PlatformInternal.h"
 
 extern char** environ;
 
@@ -124,7 +124,7 @@ struct VtProcess::Impl {
 
 bool VtProcess::Impl::start(char* const argv[], std::string* error) {
   auto fail = [&](const std::string& what, int err) {
-    if (error != nullptr) *error = what + ": " + hdsplatform::errnoText(err);
+    if (error != nullptr) *error = what + ": " + hds::platform::errnoText(err);
     return false;
   };
   if (iPid > 0) return fail("A process was already started", EBUSY);
@@ -179,9 +179,9 @@ bool VtProcess::Impl::start(char* const argv[], std::string* error) {
   env.push_back(nullptr);
 
   pid_t pid = -1;
-  hdsplatform::lockExecFilesShared();
+  hds::platform::lockExecFilesShared();
   int rc = posix_spawn(&pid, argv[0], &actions, &attr, argv, env.data());
-  hdsplatform::unlockExecFilesShared();
+  hds::platform::unlockExecFilesShared();
   posix_spawn_file_actions_destroy(&actions);
   posix_spawnattr_destroy(&attr);
   closeFd(outPipe[1]);
@@ -326,7 +326,7 @@ bool VtProcess::Impl::wait(int* exitCode, std::string* error, long timeoutMs) {
     }
     if (n < 0) {
       if (errno == EINTR) continue;
-      return fail("Failed to wait for the process: " + hdsplatform::errnoText(errno));
+      return fail("Failed to wait for the process: " + hds::platform::errnoText(errno));
     }
     if (outIdx >= 0 && fds[outIdx].revents != 0) readSome(iOutFd, sOut);
     if (errIdx >= 0 && fds[errIdx].revents != 0) readSome(iErrFd, sErr);

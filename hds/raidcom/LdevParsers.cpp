@@ -5,8 +5,8 @@
 #include <vector>
 
 #include "hds/common/HDSConstants.h"
-#include "hds/common/HDSText.h"
-#include "hds/raidcom/RaidcomParsers.h"
+#include "hds/common/internal/HDSText.h"
+#include "hds/raidcom/internal/RaidcomParsers.h"
 
 namespace {
 

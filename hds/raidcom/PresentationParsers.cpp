@@ -9,8 +9,8 @@
 #include <string_view>
 
 #include "hds/common/HDSConstants.h"
-#include "hds/common/HDSText.h"
-#include "hds/raidcom/RaidcomParsers.h"
+#include "hds/common/internal/HDSText.h"
+#include "hds/raidcom/internal/RaidcomParsers.h"
 
 namespace {
 

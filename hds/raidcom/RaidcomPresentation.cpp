@@ -6,9 +6,9 @@
 #include <string>
 
 #include "hds/common/HDSConstants.h"
-#include "hds/raidcom/RaidcomArgs.h"
+#include "hds/raidcom/internal/RaidcomArgs.h"
 #include "hds/raidcom/RaidcomCommandHandler.h"
-#include "hds/raidcom/RaidcomParsers.h"
+#include "hds/raidcom/internal/RaidcomParsers.h"
 
 namespace {
 

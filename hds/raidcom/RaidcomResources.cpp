@@ -7,9 +7,9 @@
 
 #include "hds/common/HDSConstants.h"
 #include "hds/helper/CommandHelper.h"
-#include "hds/raidcom/RaidcomArgs.h"
+#include "hds/raidcom/internal/RaidcomArgs.h"
 #include "hds/raidcom/RaidcomCommandHandler.h"
-#include "hds/raidcom/RaidcomParsers.h"
+#include "hds/raidcom/internal/RaidcomParsers.h"
 
 namespace {
 

@@ -9,15 +9,15 @@
 #include <mutex>
 
 #include "hds/common/HDSConstants.h"
-#include "hds/common/HDSText.h"
+#include "hds/common/internal/HDSText.h"
 #include "hds/helper/CommandHelper.h"
 #include "hds/platform/CZoFile.h"
 #include "hds/platform/VTPlatformInfo.h"
 #include "hds/platform/ZoSleep.h"
 #include "hds/raidcom/LoginCount.h"
-#include "hds/raidcom/RaidcomArgs.h"
+#include "hds/raidcom/internal/RaidcomArgs.h"
 #include "hds/raidcom/RaidcomCommandHandler.h"
-#include "hds/raidcom/RaidcomParsers.h"
+#include "hds/raidcom/internal/RaidcomParsers.h"
 
 std::atomic<int> RaidcomCommandHandler::m_iCmdRetryWait{VT_HDS_RAIDCOM_TIMEOUT_IN_SEC};
 std::atomic<int> RaidcomCommandHandler::m_iCmdRetryCnt{VT_HDS_RAIDCOM_RETRY_COUNT};

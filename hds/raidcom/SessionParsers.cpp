@@ -2,8 +2,8 @@
 #include <cstdlib>
 #include <string>
 
-#include "hds/common/HDSText.h"
-#include "hds/raidcom/RaidcomParsers.h"
+#include "hds/common/internal/HDSText.h"
+#include "hds/raidcom/internal/RaidcomParsers.h"
 
 namespace {
 

@@ -50,6 +50,15 @@ lib=$(find "$prefix" -name 'libhdscmd.so' | head -n 1)
 [ -n "$lib" ] || fail "libhdscmd.so not installed"
 libdir=$(dirname "$lib")
 [ -f "$prefix/include/hds/handler/CommandHandler.h" ] || fail "headers not installed"
+# Only the API is installed, and each header stands on its own: a caller may include any one first.
+if find "$prefix/include/hds" -path '*internal*' | grep .; then
+  fail "internal headers are installed (above)"
+fi
+for header in $(cd "$prefix/include" && find hds -name '*.h'); do
+  # shellcheck disable=SC2086
+  printf '#include "%s"\n' "$header" | "$cxx" -std=c++17 $flags -fsyntax-only -Wall -Werror \
+    -I "$prefix/include" -x c++ - || fail "$header does not compile on its own"
+done
 
 soname=$(objdump -p "$lib" | awk '/SONAME/ {print $2}')
 [ "$soname" = "libhdscmd.so.1" ] || fail "SONAME is '$soname', expected libhdscmd.so.1"
@@ -58,7 +67,7 @@ soname=$(objdump -p "$lib" | awk '/SONAME/ {print $2}')
 # Only the public API may be exported: no internal helpers of the library.
 nm -D --defined-only -C "$lib" >"$work/symbols"
 grep -q 'CommandHandler::executeCommand' "$work/symbols" || fail "public API not exported"
-if grep -E 'hds::text::|hdsplatform::|anonymous namespace|ShellArgv|VersionQuad' \
+if grep -E 'hds::|anonymous namespace|ShellArgv|VersionQuad' \
     "$work/symbols"; then
   fail "internal symbols are exported (above)"
 fi

@@ -10,7 +10,7 @@
 #include <thread>
 
 #include "hds/cci/CCICommandHandler.h"
-#include "hds/common/HDSText.h"
+#include "hds/common/internal/HDSText.h"
 #include "tests/support/FakeTools.h"
 #include "tests/support/Leftovers.h"
 #include "tests/support/ProcessHelpers.h"

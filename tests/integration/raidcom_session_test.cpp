@@ -8,7 +8,7 @@
 
 #include <functional>
 
-#include "hds/platform/SettingsText.h"
+#include "hds/platform/internal/SettingsText.h"
 #include "hds/platform/ZoSleep.h"
 #include "tests/support/FakeTools.h"
 #include "tests/support/Leftovers.h"
@@ -413,9 +413,9 @@ TEST_F(RaidcomSession, HostStateFailuresNameTheirPathAndReason) {
         << log.dump();
     env.setEnv("HDS_LOCK_DIR", env.lockDir().c_str());
 
-    hdsplatform::setSettingsFaultForTest(hdsplatform::SettingsFault::kWrite);
+    hds::platform::setSettingsFaultForTest(hds::platform::SettingsFault::kWrite);
     EXPECT_EQ(RaidcomProbe(log, param()).errorText(), "Failed to login to array.");
-    hdsplatform::setSettingsFaultForTest(hdsplatform::SettingsFault::kNone);
+    hds::platform::setSettingsFaultForTest(hds::platform::SettingsFault::kNone);
     EXPECT_TRUE(log.contains(
         "Settings file [" + env.settingsFile() + "] cannot be written: Input/output error", 2));
 

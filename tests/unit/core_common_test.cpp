@@ -4,7 +4,7 @@
 #include <vector>
 
 #include "hds/common/HDSArrayModels.h"
-#include "hds/common/HDSText.h"
+#include "hds/common/internal/HDSText.h"
 
 namespace {
 

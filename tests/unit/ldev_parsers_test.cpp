@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "hds/common/HDSConstants.h"
-#include "hds/raidcom/RaidcomParsers.h"
+#include "hds/raidcom/internal/RaidcomParsers.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 #include <thread>
 #include <vector>
 
-#include "hds/platform/SettingsText.h"
+#include "hds/platform/internal/SettingsText.h"
 #include "hds/platform/VTPlatformInfo.h"
 #include "hds/platform/VtNamedMutex.h"
 #include "tests/support/Leftovers.h"
@@ -56,12 +56,12 @@ TEST(SettingsParsing, FollowsTheFileFormat) {
 TEST(SettingsParsing, WritesKeepEverythingElse) {
   std::string text = "# top\n[iHarbor]\na=1\n\n; note\n[other]\na=2\n";
   std::string b = "7";
-  EXPECT_EQ(hdsplatform::withSetting(text, "iHarbor", "a", &b),
+  EXPECT_EQ(hds::platform::withSetting(text, "iHarbor", "a", &b),
             "# top\n[iHarbor]\na=7\n\n; note\n[other]\na=2\n");
-  EXPECT_EQ(hdsplatform::withSetting(text, "iHarbor", "b", &b),
+  EXPECT_EQ(hds::platform::withSetting(text, "iHarbor", "b", &b),
             "# top\n[iHarbor]\na=1\nb=7\n\n; note\n[other]\na=2\n");
-  EXPECT_EQ(hdsplatform::withSetting(text, "~iHarbor", "a", &b), text + "\n[~iHarbor]\na=7\n");
-  EXPECT_EQ(hdsplatform::withSetting(text, "other", "a", nullptr),
+  EXPECT_EQ(hds::platform::withSetting(text, "~iHarbor", "a", &b), text + "\n[~iHarbor]\na=7\n");
+  EXPECT_EQ(hds::platform::withSetting(text, "other", "a", nullptr),
             "# top\n[iHarbor]\na=1\n\n; note\n[other]\n");
 }
 
@@ -126,13 +126,13 @@ TEST(SettingsDurability, FailedRewriteKeepsOldContentAndNoTempFile) {
   hdstest::TestEnv env;
   ASSERT_TRUE(VTPlatformInfo::setRegInt("iHarbor", "nCount", 1));
   std::string before = hdstest::readFile(env.settingsFile());
-  for (auto fault : {hdsplatform::SettingsFault::kWrite, hdsplatform::SettingsFault::kFsync,
-                     hdsplatform::SettingsFault::kRename}) {
-    hdsplatform::setSettingsFaultForTest(fault);
+  for (auto fault : {hds::platform::SettingsFault::kWrite, hds::platform::SettingsFault::kFsync,
+                     hds::platform::SettingsFault::kRename}) {
+    hds::platform::setSettingsFaultForTest(fault);
     EXPECT_FALSE(VTPlatformInfo::setRegInt("iHarbor", "nCount", 2));
     EXPECT_FALSE(
         VTPlatformInfo::updateRegInt("iHarbor", "nCount", [](bool, int v) { return v + 1; }));
-    hdsplatform::setSettingsFaultForTest(hdsplatform::SettingsFault::kNone);
+    hds::platform::setSettingsFaultForTest(hds::platform::SettingsFault::kNone);
     EXPECT_EQ(hdstest::readFile(env.settingsFile()), before);
     EXPECT_EQ(filesIn(env.root() + "/etc"),
               (std::set<std::string>{"settings.conf", "settings.conf.lock"}));

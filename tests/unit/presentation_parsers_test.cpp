@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "hds/raidcom/RaidcomArgs.h"
-#include "hds/raidcom/RaidcomParsers.h"
+#include "hds/raidcom/internal/RaidcomArgs.h"
+#include "hds/raidcom/internal/RaidcomParsers.h"
 
 namespace {
 

@@ -1,7 +1,7 @@
 // The listings the raidcom session reads: HORCM file markers, resource groups, command status.
 #include <gtest/gtest.h>
 
-#include "hds/raidcom/RaidcomParsers.h"
+#include "hds/raidcom/internal/RaidcomParsers.h"
 
 namespace {
 

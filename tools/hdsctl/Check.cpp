@@ -20,7 +20,7 @@
 #include "hds/platform/VTPlatformInfo.h"
 #include "hds/platform/VtNamedMutex.h"
 #include "hds/raidcom/LoginCount.h"
-#include "hds/raidcom/RaidcomParsers.h"
+#include "hds/raidcom/internal/RaidcomParsers.h"
 #include "tools/hdsctl/Commands.h"
 #include "tools/hdsctl/Output.h"
 

@@ -6,7 +6,7 @@
 
 #include <string>
 
-namespace hdsplatform {
+namespace hds::platform {
 
 // The value of an environment variable, or dflt when it is unset or empty.
 std::string envOr(const char* name, const char* dflt);
@@ -27,4 +27,4 @@ void unlockExecFilesShared();
 void lockExecFilesExclusive();
 void unlockExecFilesExclusive();
 
-}  // namespace hdsplatform
+}  // namespace hds::platform

@@ -5,7 +5,7 @@
 
 #include <string>
 
-namespace hdsplatform {
+namespace hds::platform {
 
 // The value of key in section (the last one when the file repeats it); false when absent.
 bool findSetting(const std::string& text, const std::string& section, const std::string& key,
@@ -21,4 +21,4 @@ std::string withSetting(const std::string& text, const std::string& section, con
 enum class SettingsFault { kNone, kWrite, kFsync, kRename };
 void setSettingsFaultForTest(SettingsFault fault);
 
-}  // namespace hdsplatform
+}  // namespace hds::platform

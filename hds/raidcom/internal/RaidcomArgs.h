@@ -6,7 +6,7 @@
 
 #include <string>
 
-#include "hds/common/HDSText.h"
+#include "hds/common/internal/HDSText.h"
 
 namespace hds {
 namespace raidcom {
