@@ -279,7 +279,8 @@ bool rewrite(const std::function<bool(std::string& text)>& modify) {
       CZoFile file;
       CZoError err = file.Open(tmp, O_WRONLY | O_CREAT | O_EXCL, mode);
       if (err.IsError()) {
-        failWith(path, "cannot be written: [" + tmp + "]: " + hds::platform::errnoText(err.Errno()));
+        failWith(path,
+                 "cannot be written: [" + tmp + "]: " + hds::platform::errnoText(err.Errno()));
       } else {
         err = file.Write(text.data(), text.size());
         if (!err.IsError() && injected(SettingsFault::kWrite)) err = CZoError(EIO);

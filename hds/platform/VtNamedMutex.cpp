@@ -15,8 +15,8 @@
 #include <map>
 #include <mutex>
 
-#include "hds/platform/internal/PlatformInternal.h"
 #include "hds/platform/ZoSleep.h"
+#include "hds/platform/internal/PlatformInternal.h"
 
 #if defined(__SANITIZE_THREAD__)
 #define HDS_THREAD_SANITIZER 1
@@ -189,7 +189,8 @@ VtNamedMutex::VtNamedMutex(const std::string& name) : m_pImpl(new Impl) {
   }
   err = m_pImpl->map(false);
   if (err != 0)
-    m_pImpl->sError = "Lock file [" + m_pImpl->sPath + "] unusable: " + hds::platform::errnoText(err);
+    m_pImpl->sError =
+        "Lock file [" + m_pImpl->sPath + "] unusable: " + hds::platform::errnoText(err);
 }
 
 VtNamedMutex::~VtNamedMutex() {

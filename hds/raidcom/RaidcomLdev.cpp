@@ -4,8 +4,8 @@
 
 #include "hds/common/HDSArrayModels.h"
 #include "hds/common/HDSConstants.h"
-#include "hds/raidcom/internal/RaidcomArgs.h"
 #include "hds/raidcom/RaidcomCommandHandler.h"
+#include "hds/raidcom/internal/RaidcomArgs.h"
 #include "hds/raidcom/internal/RaidcomParsers.h"
 
 namespace {

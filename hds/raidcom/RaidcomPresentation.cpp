@@ -6,8 +6,8 @@
 #include <string>
 
 #include "hds/common/HDSConstants.h"
-#include "hds/raidcom/internal/RaidcomArgs.h"
 #include "hds/raidcom/RaidcomCommandHandler.h"
+#include "hds/raidcom/internal/RaidcomArgs.h"
 #include "hds/raidcom/internal/RaidcomParsers.h"
 
 namespace {

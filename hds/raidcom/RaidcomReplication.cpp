@@ -8,8 +8,8 @@
 #include "hds/helper/CommandHelper.h"
 #include "hds/platform/VTPlatformInfo.h"
 #include "hds/platform/ZoSleep.h"
-#include "hds/raidcom/internal/RaidcomArgs.h"
 #include "hds/raidcom/RaidcomCommandHandler.h"
+#include "hds/raidcom/internal/RaidcomArgs.h"
 #include "hds/raidcom/internal/RaidcomParsers.h"
 
 namespace {

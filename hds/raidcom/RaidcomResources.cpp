@@ -7,8 +7,8 @@
 
 #include "hds/common/HDSConstants.h"
 #include "hds/helper/CommandHelper.h"
-#include "hds/raidcom/internal/RaidcomArgs.h"
 #include "hds/raidcom/RaidcomCommandHandler.h"
+#include "hds/raidcom/internal/RaidcomArgs.h"
 #include "hds/raidcom/internal/RaidcomParsers.h"
 
 namespace {

@@ -15,8 +15,8 @@
 #include "hds/platform/VTPlatformInfo.h"
 #include "hds/platform/ZoSleep.h"
 #include "hds/raidcom/LoginCount.h"
-#include "hds/raidcom/internal/RaidcomArgs.h"
 #include "hds/raidcom/RaidcomCommandHandler.h"
+#include "hds/raidcom/internal/RaidcomArgs.h"
 #include "hds/raidcom/internal/RaidcomParsers.h"
 
 std::atomic<int> RaidcomCommandHandler::m_iCmdRetryWait{VT_HDS_RAIDCOM_TIMEOUT_IN_SEC};

@@ -8,8 +8,8 @@
 
 #include <functional>
 
-#include "hds/platform/internal/SettingsText.h"
 #include "hds/platform/ZoSleep.h"
+#include "hds/platform/internal/SettingsText.h"
 #include "tests/support/FakeTools.h"
 #include "tests/support/Leftovers.h"
 #include "tests/support/ProcessHelpers.h"

@@ -7,9 +7,9 @@
 #include <thread>
 #include <vector>
 
-#include "hds/platform/internal/SettingsText.h"
 #include "hds/platform/VTPlatformInfo.h"
 #include "hds/platform/VtNamedMutex.h"
+#include "hds/platform/internal/SettingsText.h"
 #include "tests/support/Leftovers.h"
 #include "tests/support/ProcessHelpers.h"
 #include "tests/support/TestEnv.h"
