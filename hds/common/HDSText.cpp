@@ -1,5 +1,7 @@
 #include "hds/common/internal/HDSText.h"
 
+#include <cstdint>
+
 namespace hds {
 namespace text {
 
@@ -25,6 +27,12 @@ std::vector<std::string_view> splitLines(std::string_view text, LastLine last) {
     start = nl + 1;
   }
   return lines;
+}
+
+std::vector<std::string_view> dataLines(std::string_view text, LastLine last) {
+  const size_t headerEnd = text.find('\n');
+  if (headerEnd == std::string_view::npos) return {};
+  return splitLines(text.substr(headerEnd + 1), last);
 }
 
 size_t skipSeparators(std::string_view text, size_t pos, Separator sep) {
@@ -114,6 +122,28 @@ bool isDigits(std::string_view text) {
     if (c < '0' || c > '9') return false;
   }
   return true;
+}
+
+int64_t toInt64(std::string_view text) {
+  size_t pos = skipSeparators(text, 0);
+  bool negative = false;
+  if (pos < text.size() && (text[pos] == '+' || text[pos] == '-')) {
+    negative = text[pos] == '-';
+    ++pos;
+  }
+  int64_t value = 0;
+  for (; pos < text.size() && text[pos] >= '0' && text[pos] <= '9'; ++pos) {
+    if (value > (INT64_MAX - 9) / 10) break;
+    value = value * 10 + (text[pos] - '0');
+  }
+  return negative ? -value : value;
+}
+
+int toInt(std::string_view text) {
+  const int64_t value = toInt64(text);
+  if (value > INT32_MAX) return INT32_MAX;
+  if (value < INT32_MIN) return INT32_MIN;
+  return static_cast<int>(value);
 }
 
 bool hasControlCharacter(std::string_view text) {

@@ -11,8 +11,10 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <string_view>
 #include <vector>
 
+#include "hds/common/internal/HDSText.h"
 #include "hds/platform/CZoFile.h"
 #include "hds/platform/internal/PlatformInternal.h"
 #include "hds/platform/internal/SettingsText.h"
@@ -55,16 +57,13 @@ Line classify(const std::string& raw) {
   return line;
 }
 
-std::vector<std::string> splitLines(const std::string& text) {
-  std::vector<std::string> lines;
-  size_t start = 0;
-  while (start < text.size()) {
-    size_t nl = text.find('\n', start);
-    if (nl == std::string::npos) nl = text.size();
-    lines.push_back(text.substr(start, nl - start));
-    start = nl + 1;
-  }
-  return lines;
+// The line as the file holds it: the splitter drops the \r of a CRLF ending, and a rewrite keeps
+// every line it does not change byte for byte.
+std::string_view asWritten(std::string_view text, std::string_view line) {
+  const size_t end = static_cast<size_t>(line.data() - text.data()) + line.size();
+  if (end < text.size() && text[end] == '\r')
+    line = text.substr(end - line.size(), line.size() + 1);
+  return line;
 }
 
 }  // namespace
@@ -73,8 +72,8 @@ bool findSetting(const std::string& text, const std::string& section, const std:
                  std::string& value) {
   bool found = false;
   bool inSection = section.empty();
-  for (const std::string& raw : splitLines(text)) {
-    Line line = classify(raw);
+  for (const std::string_view raw : hds::text::splitLines(text)) {
+    Line line = classify(std::string(raw));
     if (line.eKind == LineKind::kSection) {
       inSection = line.sName == section;
     } else if (line.eKind == LineKind::kKey && inSection && line.sName == key) {
@@ -87,13 +86,13 @@ bool findSetting(const std::string& text, const std::string& section, const std:
 
 std::string withSetting(const std::string& text, const std::string& section, const std::string& key,
                         const std::string* value) {
-  std::vector<std::string> lines = splitLines(text);
+  const std::vector<std::string_view> lines = hds::text::splitLines(text);
   std::vector<bool> drop(lines.size(), false);
   long lastKey = -1;     // last line holding the key in the section
   long sectionEnd = -1;  // last key (or header) line of the last block of the section
   bool inSection = section.empty();
   for (size_t i = 0; i < lines.size(); ++i) {
-    Line line = classify(lines[i]);
+    Line line = classify(std::string(lines[i]));
     if (line.eKind == LineKind::kSection) {
       inSection = line.sName == section;
       if (inSection) sectionEnd = static_cast<long>(i);
@@ -112,7 +111,11 @@ std::string withSetting(const std::string& text, const std::string& section, con
   bool placed = value == nullptr || lastKey >= 0;
   for (size_t i = 0; i < lines.size(); ++i) {
     if (drop[i]) continue;
-    out += value != nullptr && static_cast<long>(i) == lastKey ? entry : lines[i];
+    if (value != nullptr && static_cast<long>(i) == lastKey) {
+      out += entry;
+    } else {
+      out += asWritten(text, lines[i]);
+    }
     out += '\n';
     if (!placed && static_cast<long>(i) == sectionEnd) {
       out += entry + "\n";

@@ -25,29 +25,6 @@ bool hasWhiteSpace(std::string_view text) {
   return false;
 }
 
-// atoi without its undefined overflow: listings fed from anywhere must not be able to crash us.
-int64_t toInt64(std::string_view text) {
-  size_t pos = hds::text::skipSeparators(text, 0);
-  bool negative = false;
-  if (pos < text.size() && (text[pos] == '+' || text[pos] == '-')) {
-    negative = text[pos] == '-';
-    ++pos;
-  }
-  int64_t value = 0;
-  for (; pos < text.size() && text[pos] >= '0' && text[pos] <= '9'; ++pos) {
-    if (value > (INT64_MAX - 9) / 10) break;
-    value = value * 10 + (text[pos] - '0');
-  }
-  return negative ? -value : value;
-}
-
-int toInt(std::string_view text) {
-  const int64_t value = toInt64(text);
-  if (value > INT32_MAX) return INT32_MAX;
-  if (value < INT32_MIN) return INT32_MIN;
-  return static_cast<int>(value);
-}
-
 // The text with every white-space character taken out, the form in which the listings compare
 // keys and values ("CVS : HDP" reads "CVS:HDP"). Most texts only need trimming, which costs no
 // scan of its own.
@@ -90,16 +67,6 @@ void forEachLine(std::string_view text, Fn&& fn) {
       fn(line);
     }
     start = end;
-  }
-}
-
-// Lines after the header that carry something; a blank line is no record.
-template <typename Fn>
-void forEachDataLine(std::string_view output, Fn&& fn) {
-  const std::vector<std::string_view> lines = hds::text::splitLines(output, LastLine::Drop);
-  for (size_t i = 1; i < lines.size(); ++i) {
-    if (hds::text::trim(lines[i]).empty()) continue;
-    if (!fn(lines[i])) return;
   }
 }
 
@@ -237,7 +204,7 @@ void parseGetLdevOutput(std::string const& output, std::vector<hdsLdev_t>& ldevs
       assignCompact(current.volType, rawValue);
     } else if (key == "VOL_Capacity(BLK)"sv) {
       assignCompact(value, rawValue);
-      const int64_t blocks = toInt64(value);
+      const int64_t blocks = hds::text::toInt64(value);
       current.capacity = blocks > 0 ? static_cast<uint64_t>(blocks) : 0;
     } else if (key == "PORTs"sv) {
       parsePortList(std::string(line), current.lunPaths);
@@ -252,10 +219,10 @@ void parseGetLdevOutput(std::string const& output, std::vector<hdsLdev_t>& ldevs
       assignCompact(current.remoteSerial, rawValue);
     } else if (key == "RSGID"sv) {
       assignCompact(value, rawValue);
-      current.resourceGroupId = toInt(value);
+      current.resourceGroupId = hds::text::toInt(value);
     } else if (key == "MP#"sv) {
       assignCompact(value, rawValue);
-      current.mpBladeId = toInt(value);
+      current.mpBladeId = hds::text::toInt(value);
     } else {
       return;
     }
@@ -273,78 +240,24 @@ bool parseGetLdevFrontEndOutput(std::string const& output, std::vector<hdsLdev_t
   const auto labelFilter = filters.find(VT_HDS_LDEV_FILTER_LABEL);
   const bool filtered = !filters.empty() && labelFilter != filters.end();
   // The label key doubles as the control unit number here; callers depend on that pairing.
-  const int64_t controlUnit = filtered ? toInt64(labelFilter->second) : 0;
+  const int64_t controlUnit = filtered ? hds::text::toInt64(labelFilter->second) : 0;
 
-  const std::vector<std::string_view> lines = hds::text::splitLines(output, LastLine::Drop);
-  for (size_t i = 1; i < lines.size(); ++i) {
-    const std::string_view line = lines[i];
+  for (const std::string_view line : hds::text::dataLines(output, LastLine::Drop)) {
     hdsLdev_t ldev;
     ldev.serialNumber = compact(cut(line, 0, 9));
     ldev.ldevId = compact(cut(line, 9, 5));
     ldev.volType = compact(cut(line, 23, 19));
-    const int64_t blocks = toInt64(compact(cut(line, 42, 12)));
+    const int64_t blocks = hds::text::toInt64(compact(cut(line, 42, 12)));
     ldev.capacity = blocks > 0 ? static_cast<uint64_t>(blocks) : 0;
     ldev.volAttr = volumeAttributemap(compact(cut(line, 59, 23)));
     parsePortList(compact(cut(line, 88, std::string_view::npos)), ldev.lunPaths);
 
     if (filtered) {
       if (ldev.label != labelFilter->second) continue;
-      const int64_t id = toInt64(ldev.ldevId);
+      const int64_t id = hds::text::toInt64(ldev.ldevId);
       if (id < controlUnit * 256 || id > (controlUnit + 1) * 256 - 1) continue;
     }
     ldevs.push_back(std::move(ldev));
   }
   return true;
-}
-
-void parseGetDeviceGroupListOutput(std::string const& output, std::vector<std::string>& groups) {
-  forEachDataLine(output, [&](std::string_view line) {
-    groups.emplace_back(line.substr(0, line.find(' ')));
-    return true;
-  });
-}
-
-bool parseGetDeviceGroupOutput(std::string const& output, std::vector<hdsLdev_t>& ldevs) {
-  bool complete = true;
-  forEachDataLine(output, [&](std::string_view line) {
-    size_t pos = 0;
-    std::string_view values[4];
-    for (std::string_view& value : values) {
-      value = hds::text::nextColumn(line, pos, Separator::Blank);
-      if (value.empty()) {
-        complete = false;
-        return false;
-      }
-    }
-    hdsLdev_t ldev;
-    ldev.deviceName = std::string(values[1]);
-    ldev.ldevId = std::string(values[2]);
-    ldev.serialNumber = std::string(values[3]);
-    ldevs.push_back(std::move(ldev));
-    return true;
-  });
-  return complete;
-}
-
-void parseGetSnapshotGroupOutput(std::string output, std::vector<hdsSnapshotGroupInfo>& pairs) {
-  forEachDataLine(output, [&](std::string_view line) {
-    hdsSnapshotGroupInfo info;
-    // The name column is read up to the first blank, not from the first word.
-    size_t pos = hds::text::skipValue(line, 0, Separator::Blank);
-    const std::string_view name = line.substr(0, pos);
-    auto next = [&]() { return std::string(hds::text::nextColumn(line, pos, Separator::Blank)); };
-    info.snapshotGroupName = std::string(name);
-    info.isPVol = next() == VT_HDS_LDEV_PVOL;
-    info.pairStatus = next();
-    info.serialNumber = next();
-    info.ldevId = next();
-    info.mirrorUnit = next();
-    info.partnerLdevId = next();
-    info.poolId = next();
-    info.copyPercent = toInt(next());
-    info.mode = next();
-    info.splitTime = toInt(next());
-    pairs.push_back(std::move(info));
-    return true;
-  });
 }

@@ -1,5 +1,4 @@
 #include <cctype>
-#include <cstdlib>
 #include <string>
 
 #include "hds/common/internal/HDSText.h"
@@ -34,9 +33,7 @@ void parseHorcmFileSerials(std::string const& fileText, std::set<std::string>& s
 
 void parseGetResourceOutput(std::string const& output,
                             std::map<std::string, ResourceGroupStatus>& groups) {
-  const auto lines = hds::text::splitLines(output);
-  for (size_t i = 1; i < lines.size(); ++i) {
-    const std::string_view line = lines[i];
+  for (const std::string_view line : hds::text::dataLines(output)) {
     // Column positions are kept so that a group name with blanks inside survives whole.
     std::vector<std::pair<size_t, std::string_view>> cols;
     for (size_t pos = 0;;) {
@@ -64,7 +61,7 @@ void parseGetResourceOutput(std::string const& output,
     row.lockHost = host;
     row.lockOwner = std::string(cols[last - 1].second);
     row.status = std::string(cols[last - 2].second);
-    row.resourceGroupId = std::atoi(std::string(cols[last - 3].second).c_str());
+    row.resourceGroupId = hds::text::toInt(cols[last - 3].second);
     const std::string_view name =
         hds::text::trim(line.substr(0, cols[last - 3].first), Separator::Space);
     if (name.empty()) continue;
@@ -81,8 +78,7 @@ bool parseCommandStatusOutput(std::string const& output, bool& hasError, std::st
   statusLine = output.substr(first + 1, second - first - 1);
 
   const std::string_view line(statusLine);
-  const std::string errorCount(hds::text::column(line, 3, Separator::Space));
-  if (std::atoi(errorCount.c_str()) != 0) {
+  if (hds::text::toInt(hds::text::column(line, 3, Separator::Space)) != 0) {
     hasError = true;
     statusText = std::string(hds::text::skipColumns(line, 5, Separator::Space));
   }

@@ -20,6 +20,24 @@ TEST(Text, LinesHandleCrLfAndTheUnterminatedLastLine) {
   EXPECT_EQ(strings(hds::text::splitLines("a\rb\n")), Strings{"a\rb"});
   EXPECT_EQ(strings(hds::text::splitLines("a\nb", LastLine::Drop)), Strings{"a"});
   EXPECT_EQ(strings(hds::text::splitLines("a\nb\r\n", LastLine::Drop)), (Strings{"a", "b"}));
+  EXPECT_EQ(strings(hds::text::dataLines("header")), Strings{});
+  EXPECT_EQ(strings(hds::text::dataLines("header\r\n\nb\r\nc")), (Strings{"", "b", "c"}));
+  EXPECT_EQ(strings(hds::text::dataLines("header\nb\nc", LastLine::Drop)), Strings{"b"});
+}
+
+// Listings are fed from anywhere: a number column holding garbage, a sign or more digits than any
+// integer has reads as atoi would read it, but never overflows.
+TEST(Text, NumbersReadLikeAtoiWithoutOverflow) {
+  EXPECT_EQ(hds::text::toInt(" \t-42abc"), -42);
+  EXPECT_EQ(hds::text::toInt("+7"), 7);
+  EXPECT_EQ(hds::text::toInt("x1"), 0);
+  EXPECT_EQ(hds::text::toInt(""), 0);
+  EXPECT_EQ(hds::text::toInt64("4294967296"), 4294967296);
+  EXPECT_EQ(hds::text::toInt("4294967296"), INT32_MAX);
+  EXPECT_EQ(hds::text::toInt("-4294967296"), INT32_MIN);
+  const int64_t huge = hds::text::toInt64(std::string(400, '9'));
+  EXPECT_GT(huge, int64_t{1} << 59);
+  EXPECT_EQ(hds::text::toInt64("-" + std::string(400, '9')), -huge);
 }
 
 TEST(Text, ColumnsSplitAtWhiteSpaceOrAtBlanksOnly) {

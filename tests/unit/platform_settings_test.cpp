@@ -63,6 +63,16 @@ TEST(SettingsParsing, WritesKeepEverythingElse) {
   EXPECT_EQ(hds::platform::withSetting(text, "~iHarbor", "a", &b), text + "\n[~iHarbor]\na=7\n");
   EXPECT_EQ(hds::platform::withSetting(text, "other", "a", nullptr),
             "# top\n[iHarbor]\na=1\n\n; note\n[other]\n");
+  // A file edited elsewhere: its CRLF lines and blank lines stay as they were, the line that
+  // changes and a last line without a newline end in "\n".
+  const std::string crlf = "[iHarbor]\r\n\r\na=1\r\nc=3\r\n[other]\r\nd=4";
+  EXPECT_EQ(hds::platform::withSetting(crlf, "iHarbor", "a", &b),
+            "[iHarbor]\r\n\r\na=7\nc=3\r\n[other]\r\nd=4\n");
+  EXPECT_EQ(hds::platform::withSetting(crlf, "other", "e", &b),
+            "[iHarbor]\r\n\r\na=1\r\nc=3\r\n[other]\r\nd=4\ne=7\n");
+  std::string value;
+  EXPECT_TRUE(hds::platform::findSetting(crlf, "iHarbor", "c", value));
+  EXPECT_EQ(value, "3");
 }
 
 TEST(SettingsConcurrency, ConcurrentWritersLoseNothing) {

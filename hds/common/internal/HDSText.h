@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -25,6 +26,10 @@ enum class LastLine { Keep, Drop };
 // Lines cut at '\n', each without its '\n' and without a '\r' just before it. Empty input gives
 // no lines; a final newline does not start an empty line.
 std::vector<std::string_view> splitLines(std::string_view text, LastLine last = LastLine::Keep);
+
+// The lines of a listing after its header line, cut as splitLines cuts them. Text without a
+// newline is all header.
+std::vector<std::string_view> dataLines(std::string_view text, LastLine last = LastLine::Keep);
 
 // First position at or after pos that is not a separator (text.size() when none).
 size_t skipSeparators(std::string_view text, size_t pos, Separator sep = Separator::Space);
@@ -62,6 +67,13 @@ bool hasControlCharacter(std::string_view text);
 
 // True when the text is one or more of the digits 0-9 and nothing else.
 bool isDigits(std::string_view text);
+
+// The number at the start of a column as atoi reads it (leading separators, an optional sign,
+// digits up to the first other character; 0 when there are none), but listings fed from anywhere
+// cannot make it overflow: reading stops before a digit could carry the value out of range.
+int64_t toInt64(std::string_view text);
+// The same, held to the range of int.
+int toInt(std::string_view text);
 
 }  // namespace text
 }  // namespace hds
