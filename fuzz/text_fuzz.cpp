@@ -16,7 +16,11 @@ static void check(bool condition) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string_view text(reinterpret_cast<const char*>(data), size);
   for (auto last : {hds::text::LastLine::Keep, hds::text::LastLine::Drop}) {
-    for (std::string_view line : hds::text::splitLines(text, last)) {
+    const auto lines = hds::text::splitLines(text, last);
+    const auto data = hds::text::dataLines(text, last);
+    check(data.size() == (lines.empty() ? 0 : lines.size() - 1));
+    for (size_t i = 0; i < data.size(); ++i) check(data[i] == lines[i + 1]);
+    for (std::string_view line : lines) {
       check(line.data() >= text.data() && line.data() + line.size() <= text.data() + text.size());
       check(line.find('\n') == std::string_view::npos);
       for (Separator sep : {Separator::Blank, Separator::Space}) {
@@ -31,5 +35,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       }
     }
   }
+  const int64_t number = hds::text::toInt64(text);
+  check(hds::text::toInt(text) == (number > INT32_MAX   ? INT32_MAX
+                                   : number < INT32_MIN ? INT32_MIN
+                                                        : static_cast<int>(number)));
   return 0;
 }
