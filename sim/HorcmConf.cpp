@@ -8,14 +8,6 @@ namespace ccisim {
 
 namespace {
 
-bool digitsOnly(const std::string& s) {
-  if (s.empty()) return false;
-  for (char c : s) {
-    if (!std::isdigit(static_cast<unsigned char>(c))) return false;
-  }
-  return true;
-}
-
 std::string leadingDigits(const std::string& s, size_t from) {
   size_t end = from;
   while (end < s.size() && std::isdigit(static_cast<unsigned char>(s[end]))) ++end;
@@ -86,7 +78,7 @@ HorcmConf parseHorcmConf(const std::string& text) {
       if (words.size() >= 3) {
         g.detail = words[1];
         g.serial = words[2];
-      } else if (words.size() == 2 && digitsOnly(words[1])) {
+      } else if (words.size() == 2 && isDigits(words[1])) {
         g.serial = words[1];
       } else if (words.size() == 2) {
         g.detail = words[1];

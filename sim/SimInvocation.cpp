@@ -26,11 +26,6 @@ std::string vformat(const char* format, va_list args) {
   return text;
 }
 
-bool allDigits(const std::string& text) {
-  return !text.empty() &&
-         std::all_of(text.begin(), text.end(), [](unsigned char c) { return std::isdigit(c); });
-}
-
 }  // namespace
 
 std::string strprintf(const char* format, ...) {
@@ -87,6 +82,11 @@ std::string trim(const std::string& text) {
   if (b == std::string::npos) return std::string();
   size_t e = text.find_last_not_of(" \t\r\n");
   return text.substr(b, e - b + 1);
+}
+
+bool isDigits(const std::string& text) {
+  return !text.empty() &&
+         std::all_of(text.begin(), text.end(), [](unsigned char c) { return std::isdigit(c); });
 }
 
 std::vector<std::string> splitWords(const std::string& text) {
@@ -251,7 +251,7 @@ void Invocation::takeInstanceOption() {
       mode = InstanceMode::Horc;
       rest = rest.substr(1);
     }
-    if (!rest.empty() && !allDigits(rest)) {
+    if (!rest.empty() && !isDigits(rest)) {
       ++it;
       continue;
     }
@@ -262,7 +262,7 @@ void Invocation::takeInstanceOption() {
   }
   if (m_sInstance.empty()) {
     const char* env = std::getenv("HORCMINST");
-    if (env && allDigits(env)) m_sInstance = env;
+    if (env && isDigits(env)) m_sInstance = env;
   }
   if (!found && std::getenv("HORCC_MRCF")) m_eMode = InstanceMode::Mrcf;
 }

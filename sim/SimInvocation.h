@@ -227,6 +227,8 @@ std::optional<int64_t> parseNumber(const std::string& text);
 std::optional<int> parseLdevId(const std::string& text);
 std::string trim(const std::string& text);
 std::vector<std::string> splitWords(const std::string& text);
+// True when the text is one or more of the digits 0-9 and nothing else.
+bool isDigits(const std::string& text);
 std::string toLower(std::string text);
 std::string toUpper(std::string text);
 std::string strprintf(const char* format, ...) __attribute__((format(printf, 1, 2)));

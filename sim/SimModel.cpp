@@ -1,7 +1,6 @@
 #include "sim/SimModel.h"
 
 #include <algorithm>
-#include <cctype>
 #include <cstdlib>
 #include <limits>
 
@@ -138,9 +137,7 @@ void splitPortGid(const std::string& word, std::string& port, std::optional<int>
   size_t dash = word.rfind('-');
   if (dash == std::string::npos || dash == 0 || dash + 1 >= word.size()) return;
   std::string tail = word.substr(dash + 1);
-  if (!std::all_of(tail.begin(), tail.end(), [](unsigned char c) { return std::isdigit(c); })) {
-    return;
-  }
+  if (!isDigits(tail)) return;
   if (word.find('-') == dash) return;  // "CL1-5" would be a port, not a port and a group
   auto number = parseNumber(tail);
   if (!number || *number > std::numeric_limits<int>::max()) return;

@@ -1,7 +1,5 @@
 #include "sim/SimScenario.h"
 
-#include <cctype>
-
 #include "sim/SimInvocation.h"
 
 namespace ccisim {
@@ -35,11 +33,7 @@ const json& list(const json& j, const char* key) {
 std::string requireSerial(const json& a) {
   std::string serial = get<std::string>(a, "serial", "");
   if (serial.empty()) throw ScenarioError("every array needs a \"serial\"");
-  for (char c : serial) {
-    if (!std::isdigit(static_cast<unsigned char>(c))) {
-      throw ScenarioError("serial \"" + serial + "\" is not a number");
-    }
-  }
+  if (!isDigits(serial)) throw ScenarioError("serial \"" + serial + "\" is not a number");
   return serial;
 }
 
