@@ -11,7 +11,6 @@
 namespace {
 
 using hds::text::LastLine;
-using hds::text::Separator;
 using namespace std::string_view_literals;
 
 // The white space of Separator::Space, spelled out inline: the LDEV listing of a full array runs

@@ -42,7 +42,8 @@ bool parseGetDeviceGroupOutput(std::string const& output, std::vector<hdsLdev_t>
   return true;
 }
 
-void parseGetSnapshotGroupOutput(std::string output, std::vector<hdsSnapshotGroupInfo>& pairs) {
+void parseGetSnapshotGroupOutput(std::string const& output,
+                                 std::vector<hdsSnapshotGroupInfo>& pairs) {
   for (std::string_view line : text::dataLines(output, LastLine::Drop)) {
     if (text::trim(line).empty()) continue;
     hdsSnapshotGroupInfo info;

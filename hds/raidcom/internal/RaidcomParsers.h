@@ -44,7 +44,8 @@ void parseGetDeviceGroupListOutput(std::string const& output, std::vector<std::s
 // "raidcom get device_grp -device_grp_name <g>": false when a line lacks one of its four values
 // (records read before it stay appended).
 bool parseGetDeviceGroupOutput(std::string const& output, std::vector<hdsLdev_t>& ldevs);
-void parseGetSnapshotGroupOutput(std::string output, std::vector<hdsSnapshotGroupInfo>& pairs);
+void parseGetSnapshotGroupOutput(std::string const& output,
+                                 std::vector<hdsSnapshotGroupInfo>& pairs);
 
 // ---- ResourceParsers.cpp: copy groups, pools and pairs
 
