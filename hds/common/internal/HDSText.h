@@ -6,9 +6,11 @@
 #include <string_view>
 #include <vector>
 
-// The one line splitter and the one column scanner of the library: every parser of tool output
-// goes through these, so \r\n endings, a last line without a newline and empty output are
-// handled in one place. Views point into the caller's text and live as long as it does.
+// The parser kit of the library: the one line splitter, header-line skipper, column scanner,
+// digits check and number reader. Every parser of tool output (and the settings text) goes
+// through these, so \r\n endings, a last line without a newline, empty output and numbers too
+// long for any integer are handled in one place. Views point into the caller's text and live as
+// long as it does.
 namespace hds {
 namespace text {
 
