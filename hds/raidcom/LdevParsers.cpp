@@ -1,3 +1,6 @@
+// Parsers of the LDEV listings, full and front-end, and of the port list and volume attribute
+// fields they hold.
+
 #include <cstdint>
 #include <map>
 #include <string>

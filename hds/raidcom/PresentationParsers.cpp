@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "hds/common/internal/HDSText.h"
 #include "hds/raidcom/internal/RaidcomParsers.h"
