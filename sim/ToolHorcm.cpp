@@ -1,5 +1,4 @@
 #include <algorithm>
-#include <cctype>
 #include <climits>
 #include <cstdlib>
 #include <fstream>
@@ -111,9 +110,7 @@ int startInstance(Invocation& inv, const std::string& instance) {
 std::vector<std::string> instanceArguments(Invocation& inv) {
   std::vector<std::string> instances;
   for (const std::string& word : inv.args()) {
-    for (char c : word) {
-      if (!std::isdigit(static_cast<unsigned char>(c))) inv.fail(EX_INVARG);
-    }
+    if (!word.empty() && !isDigits(word)) inv.fail(EX_INVARG);
     instances.push_back(word);
   }
   if (instances.empty()) {
