@@ -51,6 +51,17 @@ std::set<std::string> ldevIds(std::vector<hdsLdev_t> const& ldevs) {
   return ids;
 }
 
+// Each P-VOL line of a raidscan listing that names one of the LDEVs, read as readPairLine reads it.
+template <typename Fn>
+void forEachPairLine(std::string const& output, std::vector<hdsLdev_t> const& ldevs, Fn&& fn) {
+  const std::set<std::string> wanted = ldevIds(ldevs);
+  std::vector<std::string_view> cols;
+  for (std::string_view line : text::dataLines(output, LastLine::Drop)) {
+    hdsPairStatus_t rec;
+    if (readPairLine(line, wanted, rec, cols)) fn(rec, cols);
+  }
+}
+
 }  // namespace
 
 void parseGetCopyGroupOutput(std::string const& output, std::string const& copyGroup,
@@ -91,27 +102,20 @@ void parseGetPoolOutput(std::string const& output, std::vector<hdsPool_t>& pools
 
 void parseRaidscanPairOutput(std::string const& output, std::vector<hdsLdev_t> const& ldevs,
                              std::map<int, std::vector<hdsPairStatus_t>>& pairs) {
-  const std::set<std::string> wanted = ldevIds(ldevs);
-  std::vector<std::string_view> cols;
-  for (std::string_view line : text::dataLines(output, LastLine::Drop)) {
-    hdsPairStatus_t rec;
-    if (!readPairLine(line, wanted, rec, cols)) continue;
-    rec.mirrorUnit = toInt(cols[5]);
-    pairs[rec.mirrorUnit].push_back(rec);
-  }
+  forEachPairLine(output, ldevs,
+                  [&](hdsPairStatus_t& rec, const std::vector<std::string_view>& cols) {
+                    rec.mirrorUnit = toInt(cols[5]);
+                    pairs[rec.mirrorUnit].push_back(rec);
+                  });
 }
 
 void parseRaidscanRemotePairOutput(std::string const& output, int mirrorUnit,
                                    std::vector<hdsLdev_t> const& ldevs,
                                    std::map<int, std::vector<hdsPairStatus_t>>& pairs) {
-  const std::set<std::string> wanted = ldevIds(ldevs);
-  std::vector<std::string_view> cols;
-  for (std::string_view line : text::dataLines(output, LastLine::Drop)) {
-    hdsPairStatus_t rec;
-    if (!readPairLine(line, wanted, rec, cols)) continue;
+  forEachPairLine(output, ldevs, [&](hdsPairStatus_t& rec, const std::vector<std::string_view>&) {
     // "----" in the partner LDEV column: the volume has no partner on this mirror unit.
-    if (rec.partnerLdevId.empty() || rec.partnerLdevId.find("----") != std::string::npos) continue;
+    if (rec.partnerLdevId.empty() || rec.partnerLdevId.find("----") != std::string::npos) return;
     rec.mirrorUnit = mirrorUnit;
     pairs[mirrorUnit].push_back(rec);
-  }
+  });
 }
