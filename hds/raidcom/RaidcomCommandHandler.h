@@ -128,11 +128,12 @@ class HDS_API RaidcomCommandHandler : public CommandHandler {
   // Runs the command as the base does, with two repairs, each at most once: an answer that shows
   // the HORCM instance down (exit 250, 251 or 255 with EX_ATTDBG, EX_ATTHOR or EX_COMERR) starts
   // it again, an expired session (EX_ENAUTH, 202) logs in again with force; then the command runs
-  // again. When a repair fails the command's own error stays. With asyncCommand the whole runs
-  // under "VT_HDS_SYNC_COMMANDS" between "reset command_status" and getCommandStatus, and an
-  // error in the status fails the call ("Command status has error."). With command output kept,
-  // the output is also written to a response file (1 when it cannot be). May block for three runs
-  // of the command, a start, a login and, with asyncCommand, the status reads.
+  // again. A failed start leaves the command's own error, a failed login its own. With
+  // asyncCommand the whole runs under "VT_HDS_SYNC_COMMANDS" between "reset command_status" and
+  // getCommandStatus, and an error in the status fails the call ("Command status has error.").
+  // With command output kept, the output is also written to a response file (1 when it cannot
+  // be). May block for three runs of the command, a start, a login and, with asyncCommand, the
+  // status reads.
   int executeCommand(std::string const& command, std::string const& arguments, std::string& output,
                      int& exitCode, bool asyncCommand);
   int resetCommandStatus();
@@ -285,12 +286,12 @@ class HDS_API RaidcomCommandHandler : public CommandHandler {
   // Appends the WWNs logged in on the port to portRec.loginWwns (portName set when empty).
   int getPortLoginWWNList(std::string const& port, hdsPort_t& portRec);
   // Appends the port's host groups to portRec.hostGroups (portName set when empty). Reads the
-  // resource groups first (getResourceGroupInfo, with -key opt from CCI 01-32 on): without vsm the
-  // listing is limited to the physical machine's groups, with vsm to the handler's resource group
-  // (1 when that is not listed). With withWWNs each new host group (only the one named hostGroup,
-  // when given) gets its WWNs, unless hostGroup is the pre-snap host group; with a wwn, only the
-  // new host groups holding it (case-insensitive) are kept. A failed WWN read is 1 with the host
-  // groups appended so far.
+  // resource groups first (getResourceGroupInfo, with -key opt from CCI 01-32 on): with vsm the
+  // listing is limited to the handler's resource group (1 when that is not listed), without it and
+  // from CCI 01-32 on to the physical machine's groups. With withWWNs each new host group (only the
+  // one named hostGroup, when given) gets its WWNs, unless hostGroup is the pre-snap host group;
+  // with a wwn, only the new host groups holding it (case-insensitive) are kept. A failed WWN read
+  // is 1 with the host groups appended so far.
   int getPortHostGroupList(std::string const& port, std::string const& hostGroup,
                            hdsPort_t& portRec, bool withWWNs, std::string const& wwn, bool vsm);
   // Outside meta_resource the new host group is moved into the handler's resource group; one
