@@ -66,12 +66,12 @@ class HDS_API CommandHandler {
   int executeCommand(const std::string& commandName, const std::string& arguments,
                      std::string& output, int& exitCode);
   // Writes the content to a new script file (mode 0777, temporary directory) and runs it by its
-  // path within one command time-out. 1 when the script is empty (error fields untouched), when
-  // the file cannot be made (four more tries 2 s apart) or written, and, with 62601 and "Failed to
-  // execute CCI command.", when the run fails or times out, exits non-zero (the exit status of its
-  // last line) or prints a raidcom error or warning on stdout or stderr (then appended to the
-  // output). The error fields are not cleared on success. The file is removed after a clean run
-  // and kept for diagnosis after any failure.
+  // path within one command time-out. 1 when the script is empty (error fields untouched); 1 with
+  // 62601 and a text naming the file when it cannot be made (four more tries 2 s apart) or
+  // written; 1 with 62601 and "Failed to execute CCI command." when the run fails or times out,
+  // exits non-zero (the exit status of its last line) or prints a raidcom error or warning on
+  // stdout or stderr (then appended to the output). The error fields are not cleared on success.
+  // The file is removed after a clean run and kept for diagnosis after any failure.
   int executeScriptFile(const std::string& scriptContent, std::string& output, int& exitCode);
   // True when the output holds "raidcom: [EW_" or "raidcom: [EX_"; errorPart (untouched when
   // false) is the output from the first warning on, else from the first error on.
