@@ -91,18 +91,22 @@ inline constexpr int VT_HDS_RAIDCOM_RETRY_COUNT = 50;
 // CCI error texts, exit codes and the outcome codes handlers report for them.
 inline constexpr const char* VT_HDS_CCI_ERROR_STR_LU_BUSY = "LU is executing host I/O";
 inline constexpr const char* VT_HDS_CCI_ERROR_STR_LAST_PATH = "It is the last path of Snapshot";
+// Exit codes: the session expired (ENAUTH), no such object (ENOOBJ), no such LDEV (ENLDEV), a
+// wait ran out (EWSTOT), no such device (ENODEV).
 inline constexpr int VT_HDS_CCI_ERROR_EX_ENAUTH = 202;
 inline constexpr int VT_HDS_CCI_ERROR_EX_ENOOBJ = 205;
 inline constexpr int VT_HDS_CCI_ERROR_EX_ENLDEV = 227;
 inline constexpr int VT_HDS_CCI_ERROR_EX_EWSTOT = 233;
 inline constexpr int VT_HDS_CCI_ERROR_EX_EWSUSE = 234;
 inline constexpr int VT_HDS_CCI_ERROR_EX_ENODEV = 246;
+// Outcome codes: busy and last path come back as the error code of a failed unmap.
 inline constexpr int VT_HDS_CCI_HORCM_ALREADY_RUNNING = 1;
 inline constexpr int VT_HDS_CCI_SVOL_BUSY = 2;
 inline constexpr int VT_HDS_CCI_LAST_PATH_FOR_SNAP = 3;
 inline constexpr int VT_HDS_CCI_REMOTE_MA_EXECUTE_FAILED = 4;
 
-// Error codes a handler reports through getErrorCodeAndString.
+// Error codes a handler reports through getErrorCodeAndString: input refused or missing, a tool
+// or file step failed, the login failed.
 inline constexpr int VT_HDS_ERROR_MISSING_INPUT = 62600;
 inline constexpr int VT_HDS_ERROR_COMMAND_FAILED = 62601;
 inline constexpr int VT_HDS_ERROR_LOGIN_FAILED = 62602;

@@ -7,7 +7,8 @@
 #include "hds/common/HDSExport.h"
 
 // Plain records through which the handlers hand the state of the array to their callers. Which
-// column of which listing fills a member is the business of the parser that reads it.
+// column of which listing fills a member is the business of the parser that reads it. Members
+// named caller... belong to the caller: the library neither reads nor fills them.
 
 // One LU path: a port, host group and LUN through which an LDEV is presented.
 struct hdsLun_t {
@@ -18,7 +19,8 @@ struct hdsLun_t {
   std::string ldevId;  // filled by the host-group LUN listing
 };
 
-// One logical device of the array.
+// One logical device of the array. createSvol reads ldevId, capacity, mpBladeId and
+// virtualLdevId; addToSnapshotGroup reads isCloneTarget; modifySvolLabel reads newLabel and label.
 struct HDS_API hdsLdev_t {
   std::string serialNumber;
   std::string ldevId;  // decimal
@@ -142,7 +144,8 @@ struct hdsRaidqry_t {
   int cacheSizeMB = 0;
 };
 
-// One row of the resource group listing; status is "Locked" or "Unlocked".
+// One row of the resource group listing; status is "Locked" or "Unlocked". Listed with
+// "-key opt", status holds the virtual serial and lockOwner the array type instead.
 struct ResourceGroupStatus {
   std::string status;
   std::string lockOwner;

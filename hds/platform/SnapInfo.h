@@ -13,9 +13,14 @@
 namespace VTSO {
 
 // The job context the snapshot engine hands to every handler: logging and array-level settings.
+// The defaults below say "not set" and replication type 0.
+//
+// Thread safety: the library calls it from every thread that runs a handler, so an object
+// shared by handlers of several threads must be thread-safe.
 class HDS_API SnapInfo {
  public:
   virtual ~SnapInfo();
+  // Levels: 0 progress and detail, 1 notable events, 2 failures and warnings.
   void log(int level, const char* module, const char* format, ...)
       __attribute__((format(printf, 4, 5)));
   virtual void vlog(int level, const char* module, const char* format, va_list args) = 0;

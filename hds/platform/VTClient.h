@@ -4,6 +4,8 @@
 
 #include "hds/common/HDSExport.h"
 
+// Who and where this process is: the names the library puts into HORCM files, file names and
+// logs. Thread safety: every function may be called from any thread.
 class HDS_API EvDebug {
  public:
   // $HDS_CLIENT_NAME, else this host's name.
@@ -14,10 +16,12 @@ class HDS_API EvDebug {
 // Thread id of the caller (the kernel's tid), used in unique file names.
 HDS_API unsigned long GetCurrentThreadId();
 
+// A client of the backup product, by name.
 class HDS_API VTClient {
  public:
   explicit VTClient(const std::string& clientName);
-  // The network host name of the client (gethostname); empty when unknown.
+  // The network host name of this host (gethostname), whatever the client's name; empty when
+  // unknown.
   std::string getNetworkHostname() const;
 
  private:

@@ -4,6 +4,8 @@
 
 #include "hds/common/HDSExport.h"
 
+// Where the library keeps its files on this host. Thread safety: every function may be called
+// from any thread; the environment is read on every call.
 class HDS_API VTPI_Base {
  public:
   // The product temporary directory ($HDS_TEMP_DIR, default /var/tmp/hds), created 0700 when

@@ -15,13 +15,22 @@
 // that does not parse is not set. Every write is a read-modify-write under an exclusive lock on a
 // separate, never-replaced "<file>.lock", ending in write temp + fsync + rename in the same
 // directory, so concurrent writers lose nothing and readers never see a torn file.
+//
+// Thread safety: every function may be called from any thread and process at once; a write
+// waits, without a time-out, for the writer before it.
+//
+// Every getter reads the file anew and reports a file it cannot use as "not set" (false, value
+// untouched). Every setter is false, with the file as it was, for a value holding a line break or
+// a file that cannot be rewritten.
 class HDS_API VTPlatformInfo {
  public:
+  // A decimal int; false for a value out of range or with anything after the digits.
   static bool getRegInt(const char* section, const char* key, int* value);
   static bool setRegInt(const char* section, const char* key, int value);
-  // Copies the value, always terminated within size; false when not set.
+  // Copies the value, cut to fit and always terminated within size; false when not set.
   static bool getString(const char* section, const char* key, char* buf, size_t size);
   static bool setString(const char* section, const char* key, const std::string& value);
+  // A decimal unsigned long; a leading '-' is no number.
   static bool getNumber(const char* section, const char* key, unsigned long* value);
   static bool removeKey(const char* section, const char* key);
 
@@ -46,7 +55,8 @@ class HDS_API VTPlatformInfo {
   // unknown. Counts of live processes kept in the settings are void once it has changed.
   static std::string bootIdentity();
 
-  // Host name for HORCM files: "sClientHostName" in section "iHarbor", else false.
+  // Host name for HORCM files: "sClientHostName" in section "iHarbor", else false; the client's
+  // name is not used.
   static bool getClientHostName(const std::string& clientName, std::string& hostName);
 
   // Path in use ($HDS_SETTINGS_FILE or /etc/hds/settings.conf).

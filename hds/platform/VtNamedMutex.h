@@ -19,8 +19,12 @@ class HDS_API VtNamedMutex {
   bool isValid() const;
   const std::string& lastError() const;
 
-  // Waits at most ms milliseconds (scaled by ZoSetTimeScale) without sleep-polling.
+  // Waits at most ms milliseconds (scaled by ZoSetTimeScale; 0: one try) without sleep-polling.
+  // true at once when this object holds it already; a mutex whose holder died is taken over.
+  // false, with lastError() saying why, when the wait ran out or the lock file is unusable, and
+  // at once when this thread holds the name through another object: it is not recursive.
   bool lock(unsigned long ms);
+  // Releases the mutex when this object holds it; harmless otherwise.
   void unlock();
 
   // Directory the lock files live in ($HDS_LOCK_DIR or /run/lock/hds).

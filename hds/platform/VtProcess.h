@@ -42,6 +42,8 @@ class HDS_API VtProcess {
   VtProcess(const VtProcess&) = delete;
   VtProcess& operator=(const VtProcess&) = delete;
 
+  // Which of stdout and stderr are captured (both unless told otherwise); with SetSilence(true)
+  // the others go to /dev/null instead of this process's own. Set before StartProcess.
   void TrapIO(bool trapStdout, bool trapStderr);
   void SetSilence(bool silent);
 
@@ -64,6 +66,7 @@ class HDS_API VtProcess {
   // could not be run (*err then holds why). flags is reserved (0).
   int system(const char* cmd, std::string* out, std::string* err, int flags, bool trapIO);
 
+  // -1 before a start.
   pid_t pid() const;
 
  private:

@@ -2,8 +2,8 @@
 
 // The per-array login count of the raidcom session, as the settings store keeps it: the count
 // under "sVTHDSRaidcomLockCount_<serial>" and, beside it, the boot of the host it was counted in
-// under "sVTHDSRaidcomLockBoot_<serial>" (section "~iHarbor"). Readers and writers hold the
-// named lock "RAIDCOM_LOGIN_LOCK".
+// under "sVTHDSRaidcomLockBoot_<serial>" (section "~iHarbor"). Thread safety: the functions take
+// no lock themselves; readers and writers hold the named lock "RAIDCOM_LOGIN_LOCK".
 
 #include <string>
 
