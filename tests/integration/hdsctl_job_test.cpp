@@ -138,14 +138,17 @@ class HdsctlJob : public ::testing::Test {
 };
 
 TEST_F(HdsctlJob, CompletesAndKeepsAnExistingHostGroup) {
-  hdstest::writeFile(jobFile, R"({"name": "ok", "pool": 0, "pvols": ["104", 105],
+  // P-VOLs out of order: pairs are matched and reported in the job file's order.
+  hdstest::writeFile(jobFile, R"({"name": "ok", "pool": 0, "pvols": [105, "104"],
                                   "svols": [3000, 3001],
                                   "present": {"port": "CL1-A", "host_group": "1A-G00"}})");
   ToolResult r = runTool({hdsctlPath(), "job", jobFile, "--json"});
   ASSERT_EQ(r.exitCode, 0) << r.err;
   json summary = json::parse(r.out);
+  EXPECT_EQ(summary["pairs"][0]["pvol"], "105");
+  EXPECT_EQ(summary["pairs"][0]["svol"], "3000");
+  EXPECT_EQ(summary["pairs"][0]["lun"], "CL1-A-0-1");
   EXPECT_EQ(summary["pairs"][1]["svol"], "3001");
-  EXPECT_EQ(summary["pairs"][1]["lun"], "CL1-A-0-1");
   EXPECT_EQ(arrayState(sim), before);
 }
 
