@@ -1,5 +1,7 @@
 #include "hds/common/HDSText.h"
 
+#include <algorithm>
+
 namespace hds {
 namespace text {
 
@@ -114,6 +116,20 @@ bool isDigits(std::string_view text) {
     if (c < '0' || c > '9') return false;
   }
   return true;
+}
+
+bool isEmptyTable(std::string_view output, std::string_view firstHeading) {
+  std::vector<std::string_view> lines;
+  for (std::string_view line : splitLines(output)) {
+    if (!trim(line).empty()) lines.push_back(line);
+  }
+  if (lines.empty()) return true;
+  const std::string_view first = column(lines.front(), 0);
+  return lines.size() == 1 && first.size() == firstHeading.size() &&
+         std::equal(first.begin(), first.end(), firstHeading.begin(), [](char a, char b) {
+           auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; };
+           return lower(a) == lower(b);
+         });
 }
 
 bool hasControlCharacter(std::string_view text) {

@@ -63,5 +63,10 @@ bool hasControlCharacter(std::string_view text);
 // True when the text is one or more of the digits 0-9 and nothing else.
 bool isDigits(std::string_view text);
 
+// For a table listing that gave no rows: true when the tool printed nothing, or its header alone
+// (a line whose first column is firstHeading, in any case). Anything else, one line of garbage or
+// a message, is output that was not read, and must never pass for "there is none".
+bool isEmptyTable(std::string_view output, std::string_view firstHeading);
+
 }  // namespace text
 }  // namespace hds

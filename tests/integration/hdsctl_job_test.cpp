@@ -367,35 +367,65 @@ TEST_F(HdsctlJob, TwinsDoNotShareTheirObjects) {
   EXPECT_EQ(loginCount(), 0);
 }
 
-// A listing that keeps answering garbage proves nothing: what it was to show gone is left for
-// hdsctl recover, never reported removed.
+// A listing that keeps answering garbage proves nothing, be it rows that are not pairs or one
+// line with no header, which must not pass for an empty listing: what it was to show gone is left
+// for hdsctl recover, never reported removed.
 TEST_F(HdsctlJob, GarbageListingsRemoveNothingUnverified) {
+  for (const char* text : {"garbage line with many words and not one number in it\n"
+                           "more garbage line with many words and not one number in it\n",
+                           "garbage\n"}) {
+    SCOPED_TRACE(text);
+    SimFault garbage;
+    garbage.match = "get snapshot -[ls]";  // past the check that the group's name is free
+    garbage.exitCode = 0;
+    garbage.out = text;
+    garbage.times = -1;
+    sim.addFault(garbage);
+    ToolResult r = runTool({hdsctlPath(), "job", jobFile, "--json"});
+    EXPECT_EQ(r.exitCode, 1);
+    json summary = json::parse(r.out);
+    EXPECT_EQ(summary["failedStep"], "snapshot create");
+    for (const json& removed : summary["removed"]) {
+      EXPECT_EQ(removed.get<std::string>().find("snapshot"), std::string::npos) << removed;
+    }
+    EXPECT_NE(summary["leftOnArray"].dump().find("snapshot pairs of KS_SNAP_t (S-VOLs 2000, "
+                                                 "2001, 2002) (left for `hdsctl recover`)"),
+              std::string::npos)
+        << summary["leftOnArray"];
+    EXPECT_TRUE(summary["leftForRecover"].get<bool>());
+
+    sim.admin({"fault", "clear"});
+    r = runTool({hdsctlPath(), "recover", "t"});
+    EXPECT_EQ(r.exitCode, 0) << r.out << r.err;
+    EXPECT_EQ(arrayState(sim), before);
+    EXPECT_EQ(loginCount(), 0);
+  }
+
+  // The list of device groups answers one line of garbage once the job has read it for its
+  // P-VOLs; the groups' removal then cannot be read back.
+  sim.admin({"journal", "--clear"});
+  sim.addFault(slow("add ldev"));
+  fault("add snapshot", -1);
+  ToolRun job({hdsctlPath(), "job", jobFile, "--json"});
+  waitForCall("add ldev");
   SimFault garbage;
-  garbage.match = "get snapshot";
+  garbage.match = "^get device_grp -I";
   garbage.exitCode = 0;
-  garbage.out =
-      "garbage line with many words and not one number in it\n"
-      "more garbage line with many words and not one number in it\n";
+  garbage.out = "garbage\n";
   garbage.times = -1;
   sim.addFault(garbage);
-  ToolResult r = runTool({hdsctlPath(), "job", jobFile, "--json"});
+  ToolResult r = job.finish();
   EXPECT_EQ(r.exitCode, 1);
   json summary = json::parse(r.out);
-  EXPECT_EQ(summary["failedStep"], "snapshot create");
-  for (const json& removed : summary["removed"]) {
-    EXPECT_EQ(removed.get<std::string>().find("snapshot"), std::string::npos) << removed;
-  }
-  EXPECT_NE(summary["leftOnArray"].dump().find("snapshot pairs of KS_SNAP_t (S-VOLs 2000, 2001, "
-                                               "2002) (left for `hdsctl recover`)"),
-            std::string::npos)
+  EXPECT_EQ(summary["failedStep"], "snapshot group add");
+  EXPECT_EQ(summary["removed"].dump().find("device groups"), std::string::npos)
+      << summary["removed"];
+  EXPECT_NE(summary["leftOnArray"].dump().find("device groups"), std::string::npos)
       << summary["leftOnArray"];
-  EXPECT_TRUE(summary["leftForRecover"].get<bool>());
-
   sim.admin({"fault", "clear"});
   r = runTool({hdsctlPath(), "recover", "t"});
   EXPECT_EQ(r.exitCode, 0) << r.out << r.err;
   EXPECT_EQ(arrayState(sim), before);
-  EXPECT_EQ(loginCount(), 0);
 }
 
 // An array that stops answering: the clean-up stops at its first call that meets the command
