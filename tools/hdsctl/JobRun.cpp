@@ -14,6 +14,7 @@
 
 #include "hds/common/HDSConstants.h"
 #include "hds/platform/VtNamedMutex.h"
+#include "hds/raidcom/LoginCount.h"
 #include "tools/hdsctl/Output.h"
 
 namespace hdsctl {
@@ -177,8 +178,10 @@ std::string JobRun::openSession() {
   m_pSession.reset(new ArraySession(m_oCtx.log, m_oSpec.array));
   m_pUndoer.reset(new Undoer(*m_pSession, m_oSpec.array.serial));
   // Noted once the login is counted, never before: a recover that gave back a session the job
-  // never counted would end the session of another process.
-  push("session", {{"serial", m_oSpec.array.serial}});
+  // never counted would end the session of another process. For the same reason with the
+  // count's generation: a count that has started anew since (a forced login) no longer holds it.
+  push("session", {{"serial", m_oSpec.array.serial},
+                   {"generation", readLoginGeneration(m_oSpec.array.serial)}});
   push("lock");
   require(h().lockResource(), "cannot lock the resource group");
   return "array " + m_oSpec.array.serial + ", resource group " +
