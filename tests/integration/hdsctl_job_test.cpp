@@ -256,16 +256,33 @@ TEST_F(HdsctlJob, AnLdevNotReadAmongOthersIsReadAgain) {
   EXPECT_NE(failureMessage(r.err).find("(error 62601)"), std::string::npos) << r.err;
 }
 
-// An S-VOL number that reads back as defined after its creation failed is another host's, or the
-// job's own whose creation could not be confirmed: it is named, never deleted, and a job that
-// chose its numbers goes on with the next free one.
-TEST_F(HdsctlJob, NumberDefinedAfterAFailedCreationIsNamedAndSkipped) {
-  fault("get command_status", 1);
-  ToolResult r = runTool({hdsctlPath(), "job", jobFile, "--json"});
+// An S-VOL number defined by another between the job's choice and its creation is rejected by the
+// array as already defined: that LDEV is another's, never deleted nor named as left by the job,
+// and the job goes on with the next free number. One that reads back as defined after a creation
+// whose outcome is unknown may be the job's or another's: it is named as such, never deleted.
+TEST_F(HdsctlJob, NumberDefinedMeanwhileIsNeverTakenForTheJobs) {
+  sim.addFault(slow("add ldev.*-ldev_id 2000 "));
+  ToolRun job({hdsctlPath(), "job", jobFile, "--json"});
+  waitForCall("add ldev");
+  sim.startRaidcomSession(3600);  // the other host
+  ASSERT_EQ(sim.raidcom("add ldev -ldev_id 2000 -capacity 1024 -pool 0", 3600).exitCode, 0);
+  ToolResult r = job.finish();
   EXPECT_EQ(r.exitCode, 0) << r.err;
   json summary = json::parse(r.out);
+  EXPECT_EQ(summary["leftOnArray"], json::array());
+  EXPECT_EQ(summary["steps"][3]["detail"],
+            "3 S-VOLs in pool 0 (LDEV 2000 defined by another meanwhile: skipped, not the job's)");
+  EXPECT_EQ(summary["pairs"][0]["svol"], "2003");
+  ASSERT_EQ(sim.raidcom("delete ldev -ldev_id 2000", 3600).exitCode, 0);
+  EXPECT_EQ(arrayState(sim), before);
+
+  fault("get command_status", 1);
+  r = runTool({hdsctlPath(), "job", jobFile, "--json"});
+  EXPECT_EQ(r.exitCode, 0) << r.err;
+  summary = json::parse(r.out);
   EXPECT_EQ(summary["leftOnArray"],
-            json::array({"S-VOL 2000 (defined after its creation failed)"}));
+            json::array({"LDEV 2000 (defined after the job's creation of it failed; not deleted, "
+                         "as it may be another's)"}));
   EXPECT_EQ(summary["pairs"][0]["svol"], "2003");
 }
 

@@ -5,6 +5,7 @@
 #include <stdio.h>
 
 #include <algorithm>
+#include <cctype>
 #include <chrono>
 #include <functional>
 #include <iostream>
@@ -85,6 +86,8 @@ class JobRun {
   // What the job made and holds, newest last; the journal has each entry before its call.
   std::vector<UndoEntry> m_oUndo;
   int m_iNextUndoId = 1;
+  // S-VOL numbers the array rejected as already defined: another's, passed over.
+  std::vector<std::string> m_oTakenByOthers;
 
   RaidcomCommandHandler& h() { return m_pSession->handler(); }
   void require(int rc, const std::string& what) { m_pSession->require(rc, what); }
@@ -315,6 +318,18 @@ bool JobRun::createSvol(const std::string& pvol) {
   const int id = m_oUndo.back().id;
   if (h().createSvol(onePair(pvol), m_oSpec.pool) == 0) return true;
   const std::string error = handlerError(h());
+  // The array's own word on the creation: a number it rejects as already defined was another's
+  // before the job's creation ran. That LDEV is none of the job's business.
+  bool rejected = false;
+  std::string status;
+  if (h().getCommandStatus(rejected, status) == 0 && rejected) {
+    for (char& c : status) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    if (status.find("already defined") != std::string::npos) {
+      pop(id);
+      m_oTakenByOthers.push_back(svol);
+      return false;
+    }
+  }
   std::vector<hdsLdev_t> one = ldevRecords({svol});
   try {
     readLdevs(one, "S-VOL " + svol);
@@ -326,10 +341,12 @@ bool JobRun::createSvol(const std::string& pvol) {
   if (one[0].capacity == 0 || one[0].volAttr == VT_HDS_VOL_NOT_DEFINED) {
     throw Failure("cannot create S-VOL " + svol + ": " + error);
   }
-  // Defined although the creation failed: another host took the number, or the creation ran
-  // and could not be confirmed. The job cannot tell which, so it names the LDEV and never
-  // deletes it.
-  m_oReport.leftOver.push_back("S-VOL " + svol + " (defined after its creation failed)");
+  // Defined although the creation failed, and the array did not say why: another host took the
+  // number, or the creation ran and could not be confirmed. The job cannot tell which, so it
+  // names the LDEV for the operator, as possibly another's, and never deletes it.
+  m_oReport.leftOver.push_back("LDEV " + svol +
+                               " (defined after the job's creation of it failed; not deleted, as "
+                               "it may be another's)");
   return false;
 }
 
@@ -346,7 +363,12 @@ std::string JobRun::createSvols() {
     }
   }
   m_pSvolLock.reset();
-  return std::to_string(m_oPairs.size()) + " S-VOLs in pool " + m_oSpec.pool;
+  std::string done = std::to_string(m_oPairs.size()) + " S-VOLs in pool " + m_oSpec.pool;
+  if (!m_oTakenByOthers.empty()) {
+    done += " (LDEV " + joinWords(m_oTakenByOthers, ", ") +
+            " defined by another meanwhile: skipped, not the job's)";
+  }
+  return done;
 }
 
 void JobRun::checkLabels() {
