@@ -289,8 +289,9 @@ std::string JobRun::chooseSvols() {
   if (chosen.empty()) {
     long from = m_oSpec.svolFirst;
     if (from < 0) {
-      for (const std::string& pvol : m_oSpec.pvols)
+      for (const std::string& pvol : m_oSpec.pvols) {
         from = std::max(from, std::atol(pvol.c_str()) + 1);
+      }
     }
     chosen = freeNumbers(m_oPairs.size(), from);
   } else {
@@ -442,7 +443,8 @@ void JobRun::waitForSnapshots(const std::string& status) {
           row = &r;
         }
       }
-      const std::string name = pvol + VT_HDS_PAIR_SEPARATOR + svol;
+      std::string name = pvol;
+      name.append(VT_HDS_PAIR_SEPARATOR).append(svol);
       if (row == nullptr) throw Failure("pair " + name + " is missing from " + m_sSnapshotGroup);
       if (row->pairStatus == VT_HDS_PAIR_STATUS_ERROR) {
         throw Failure("pair " + name + " is suspended by an error (PSUE)");
