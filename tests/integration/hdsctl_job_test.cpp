@@ -127,6 +127,16 @@ class HdsctlJob : public ::testing::Test {
 
   int loginCount() const { return hdstest::loginCount(env); }
 
+  // Matching calls succeed with this text for output, every time.
+  void answerGarbage(const std::string& match, const std::string& text) {
+    SimFault f;
+    f.match = match;
+    f.exitCode = 0;
+    f.out = text;
+    f.times = -1;
+    sim.addFault(f);
+  }
+
   void fault(const std::string& match, int times) {
     SimFault f;
     f.match = match;
@@ -392,12 +402,7 @@ TEST_F(HdsctlJob, GarbageListingsRemoveNothingUnverified) {
                            "more garbage line with many words and not one number in it\n",
                            "garbage\n"}) {
     SCOPED_TRACE(text);
-    SimFault garbage;
-    garbage.match = "get snapshot -[ls]";  // past the check that the group's name is free
-    garbage.exitCode = 0;
-    garbage.out = text;
-    garbage.times = -1;
-    sim.addFault(garbage);
+    answerGarbage("get snapshot -[ls]", text);  // past the check that the group's name is free
     ToolResult r = runTool({hdsctlPath(), "job", jobFile, "--json"});
     EXPECT_EQ(r.exitCode, 1);
     json summary = json::parse(r.out);
@@ -425,12 +430,7 @@ TEST_F(HdsctlJob, GarbageListingsRemoveNothingUnverified) {
   fault("add snapshot", -1);
   ToolRun job({hdsctlPath(), "job", jobFile, "--json"});
   waitForCall("add ldev");
-  SimFault garbage;
-  garbage.match = "^get device_grp -I";
-  garbage.exitCode = 0;
-  garbage.out = "garbage\n";
-  garbage.times = -1;
-  sim.addFault(garbage);
+  answerGarbage("^get device_grp -I", "garbage\n");
   ToolResult r = job.finish();
   EXPECT_EQ(r.exitCode, 1);
   json summary = json::parse(r.out);
