@@ -109,11 +109,10 @@ bool recoverHeld(Context& ctx, const std::string& name, std::ostream& out) {
     }
     for (const UndoEntry& e : c.open) {
       if (e.kind != "session") continue;
-      // A count written in an earlier boot is void already; lowering it would count off a
-      // session of this boot.
-      // The count holds this recover's own session; the dead one's only while the count has not
-      // started anew since the job logged in (a forced login counts its own session alone).
-      // Giving back a session the count no longer holds would count off another process's.
+      // Giving back a session the count no longer holds would count off another process's. A
+      // count written in an earlier boot is void already; and the count holds, besides this
+      // recover's own session, the dead one's only while it has not started anew since the job
+      // logged in (a forced login counts its own session alone).
       const int generation = readLoginGeneration(array.serial);
       if (c.boot != bootIdentity()) {
         out << "  session: counted in an earlier boot of this host, nothing to give back\n";
