@@ -1,5 +1,6 @@
 #include "hds/common/internal/HDSText.h"
 
+#include <algorithm>
 #include <cstdint>
 
 namespace hds {
@@ -144,6 +145,20 @@ int toInt(std::string_view text) {
   if (value > INT32_MAX) return INT32_MAX;
   if (value < INT32_MIN) return INT32_MIN;
   return static_cast<int>(value);
+}
+
+bool isEmptyTable(std::string_view output, std::string_view firstHeading) {
+  std::vector<std::string_view> lines;
+  for (std::string_view line : splitLines(output)) {
+    if (!trim(line).empty()) lines.push_back(line);
+  }
+  if (lines.empty()) return true;
+  const std::string_view first = column(lines.front(), 0);
+  return lines.size() == 1 && first.size() == firstHeading.size() &&
+         std::equal(first.begin(), first.end(), firstHeading.begin(), [](char a, char b) {
+           auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; };
+           return lower(a) == lower(b);
+         });
 }
 
 bool hasControlCharacter(std::string_view text) {

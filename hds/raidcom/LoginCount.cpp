@@ -1,5 +1,8 @@
 #include "hds/raidcom/LoginCount.h"
 
+#include <utility>
+#include <vector>
+
 #include "hds/common/HDSConstants.h"
 #include "hds/platform/VTPlatformInfo.h"
 
@@ -11,6 +14,10 @@ std::string countKey(std::string const& serialNumber) {
 
 std::string bootKey(std::string const& serialNumber) {
   return "sVTHDSRaidcomLockBoot_" + serialNumber;
+}
+
+std::string generationKey(std::string const& serialNumber) {
+  return "sVTHDSRaidcomLockGeneration_" + serialNumber;
 }
 
 }  // namespace
@@ -36,14 +43,24 @@ bool readLoginCount(std::string const& serialNumber, int& count, int* voidedCoun
   return true;
 }
 
-bool storeLoginCount(std::string const& serialNumber, int count) {
-  const std::string boot = VTPlatformInfo::bootIdentity();
-  if (boot.empty()) {
-    return VTPlatformInfo::setRegInt(VT_HDS_REG_SECTION_LOCAL, countKey(serialNumber).c_str(),
-                                     count);
+bool storeLoginCount(std::string const& serialNumber, int count, bool restart) {
+  std::vector<std::pair<std::string, std::string>> values = {
+      {countKey(serialNumber), std::to_string(count)}};
+  if (count <= 0 || restart) {
+    values.emplace_back(generationKey(serialNumber),
+                        std::to_string(readLoginGeneration(serialNumber) + 1));
   }
-  // One rewrite: a crash never pairs a count with another boot.
-  return VTPlatformInfo::setStrings(
-      VT_HDS_REG_SECTION_LOCAL,
-      {{countKey(serialNumber), std::to_string(count)}, {bootKey(serialNumber), boot}});
+  // One rewrite: a crash never pairs a count with another boot or generation.
+  const std::string boot = VTPlatformInfo::bootIdentity();
+  if (!boot.empty()) values.emplace_back(bootKey(serialNumber), boot);
+  return VTPlatformInfo::setStrings(VT_HDS_REG_SECTION_LOCAL, values);
+}
+
+int readLoginGeneration(std::string const& serialNumber) {
+  int generation = 0;
+  if (!VTPlatformInfo::getRegInt(VT_HDS_REG_SECTION_LOCAL, generationKey(serialNumber).c_str(),
+                                 &generation)) {
+    return 0;
+  }
+  return generation;
 }

@@ -130,6 +130,11 @@ int RaidcomCommandHandler::getPortHostGroupList(std::string const& port,
   if (portRec.portName.empty()) portRec.portName = port;
   const size_t firstNew = portRec.hostGroups.size();
   parseGetHostGroupOutput(output, m_sSerialNumber, portRec);
+  if (portRec.hostGroups.size() == firstNew && !hds::text::isEmptyTable(output, "PORT")) {
+    setErrorCodeAndString(VT_HDS_ERROR_COMMAND_FAILED, "Failed to get host group list for port " +
+                                                           port + ": the output is not a listing.");
+    return 1;
+  }
 
   const std::string preSnap =
       m_bVSM ? std::string(VT_HDS_PRE_SNAP_HOSTGROUP_VSM) + m_sVirtualStorageSerial
@@ -434,6 +439,13 @@ int RaidcomCommandHandler::getLunsForHostGroup(std::string const& P, std::string
                           "Failed to get luns on host group " + P + "-" + G);
     return 1;
   }
+  const size_t known = luns.size();
   parseGetLunOutput(output, luns);
+  if (luns.size() == known && !hds::text::isEmptyTable(output, "PORT")) {
+    setErrorCodeAndString(
+        VT_HDS_ERROR_COMMAND_FAILED,
+        "Failed to get luns on host group " + P + "-" + G + ": the output is not a listing.");
+    return 1;
+  }
   return 0;
 }

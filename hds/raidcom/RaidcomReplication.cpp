@@ -393,7 +393,13 @@ int RaidcomCommandHandler::getDeviceGroupList(std::vector<std::string>& groups) 
                           "Failed to get devices in device group list");
     return 1;
   }
+  const size_t known = groups.size();
   parseGetDeviceGroupListOutput(output, groups);
+  if (groups.size() == known && !hds::text::isEmptyTable(output, "LDEV_GROUP")) {
+    setErrorCodeAndString(VT_HDS_ERROR_COMMAND_FAILED,
+                          "Failed to get device group list: the output is not a listing.");
+    return 1;
+  }
   return 0;
 }
 
@@ -577,7 +583,13 @@ int RaidcomCommandHandler::getSnapshotGroupList(std::vector<hdsSnapshotGroupInfo
     setErrorCodeAndString(VT_HDS_ERROR_COMMAND_FAILED, "Failed to get snapshot group list.");
     return 1;
   }
+  const size_t known = pairs.size();
   parseGetSnapshotGroupOutput(output, pairs);
+  if (pairs.size() == known && !hds::text::isEmptyTable(output, "SnapShot_name")) {
+    setErrorCodeAndString(VT_HDS_ERROR_COMMAND_FAILED,
+                          "Failed to get snapshot group list: the output is not a listing.");
+    return 1;
+  }
   return 0;
 }
 
@@ -592,7 +604,13 @@ int RaidcomCommandHandler::getSnapshotGroupInfo(std::vector<hdsSnapshotGroupInfo
     setErrorCodeAndString(VT_HDS_ERROR_COMMAND_FAILED, "Failed to get snapshot group list.");
     return 1;
   }
+  const size_t known = pairs.size();
   parseGetSnapshotGroupOutput(output, pairs);
+  if (pairs.size() == known && !hds::text::isEmptyTable(output, "SnapShot_name")) {
+    setErrorCodeAndString(VT_HDS_ERROR_COMMAND_FAILED,
+                          "Failed to get snapshot group list: the output is not a listing.");
+    return 1;
+  }
   return 0;
 }
 

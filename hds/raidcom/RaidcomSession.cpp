@@ -419,7 +419,7 @@ int RaidcomCommandHandler::performLogin(bool forceLogin) {
     count = 0;
   }
   // The count is raised before the command runs; a failed login puts it back below.
-  if (!storeLoginCount(m_sSerialNumber, count + 1)) {
+  if (!storeLoginCount(m_sSerialNumber, count + 1, forceLogin)) {
     logSettingsProblem(*m_pSnapInfo);
     m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to set login count.");
     m_iErrorCode = VT_HDS_ERROR_LOGIN_FAILED;

@@ -127,6 +127,16 @@ class HdsctlJob : public ::testing::Test {
 
   int loginCount() const { return hdstest::loginCount(env); }
 
+  // Matching calls succeed with this text for output, every time.
+  void answerGarbage(const std::string& match, const std::string& text) {
+    SimFault f;
+    f.match = match;
+    f.exitCode = 0;
+    f.out = text;
+    f.times = -1;
+    sim.addFault(f);
+  }
+
   void fault(const std::string& match, int times) {
     SimFault f;
     f.match = match;
@@ -138,14 +148,17 @@ class HdsctlJob : public ::testing::Test {
 };
 
 TEST_F(HdsctlJob, CompletesAndKeepsAnExistingHostGroup) {
-  hdstest::writeFile(jobFile, R"({"name": "ok", "pool": 0, "pvols": ["104", 105],
+  // P-VOLs out of order: pairs are matched and reported in the job file's order.
+  hdstest::writeFile(jobFile, R"({"name": "ok", "pool": 0, "pvols": [105, "104"],
                                   "svols": [3000, 3001],
                                   "present": {"port": "CL1-A", "host_group": "1A-G00"}})");
   ToolResult r = runTool({hdsctlPath(), "job", jobFile, "--json"});
   ASSERT_EQ(r.exitCode, 0) << r.err;
   json summary = json::parse(r.out);
+  EXPECT_EQ(summary["pairs"][0]["pvol"], "105");
+  EXPECT_EQ(summary["pairs"][0]["svol"], "3000");
+  EXPECT_EQ(summary["pairs"][0]["lun"], "CL1-A-0-1");
   EXPECT_EQ(summary["pairs"][1]["svol"], "3001");
-  EXPECT_EQ(summary["pairs"][1]["lun"], "CL1-A-0-1");
   EXPECT_EQ(arrayState(sim), before);
 }
 
@@ -253,16 +266,33 @@ TEST_F(HdsctlJob, AnLdevNotReadAmongOthersIsReadAgain) {
   EXPECT_NE(failureMessage(r.err).find("(error 62601)"), std::string::npos) << r.err;
 }
 
-// An S-VOL number that reads back as defined after its creation failed is another host's, or the
-// job's own whose creation could not be confirmed: it is named, never deleted, and a job that
-// chose its numbers goes on with the next free one.
-TEST_F(HdsctlJob, NumberDefinedAfterAFailedCreationIsNamedAndSkipped) {
-  fault("get command_status", 1);
-  ToolResult r = runTool({hdsctlPath(), "job", jobFile, "--json"});
+// An S-VOL number defined by another between the job's choice and its creation is rejected by the
+// array as already defined: that LDEV is another's, never deleted nor named as left by the job,
+// and the job goes on with the next free number. One that reads back as defined after a creation
+// whose outcome is unknown may be the job's or another's: it is named as such, never deleted.
+TEST_F(HdsctlJob, NumberDefinedMeanwhileIsNeverTakenForTheJobs) {
+  sim.addFault(slow("add ldev.*-ldev_id 2000 "));
+  ToolRun job({hdsctlPath(), "job", jobFile, "--json"});
+  waitForCall("add ldev");
+  sim.startRaidcomSession(3600);  // the other host
+  ASSERT_EQ(sim.raidcom("add ldev -ldev_id 2000 -capacity 1024 -pool 0", 3600).exitCode, 0);
+  ToolResult r = job.finish();
   EXPECT_EQ(r.exitCode, 0) << r.err;
   json summary = json::parse(r.out);
+  EXPECT_EQ(summary["leftOnArray"], json::array());
+  EXPECT_EQ(summary["steps"][3]["detail"],
+            "3 S-VOLs in pool 0 (LDEV 2000 defined by another meanwhile: skipped, not the job's)");
+  EXPECT_EQ(summary["pairs"][0]["svol"], "2003");
+  ASSERT_EQ(sim.raidcom("delete ldev -ldev_id 2000", 3600).exitCode, 0);
+  EXPECT_EQ(arrayState(sim), before);
+
+  fault("get command_status", 1);
+  r = runTool({hdsctlPath(), "job", jobFile, "--json"});
+  EXPECT_EQ(r.exitCode, 0) << r.err;
+  summary = json::parse(r.out);
   EXPECT_EQ(summary["leftOnArray"],
-            json::array({"S-VOL 2000 (defined after its creation failed)"}));
+            json::array({"LDEV 2000 (defined after the job's creation of it failed; not deleted, "
+                         "as it may be another's)"}));
   EXPECT_EQ(summary["pairs"][0]["svol"], "2003");
 }
 
@@ -364,35 +394,55 @@ TEST_F(HdsctlJob, TwinsDoNotShareTheirObjects) {
   EXPECT_EQ(loginCount(), 0);
 }
 
-// A listing that keeps answering garbage proves nothing: what it was to show gone is left for
-// hdsctl recover, never reported removed.
+// A listing that keeps answering garbage proves nothing, be it rows that are not pairs or one
+// line with no header, which must not pass for an empty listing: what it was to show gone is left
+// for hdsctl recover, never reported removed.
 TEST_F(HdsctlJob, GarbageListingsRemoveNothingUnverified) {
-  SimFault garbage;
-  garbage.match = "get snapshot";
-  garbage.exitCode = 0;
-  garbage.out =
-      "garbage line with many words and not one number in it\n"
-      "more garbage line with many words and not one number in it\n";
-  garbage.times = -1;
-  sim.addFault(garbage);
-  ToolResult r = runTool({hdsctlPath(), "job", jobFile, "--json"});
+  for (const char* text : {"garbage line with many words and not one number in it\n"
+                           "more garbage line with many words and not one number in it\n",
+                           "garbage\n"}) {
+    SCOPED_TRACE(text);
+    answerGarbage("get snapshot -[ls]", text);  // past the check that the group's name is free
+    ToolResult r = runTool({hdsctlPath(), "job", jobFile, "--json"});
+    EXPECT_EQ(r.exitCode, 1);
+    json summary = json::parse(r.out);
+    EXPECT_EQ(summary["failedStep"], "snapshot create");
+    for (const json& removed : summary["removed"]) {
+      EXPECT_EQ(removed.get<std::string>().find("snapshot"), std::string::npos) << removed;
+    }
+    EXPECT_NE(summary["leftOnArray"].dump().find("snapshot pairs of KS_SNAP_t (S-VOLs 2000, "
+                                                 "2001, 2002) (left for `hdsctl recover`)"),
+              std::string::npos)
+        << summary["leftOnArray"];
+    EXPECT_TRUE(summary["leftForRecover"].get<bool>());
+
+    sim.admin({"fault", "clear"});
+    r = runTool({hdsctlPath(), "recover", "t"});
+    EXPECT_EQ(r.exitCode, 0) << r.out << r.err;
+    EXPECT_EQ(arrayState(sim), before);
+    EXPECT_EQ(loginCount(), 0);
+  }
+
+  // The list of device groups answers one line of garbage once the job has read it for its
+  // P-VOLs; the groups' removal then cannot be read back.
+  sim.admin({"journal", "--clear"});
+  sim.addFault(slow("add ldev"));
+  fault("add snapshot", -1);
+  ToolRun job({hdsctlPath(), "job", jobFile, "--json"});
+  waitForCall("add ldev");
+  answerGarbage("^get device_grp -I", "garbage\n");
+  ToolResult r = job.finish();
   EXPECT_EQ(r.exitCode, 1);
   json summary = json::parse(r.out);
-  EXPECT_EQ(summary["failedStep"], "snapshot create");
-  for (const json& removed : summary["removed"]) {
-    EXPECT_EQ(removed.get<std::string>().find("snapshot"), std::string::npos) << removed;
-  }
-  EXPECT_NE(summary["leftOnArray"].dump().find("snapshot pairs of KS_SNAP_t (S-VOLs 2000, 2001, "
-                                               "2002) (left for `hdsctl recover`)"),
-            std::string::npos)
+  EXPECT_EQ(summary["failedStep"], "snapshot group add");
+  EXPECT_EQ(summary["removed"].dump().find("device groups"), std::string::npos)
+      << summary["removed"];
+  EXPECT_NE(summary["leftOnArray"].dump().find("device groups"), std::string::npos)
       << summary["leftOnArray"];
-  EXPECT_TRUE(summary["leftForRecover"].get<bool>());
-
   sim.admin({"fault", "clear"});
   r = runTool({hdsctlPath(), "recover", "t"});
   EXPECT_EQ(r.exitCode, 0) << r.out << r.err;
   EXPECT_EQ(arrayState(sim), before);
-  EXPECT_EQ(loginCount(), 0);
 }
 
 // An array that stops answering: the clean-up stops at its first call that meets the command

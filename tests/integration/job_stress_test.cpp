@@ -172,6 +172,10 @@ TEST_F(JobStress, KilledJobHoldsUpNoJobAfterIt) {
   // ends that session, the next job's first command meets the expired session, logs in anew and
   // counts only its own session, so the count is right again after it.
   EXPECT_EQ(loginCount(), 1);
+  // The command the killed job had started runs to its end on its own.
+  hdstest::waitUntil([this] {
+    return hdstest::processesWithEnvironment("CCISIM_STATE=" + env.simState()).empty();
+  });
   sim.expireSessions();
   ToolResult after = hdstest::runTool(
       {hdstest::hdsctlPath(), "job",
@@ -180,10 +184,24 @@ TEST_F(JobStress, KilledJobHoldsUpNoJobAfterIt) {
   EXPECT_EQ(loginCount(), 0);
   EXPECT_FALSE(sessionOpen()) << "a session is open";
 
-  // The command the killed job had started runs to its end on its own.
-  hdstest::waitUntil([this] {
-    return hdstest::processesWithEnvironment("CCISIM_STATE=" + env.simState()).empty();
-  });
+  // The count started anew without the killed job's session: recovering the job beside a live
+  // session gives back what the job made, but not a session the count no longer holds, which
+  // would count off (and log out) the live one.
+  sim.admin({"journal", "--clear"});
+  hdstest::SimFault slow;
+  slow.match = "get ldev";
+  slow.delayMs = 3000;
+  sim.addFault(slow);
+  ToolRun live({hdstest::hdsctlPath(), "ldevs"});
+  hdstest::waitUntil([this] { return hdstest::hasCalled(sim, "get ldev"); });
+  ToolResult recover = hdstest::runTool({hdstest::hdsctlPath(), "recover", "k"});
+  EXPECT_EQ(recover.exitCode, 0) << recover.out << recover.err;
+  EXPECT_NE(recover.out.find("the login count started anew without it"), std::string::npos)
+      << recover.out;
+  EXPECT_EQ(loginCount(), 1) << "the live session's";
+  EXPECT_EQ(live.finish().exitCode, 0);
+  EXPECT_EQ(loginCount(), 0);
+  EXPECT_FALSE(sessionOpen()) << "a session is open";
 }
 
 }  // namespace

@@ -55,6 +55,16 @@ TEST(Text, ColumnsSplitAtWhiteSpaceOrAtBlanksOnly) {
   EXPECT_EQ(hds::text::skipSeparators(static_cast<const char*>(nullptr)), nullptr);
 }
 
+// Nothing, or a header alone, is an empty table; a line of garbage or a message is not.
+TEST(Text, OnlyNothingOrAHeaderAloneIsAnEmptyTable) {
+  EXPECT_TRUE(hds::text::isEmptyTable("", "PORT"));
+  EXPECT_TRUE(hds::text::isEmptyTable(" \r\n\n", "PORT"));
+  EXPECT_TRUE(hds::text::isEmptyTable("\nLDEV_GROUP   Serial#\n", "ldev_group"));
+  EXPECT_FALSE(hds::text::isEmptyTable("garbage\n", "PORT"));
+  EXPECT_FALSE(hds::text::isEmptyTable("PORTS\n", "PORT"));
+  EXPECT_FALSE(hds::text::isEmptyTable("PORT GID\nnot a row\n", "PORT"));
+}
+
 TEST(ArrayModels, ExactCaseSensitiveLookupWithTheLargestRangeAsFallback) {
   EXPECT_EQ(getMaxLdevIdForArrayType("M850S2F"), 32767);
   EXPECT_EQ(getMaxLdevIdForArrayType("M8S"), 2047);

@@ -9,6 +9,7 @@
 #include <iostream>
 #include <memory>
 
+#include "hds/raidcom/LoginCount.h"
 #include "tools/hdsctl/HostReady.h"
 #include "tools/hdsctl/JobRun.h"
 #include "tools/hdsctl/Output.h"
@@ -108,10 +109,15 @@ bool recoverHeld(Context& ctx, const std::string& name, std::ostream& out) {
     }
     for (const UndoEntry& e : c.open) {
       if (e.kind != "session") continue;
-      // A count written in an earlier boot is void already; lowering it would count off a
-      // session of this boot.
+      // Giving back a session the count no longer holds would count off another process's. A
+      // count written in an earlier boot is void already; and the count holds, besides this
+      // recover's own session, the dead one's only while it has not started anew since the job
+      // logged in (a forced login counts its own session alone).
+      const int generation = readLoginGeneration(array.serial);
       if (c.boot != bootIdentity()) {
         out << "  session: counted in an earlier boot of this host, nothing to give back\n";
+      } else if (e.args.value("generation", generation) != generation || session.loginCount() < 2) {
+        out << "  session: the login count started anew without it, nothing to give back\n";
       } else if (session.handler().performLogout() != 0) {
         out << "  not given back: the session: " << handlerError(session.handler()) << "\n";
         left.push_back("the session's login count");

@@ -1,9 +1,11 @@
 #pragma once
 
+#include <map>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
+#include "hds/common/HDSRecords.h"
 #include "tools/hdsctl/Commands.h"
 
 namespace hdsctl {
@@ -31,12 +33,9 @@ std::string readJobFile(const std::string& path);
 // A job name becomes part of a file name and of a lock name; UsageError when it cannot.
 void checkJobName(const std::string& name);
 
-// One P-VOL of a job and what the job made for it.
-struct JobPair {
-  std::string pvol, svol, label;
-  uint64_t capacity = 0;
-  int mpBlade = 0;
-  std::string status, mirrorUnit, lun;
+// What the pair map of a job cannot hold: the state its snapshot listing last gave a pair.
+struct JobPairState {
+  std::string status, mirrorUnit;
 };
 
 struct JobStepRecord {
@@ -54,10 +53,15 @@ struct JobReport {
   double toolSeconds = 0;  // time those calls took; seconds - toolSeconds is hdsctl's own
   std::string failedStep, error;
   std::vector<JobStepRecord> steps;
-  std::vector<JobPair> pairs;
-  std::vector<std::string> removed;   // what the clean-up removed and read back as gone
-  std::vector<std::string> leftOver;  // what is still on the array
-  bool leftForRecover = false;        // the journal was kept for hdsctl recover
+  // The job's pairs as the library's operations take them: keyed by the P-VOL (all that they
+  // read from a key is the P-VOL before "->"), each the S-VOL record made for it. pvols gives
+  // the order of the job file.
+  std::vector<std::string> pvols;
+  std::map<std::string, hdsLdev_t> pairs;
+  std::map<std::string, JobPairState> snapshots;  // by P-VOL
+  std::vector<std::string> removed;               // what the clean-up removed and read back as gone
+  std::vector<std::string> leftOver;              // what is still on the array
+  bool leftForRecover = false;                    // the journal was kept for hdsctl recover
   nlohmann::json extra = nlohmann::json::object();  // fields the caller adds to the JSON
 };
 

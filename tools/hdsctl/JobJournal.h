@@ -12,7 +12,7 @@ namespace hdsctl {
 
 // One thing a job made on the array (or holds there) and how it is given back. kind is one of
 // "session", "lock", "svol", "device groups", "snapshots", "host group", "luns"; args holds what
-// the undo needs (LDEV numbers, names, the port).
+// the undo needs (LDEV numbers, names, the port, the login count's generation).
 struct UndoEntry {
   int id = 0;
   std::string kind;

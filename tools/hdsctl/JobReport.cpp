@@ -9,6 +9,34 @@ namespace hdsctl {
 
 using nlohmann::json;
 
+namespace {
+
+struct PairRow {
+  std::string pvol, svol;
+  uint64_t capacity;
+  std::string label, status, mirrorUnit, lun;
+};
+
+std::vector<PairRow> pairRows(const JobReport& r) {
+  std::vector<PairRow> rows;
+  for (const std::string& pvol : r.pvols) {
+    const auto pair = r.pairs.find(pvol);
+    if (pair == r.pairs.end()) continue;
+    const hdsLdev_t& svol = pair->second;
+    PairRow row{pvol, svol.ldevId, svol.capacity, svol.newLabel, "", "", ""};
+    const auto state = r.snapshots.find(pvol);
+    if (state != r.snapshots.end()) {
+      row.status = state->second.status;
+      row.mirrorUnit = state->second.mirrorUnit;
+    }
+    if (!svol.lunPaths.empty()) row.lun = lunPathText(svol.lunPaths.front());
+    rows.push_back(row);
+  }
+  return rows;
+}
+
+}  // namespace
+
 void printJobReport(const JobReport& r, bool asJson) {
   if (asJson) {
     json steps = json::array();
@@ -17,7 +45,7 @@ void printJobReport(const JobReport& r, bool asJson) {
           {{"step", s.name}, {"detail", s.detail}, {"seconds", s.seconds}, {"ok", s.ok}});
     }
     json pairs = json::array();
-    for (const JobPair& p : r.pairs) {
+    for (const PairRow& p : pairRows(r)) {
       pairs.push_back({{"pvol", p.pvol},
                        {"svol", p.svol},
                        {"capacity", p.capacity},
@@ -53,7 +81,7 @@ void printJobReport(const JobReport& r, bool asJson) {
               << fixed2(r.toolSeconds) << " s in the tools, " << fixed2(r.seconds - r.toolSeconds)
               << " s outside them\n";
     Table table({"P-VOL", "S-VOL", "CAPACITY(BLK)", "LABEL", "SNAPSHOT", "MU", "LUN"});
-    for (const JobPair& p : r.pairs) {
+    for (const PairRow& p : pairRows(r)) {
       table.addRow(
           {p.pvol, p.svol, std::to_string(p.capacity), p.label, p.status, p.mirrorUnit, p.lun});
     }

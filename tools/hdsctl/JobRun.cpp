@@ -5,6 +5,7 @@
 #include <stdio.h>
 
 #include <algorithm>
+#include <cctype>
 #include <chrono>
 #include <functional>
 #include <iostream>
@@ -14,6 +15,7 @@
 
 #include "hds/common/HDSConstants.h"
 #include "hds/platform/VtNamedMutex.h"
+#include "hds/raidcom/LoginCount.h"
 #include "tools/hdsctl/Output.h"
 
 namespace hdsctl {
@@ -59,6 +61,7 @@ class JobRun {
         m_sSnapshotGroup(kSnapshotGroupPrefix + m_oSpec.name) {
     m_oReport.job = m_oSpec.name;
     m_oReport.serial = m_oSpec.array.serial;
+    m_oReport.pvols = m_oSpec.pvols;
   }
 
   int run(const json& extra);
@@ -78,10 +81,13 @@ class JobRun {
   std::unique_ptr<Undoer> m_pUndoer;
   std::unique_ptr<VtNamedMutex> m_pSvolLock;
   JobReport m_oReport;
-  std::vector<JobPair>& m_oPairs = m_oReport.pairs;
+  // The job's state, passed to the library as it is (see JobReport::pairs).
+  std::map<std::string, hdsLdev_t>& m_oPairs = m_oReport.pairs;
   // What the job made and holds, newest last; the journal has each entry before its call.
   std::vector<UndoEntry> m_oUndo;
   int m_iNextUndoId = 1;
+  // S-VOL numbers the array rejected as already defined: another's, passed over.
+  std::vector<std::string> m_oTakenByOthers;
 
   RaidcomCommandHandler& h() { return m_pSession->handler(); }
   void require(int rc, const std::string& what) { m_pSession->require(rc, what); }
@@ -94,14 +100,17 @@ class JobRun {
   void popNewest(const std::string& kind);
   std::vector<std::string> svolIds() const;
 
-  std::map<std::string, hdsLdev_t> pairMap(size_t from = 0, size_t count = SIZE_MAX) const;
+  // The pair of one P-VOL alone, for a call that acts on one pair.
+  std::map<std::string, hdsLdev_t> onePair(const std::string& pvol) const {
+    return {{pvol, m_oPairs.at(pvol)}};
+  }
   std::vector<hdsLdev_t> ldevRecords(const std::vector<std::string>& ids) const;
   void readLdevs(std::vector<hdsLdev_t>& ldevs, const std::string& what);
   void checkLabels();
   void checkDeviceGroup(const std::string& group, bool pvolSide);
   void waitForSnapshots(const std::string& status);
   std::vector<std::string> freeNumbers(size_t count, long from);
-  bool createSvol(size_t index);
+  bool createSvol(const std::string& pvol);
 
   std::string openSession();
   std::string readPvols();
@@ -164,30 +173,18 @@ void JobRun::popNewest(const std::string& kind) {
 
 std::vector<std::string> JobRun::svolIds() const {
   std::vector<std::string> ids;
-  for (const JobPair& p : m_oPairs) ids.push_back(p.svol);
+  for (const std::string& pvol : m_oSpec.pvols) ids.push_back(m_oPairs.at(pvol).ldevId);
   return ids;
-}
-
-std::map<std::string, hdsLdev_t> JobRun::pairMap(size_t from, size_t count) const {
-  std::map<std::string, hdsLdev_t> pairs;
-  for (size_t i = from; i < m_oPairs.size() && i - from < count; ++i) {
-    const JobPair& p = m_oPairs[i];
-    hdsLdev_t& svol = pairs[p.pvol + VT_HDS_PAIR_SEPARATOR + p.svol];
-    svol.serialNumber = m_oSpec.array.serial;
-    svol.ldevId = p.svol;
-    svol.capacity = p.capacity;
-    svol.mpBladeId = p.mpBlade;
-    svol.newLabel = p.label;
-  }
-  return pairs;
 }
 
 std::string JobRun::openSession() {
   m_pSession.reset(new ArraySession(m_oCtx.log, m_oSpec.array));
   m_pUndoer.reset(new Undoer(*m_pSession, m_oSpec.array.serial));
   // Noted once the login is counted, never before: a recover that gave back a session the job
-  // never counted would end the session of another process.
-  push("session", {{"serial", m_oSpec.array.serial}});
+  // never counted would end the session of another process. For the same reason with the
+  // count's generation: a count that has started anew since (a forced login) no longer holds it.
+  push("session", {{"serial", m_oSpec.array.serial},
+                   {"generation", readLoginGeneration(m_oSpec.array.serial)}});
   push("lock");
   require(h().lockResource(), "cannot lock the resource group");
   return "array " + m_oSpec.array.serial + ", resource group " +
@@ -230,11 +227,11 @@ std::string JobRun::readPvols() {
     if (l.capacity == 0 || l.volAttr == VT_HDS_VOL_NOT_DEFINED) {
       throw Failure("P-VOL " + l.ldevId + " is not a defined LDEV");
     }
-    JobPair p;
-    p.pvol = l.ldevId;
-    p.capacity = l.capacity;
-    p.mpBlade = l.mpBladeId;
-    m_oPairs.push_back(p);
+    // The S-VOL of the pair: as large as its P-VOL, on the same MP blade.
+    hdsLdev_t& svol = m_oPairs[l.ldevId];
+    svol.serialNumber = m_oSpec.array.serial;
+    svol.capacity = l.capacity;
+    svol.mpBladeId = l.mpBladeId;
     total += l.capacity;
   }
 
@@ -264,8 +261,8 @@ std::vector<std::string> JobRun::freeNumbers(size_t count, long from) {
   require(h().getLdevlList(defined, filters), "cannot list the defined LDEVs");
   std::set<long> taken;
   for (const hdsLdev_t& l : defined) taken.insert(std::atol(l.ldevId.c_str()));
-  for (const JobPair& p : m_oPairs) {
-    if (!p.svol.empty()) taken.insert(std::atol(p.svol.c_str()));
+  for (const auto& pair : m_oPairs) {
+    if (!pair.second.ldevId.empty()) taken.insert(std::atol(pair.second.ldevId.c_str()));
   }
   int maxLdev = 0;
   h().getMaxLdevNumber(maxLdev);
@@ -292,7 +289,9 @@ std::string JobRun::chooseSvols() {
   if (chosen.empty()) {
     long from = m_oSpec.svolFirst;
     if (from < 0) {
-      for (const JobPair& p : m_oPairs) from = std::max(from, std::atol(p.pvol.c_str()) + 1);
+      for (const std::string& pvol : m_oSpec.pvols) {
+        from = std::max(from, std::atol(pvol.c_str()) + 1);
+      }
     }
     chosen = freeNumbers(m_oPairs.size(), from);
   } else {
@@ -304,54 +303,73 @@ std::string JobRun::chooseSvols() {
       }
     }
   }
-  for (size_t i = 0; i < m_oPairs.size(); ++i) {
-    JobPair& p = m_oPairs[i];
-    p.svol = chosen[i];
-    p.label = (VT_HDS_LDEV_LABEL_PREFIX + p.pvol + "_" + m_oSpec.name)
-                  .substr(0, static_cast<size_t>(VT_HDS_MAX_LDEV_LABEL_NAME));
+  for (size_t i = 0; i < m_oSpec.pvols.size(); ++i) {
+    const std::string& pvol = m_oSpec.pvols[i];
+    hdsLdev_t& svol = m_oPairs.at(pvol);
+    svol.ldevId = chosen[i];
+    svol.newLabel = (VT_HDS_LDEV_LABEL_PREFIX + pvol + "_" + m_oSpec.name)
+                        .substr(0, static_cast<size_t>(VT_HDS_MAX_LDEV_LABEL_NAME));
   }
-  return "LDEVs " + m_oPairs.front().svol +
-         (m_oPairs.size() > 1 ? " to " + m_oPairs.back().svol : "");
+  return "LDEVs " + chosen.front() + (chosen.size() > 1 ? " to " + chosen.back() : "");
 }
 
-bool JobRun::createSvol(size_t index) {
-  JobPair& p = m_oPairs[index];
-  push("svol", {{"ldev", p.svol}});
+bool JobRun::createSvol(const std::string& pvol) {
+  const std::string svol = m_oPairs.at(pvol).ldevId;
+  push("svol", {{"ldev", svol}});
   const int id = m_oUndo.back().id;
-  if (h().createSvol(pairMap(index, 1), m_oSpec.pool) == 0) return true;
+  if (h().createSvol(onePair(pvol), m_oSpec.pool) == 0) return true;
   const std::string error = handlerError(h());
-  std::vector<hdsLdev_t> one = ldevRecords({p.svol});
+  // The array's own word on the creation: a number it rejects as already defined was another's
+  // before the job's creation ran. That LDEV is none of the job's business.
+  bool rejected = false;
+  std::string status;
+  if (h().getCommandStatus(rejected, status) == 0 && rejected) {
+    for (char& c : status) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    if (status.find("already defined") != std::string::npos) {
+      pop(id);
+      m_oTakenByOthers.push_back(svol);
+      return false;
+    }
+  }
+  std::vector<hdsLdev_t> one = ldevRecords({svol});
   try {
-    readLdevs(one, "S-VOL " + p.svol);
+    readLdevs(one, "S-VOL " + svol);
   } catch (const Failure&) {
     // Left in the journal: hdsctl recover reads it again and deletes it if it is there.
-    throw Failure("cannot create S-VOL " + p.svol + ": " + error);
+    throw Failure("cannot create S-VOL " + svol + ": " + error);
   }
   pop(id);
   if (one[0].capacity == 0 || one[0].volAttr == VT_HDS_VOL_NOT_DEFINED) {
-    throw Failure("cannot create S-VOL " + p.svol + ": " + error);
+    throw Failure("cannot create S-VOL " + svol + ": " + error);
   }
-  // Defined although the creation failed: another host took the number, or the creation ran
-  // and could not be confirmed. The job cannot tell which, so it names the LDEV and never
-  // deletes it.
-  m_oReport.leftOver.push_back("S-VOL " + p.svol + " (defined after its creation failed)");
+  // Defined although the creation failed, and the array did not say why: another host took the
+  // number, or the creation ran and could not be confirmed. The job cannot tell which, so it
+  // names the LDEV for the operator, as possibly another's, and never deletes it.
+  m_oReport.leftOver.push_back("LDEV " + svol +
+                               " (defined after the job's creation of it failed; not deleted, as "
+                               "it may be another's)");
   return false;
 }
 
 std::string JobRun::createSvols() {
-  for (size_t i = 0; i < m_oPairs.size(); ++i) {
+  for (const std::string& pvol : m_oSpec.pvols) {
     int retries = m_oSpec.svols.empty() ? kSvolNumberRetries : 0;
-    while (!createSvol(i)) {
+    std::string& svol = m_oPairs.at(pvol).ldevId;
+    while (!createSvol(pvol)) {
       if (retries-- == 0) {
-        throw Failure("cannot create S-VOL " + m_oPairs[i].svol +
+        throw Failure("cannot create S-VOL " + svol +
                       ": the number was taken while the job made it");
       }
-      const std::string taken = m_oPairs[i].svol;
-      m_oPairs[i].svol = freeNumbers(1, std::atol(taken.c_str()) + 1).front();
+      svol = freeNumbers(1, std::atol(svol.c_str()) + 1).front();
     }
   }
   m_pSvolLock.reset();
-  return std::to_string(m_oPairs.size()) + " S-VOLs in pool " + m_oSpec.pool;
+  std::string done = std::to_string(m_oPairs.size()) + " S-VOLs in pool " + m_oSpec.pool;
+  if (!m_oTakenByOthers.empty()) {
+    done += " (LDEV " + joinWords(m_oTakenByOthers, ", ") +
+            " defined by another meanwhile: skipped, not the job's)";
+  }
+  return done;
 }
 
 void JobRun::checkLabels() {
@@ -359,8 +377,9 @@ void JobRun::checkLabels() {
   std::vector<hdsLdev_t> svols = ldevRecords(ids);
   readLdevs(svols, "the S-VOLs");
   for (size_t i = 0; i < svols.size(); ++i) {
-    if (svols[i].label != m_oPairs[i].label) {
-      throw Failure("S-VOL " + ids[i] + " is not labelled " + m_oPairs[i].label + kUnconfirmed);
+    const std::string& label = m_oPairs.at(m_oSpec.pvols[i]).newLabel;
+    if (svols[i].label != label) {
+      throw Failure("S-VOL " + ids[i] + " is not labelled " + label + kUnconfirmed);
     }
   }
 }
@@ -370,8 +389,8 @@ void JobRun::checkDeviceGroup(const std::string& group, bool pvolSide) {
   require(h().getVolsInDeviceGroup(members, group), "cannot list device group " + group);
   std::set<std::string> in;
   for (const hdsLdev_t& m : members) in.insert(m.ldevId);
-  for (const JobPair& p : m_oPairs) {
-    const std::string& id = pvolSide ? p.pvol : p.svol;
+  for (const auto& pair : m_oPairs) {
+    const std::string& id = pvolSide ? pair.first : pair.second.ldevId;
     if (in.count(id) == 0) {
       std::string what = "LDEV " + id;
       what.append(" is missing from ").append(group).append(kUnconfirmed);
@@ -381,16 +400,15 @@ void JobRun::checkDeviceGroup(const std::string& group, bool pvolSide) {
 }
 
 std::string JobRun::labelSvols() {
-  require(static_cast<int>(h().modifySvolLabel(pairMap(), false)), "cannot label the S-VOLs");
+  require(static_cast<int>(h().modifySvolLabel(m_oPairs, false)), "cannot label the S-VOLs");
   checkLabels();
-  return "labels " + m_oPairs.front().label + (m_oPairs.size() > 1 ? ", ..." : "");
+  return "labels " + m_oPairs.at(m_oSpec.pvols.front()).newLabel +
+         (m_oPairs.size() > 1 ? ", ..." : "");
 }
 
 std::string JobRun::groupDevices() {
-  std::vector<std::string> pvols;
-  for (const JobPair& p : m_oPairs) pvols.push_back(p.pvol);
-  push("device groups", {{"groups", {{m_sSvolGroup, svolIds()}, {m_sPvolGroup, pvols}}}});
-  require(h().addVolsToDeviceGroup(pairMap(), m_sSvolGroup, m_sPvolGroup),
+  push("device groups", {{"groups", {{m_sSvolGroup, svolIds()}, {m_sPvolGroup, m_oSpec.pvols}}}});
+  require(h().addVolsToDeviceGroup(m_oPairs, m_sSvolGroup, m_sPvolGroup),
           "cannot make the device groups");
   checkDeviceGroup(m_sSvolGroup, false);
   checkDeviceGroup(m_sPvolGroup, true);
@@ -399,8 +417,8 @@ std::string JobRun::groupDevices() {
 
 std::string JobRun::addSnapshots() {
   push("snapshots", {{"group", m_sSnapshotGroup}, {"svols", svolIds()}});
-  require(h().addToSnapshotGroup(pairMap(), m_oSpec.pool, m_sSnapshotGroup,
-                                 m_oSpec.consistencyGroup, false),
+  require(h().addToSnapshotGroup(m_oPairs, m_oSpec.pool, m_sSnapshotGroup, m_oSpec.consistencyGroup,
+                                 false),
           "cannot add the pairs to the snapshot group");
   return std::to_string(m_oPairs.size()) + " pairs in " + m_sSnapshotGroup;
 }
@@ -415,26 +433,25 @@ void JobRun::waitForSnapshots(const std::string& status) {
     require(h().getSnapshotGroupInfo(rows, m_sSnapshotGroup),
             "cannot read snapshot group " + m_sSnapshotGroup);
     size_t reached = 0;
-    for (JobPair& p : m_oPairs) {
+    for (const auto& pair : m_oPairs) {
+      const std::string& pvol = pair.first;
+      const std::string& svol = pair.second.ldevId;
       const hdsSnapshotGroupInfo* row = nullptr;
       for (const hdsSnapshotGroupInfo& r : rows) {
-        if ((r.ldevId == p.pvol && r.partnerLdevId == p.svol) ||
-            (r.ldevId == p.svol && r.partnerLdevId == p.pvol)) {
+        if ((r.ldevId == pvol && r.partnerLdevId == svol) ||
+            (r.ldevId == svol && r.partnerLdevId == pvol)) {
           row = &r;
         }
       }
-      if (row == nullptr) {
-        throw Failure("pair " + p.pvol + VT_HDS_PAIR_SEPARATOR + p.svol + " is missing from " +
-                      m_sSnapshotGroup);
-      }
+      std::string name = pvol;
+      name.append(VT_HDS_PAIR_SEPARATOR).append(svol);
+      if (row == nullptr) throw Failure("pair " + name + " is missing from " + m_sSnapshotGroup);
       if (row->pairStatus == VT_HDS_PAIR_STATUS_ERROR) {
-        throw Failure("pair " + p.pvol + VT_HDS_PAIR_SEPARATOR + p.svol +
-                      " is suspended by an error (PSUE)");
+        throw Failure("pair " + name + " is suspended by an error (PSUE)");
       }
       if (row->pairStatus == status) {
         ++reached;
-        p.status = row->pairStatus;
-        p.mirrorUnit = row->mirrorUnit;
+        m_oReport.snapshots[pvol] = {row->pairStatus, row->mirrorUnit};
       }
     }
     if (reached == m_oPairs.size()) return;
@@ -484,11 +501,12 @@ std::string JobRun::present() {
   std::vector<hdsLun_t> luns;
   require(h().getLunsForHostGroup(port, m_sHostGroupId, luns),
           "cannot list the LUNs of " + port + "-" + m_sHostGroupId);
-  for (JobPair& p : m_oPairs) {
+  for (auto& pair : m_oPairs) {
+    hdsLdev_t& svol = pair.second;
     for (const hdsLun_t& lun : luns) {
-      if (lun.ldevId == p.svol) p.lun = lunPathText(lun);
+      if (lun.ldevId == svol.ldevId) svol.lunPaths.assign(1, lun);
     }
-    if (p.lun.empty()) throw Failure("S-VOL " + p.svol + " has no LUN on " + port);
+    if (svol.lunPaths.empty()) throw Failure("S-VOL " + svol.ldevId + " has no LUN on " + port);
   }
   return std::to_string(m_oPairs.size()) + " LUNs on " + port + "-" + m_sHostGroupId + " (" +
          m_oSpec.hostGroup + (made ? ", made for the job)" : ")");

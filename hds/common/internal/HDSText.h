@@ -77,5 +77,10 @@ int64_t toInt64(std::string_view text);
 // The same, held to the range of int.
 int toInt(std::string_view text);
 
+// For a table listing that gave no rows: true when the tool printed nothing, or its header alone
+// (a line whose first column is firstHeading, in any case). Anything else, one line of garbage or
+// a message, is output that was not read, and must never pass for "there is none".
+bool isEmptyTable(std::string_view output, std::string_view firstHeading);
+
 }  // namespace text
 }  // namespace hds
