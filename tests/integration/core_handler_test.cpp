@@ -8,6 +8,7 @@
 
 #include "hds/platform/ZoSleep.h"
 #include "tests/support/FakeTools.h"
+#include "tests/support/ProcessHelpers.h"
 
 namespace {
 
@@ -155,6 +156,7 @@ long long nameIndex(const std::string& path, long long* time = nullptr) {
 TEST_F(Handler, ScriptsAndTheirFiles) {
   expectInChild([&] {
     auto handler = h.handler();
+    hdstest::NoLeaks noLeaks;
     for (int attempt = 0; attempt < 5; ++attempt) {  // again if a second ends in between
       long long t1, t3;
       const long long first = nameIndex(handler->formInputScriptFileName(), &t1);
@@ -199,6 +201,7 @@ TEST_F(Handler, ScriptsAndTheirFiles) {
     EXPECT_TRUE(h.log.contains("Failed to change permission to delete file [" + gone + "].", 2));
     EXPECT_EQ(handler->deleteCommandFiles(h.env.tempDir()), 0);
     EXPECT_TRUE(hdstest::pathExists(h.env.tempDir()));
+    EXPECT_EQ(noLeaks.leaks(), "");
   });
   h.settings("[~iHarbor]\nnVTHDSKeepCmdOutput=1\n");
   const size_t kept = h.tempFiles("_script").size();

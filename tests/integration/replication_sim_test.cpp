@@ -14,6 +14,7 @@
 #include "hds/platform/ZoSleep.h"
 #include "hds/raidcom/RaidcomCommandHandler.h"
 #include "tests/support/FakeTools.h"
+#include "tests/support/ProcessHelpers.h"
 #include "tests/support/RecordingSnapInfo.h"
 #include "tests/support/SimArray.h"
 
@@ -131,42 +132,48 @@ class ReplicationOnSim : public ::testing::Test {
 
 TEST_F(ReplicationOnSim, SnapshotJobOf64PairsLeavesNothingBehind) {
   expectInChild([&] {
-    auto h = handler();
-    const auto pairs = newPairs(kPairs, 1000);
-    ASSERT_EQ(h->createSvol(pairs, "0"), 0u) << errorText(*h);
-    ASSERT_EQ(h->addVolsToDeviceGroup(pairs, kSvolGroup, kPvolGroup), 0) << errorText(*h);
-    std::vector<hdsLdev_t> members;
-    ASSERT_EQ(h->getVolsInDeviceGroup(members, kSvolGroup), 0);
-    ASSERT_EQ(members.size(), static_cast<size_t>(kPairs));
-    EXPECT_EQ(members[5].deviceName, "Pair_105");
-    EXPECT_EQ(members[5].ldevId, "1005");
+    // The whole job, session and handler included, leaves no descriptor and no child.
+    hdstest::NoLeaks noLeaks;
+    {
+      auto h = handler();
+      const auto pairs = newPairs(kPairs, 1000);
+      ASSERT_EQ(h->createSvol(pairs, "0"), 0u) << errorText(*h);
+      ASSERT_EQ(h->addVolsToDeviceGroup(pairs, kSvolGroup, kPvolGroup), 0) << errorText(*h);
+      std::vector<hdsLdev_t> members;
+      ASSERT_EQ(h->getVolsInDeviceGroup(members, kSvolGroup), 0);
+      ASSERT_EQ(members.size(), static_cast<size_t>(kPairs));
+      EXPECT_EQ(members[5].deviceName, "Pair_105");
+      EXPECT_EQ(members[5].ldevId, "1005");
 
-    ASSERT_EQ(h->addToSnapshotGroup(pairs, "1", kSnapshotGroup, false, false), 0) << errorText(*h);
-    for (const auto& [operation, status] :
-         std::vector<std::pair<const char*, const char*>>{{VT_HDS_SNAP_OP_CREATE, "PSUS"},
-                                                          {VT_HDS_SNAP_OP_RESYNC, "PAIR"},
-                                                          {VT_HDS_SNAP_OP_SPLIT, "PSUS"},
-                                                          {VT_HDS_SNAP_OP_RESTORE, "PAIR"}}) {
-      ASSERT_EQ(h->operateOnSnapshotGroup(kSnapshotGroup, "", operation), 0) << errorText(*h);
-      std::vector<hdsSnapshotGroupInfo> listed;
-      ASSERT_EQ(h->getSnapshotGroupInfo(listed, kSnapshotGroup), 0);
-      ASSERT_EQ(listed.size(), static_cast<size_t>(kPairs));
-      for (const hdsSnapshotGroupInfo& pair : listed) {
-        EXPECT_EQ(pair.pairStatus, status) << operation << pair.ldevId;
+      ASSERT_EQ(h->addToSnapshotGroup(pairs, "1", kSnapshotGroup, false, false), 0)
+          << errorText(*h);
+      for (const auto& [operation, status] :
+           std::vector<std::pair<const char*, const char*>>{{VT_HDS_SNAP_OP_CREATE, "PSUS"},
+                                                            {VT_HDS_SNAP_OP_RESYNC, "PAIR"},
+                                                            {VT_HDS_SNAP_OP_SPLIT, "PSUS"},
+                                                            {VT_HDS_SNAP_OP_RESTORE, "PAIR"}}) {
+        ASSERT_EQ(h->operateOnSnapshotGroup(kSnapshotGroup, "", operation), 0) << errorText(*h);
+        std::vector<hdsSnapshotGroupInfo> listed;
+        ASSERT_EQ(h->getSnapshotGroupInfo(listed, kSnapshotGroup), 0);
+        ASSERT_EQ(listed.size(), static_cast<size_t>(kPairs));
+        for (const hdsSnapshotGroupInfo& pair : listed) {
+          EXPECT_EQ(pair.pairStatus, status) << operation << pair.ldevId;
+        }
       }
-    }
-    std::vector<hdsSnapshotGroupInfo> ofSvol;
-    ASSERT_EQ(h->getSnapshotGroupList(ofSvol, "1063"), 0);
-    ASSERT_EQ(ofSvol.size(), 1u);
-    EXPECT_FALSE(ofSvol[0].isPVol);
-    EXPECT_EQ(ofSvol[0].partnerLdevId, "163");
+      std::vector<hdsSnapshotGroupInfo> ofSvol;
+      ASSERT_EQ(h->getSnapshotGroupList(ofSvol, "1063"), 0);
+      ASSERT_EQ(ofSvol.size(), 1u);
+      EXPECT_FALSE(ofSvol[0].isPVol);
+      EXPECT_EQ(ofSvol[0].partnerLdevId, "163");
 
-    for (int i = 0; i < kPairs; ++i) ASSERT_EQ(h->deleteSnapshot(std::to_string(100 + i)), 0);
-    ASSERT_EQ(h->deleteDeviceGroup(kPvolGroup), 0) << errorText(*h);
-    ASSERT_EQ(h->deleteAllSvolsInDeviceGroup(kSvolGroup), 0) << errorText(*h);
-    std::vector<std::string> groups;
-    ASSERT_EQ(h->getDeviceGroupList(groups), 0);
-    EXPECT_TRUE(groups.empty());
+      for (int i = 0; i < kPairs; ++i) ASSERT_EQ(h->deleteSnapshot(std::to_string(100 + i)), 0);
+      ASSERT_EQ(h->deleteDeviceGroup(kPvolGroup), 0) << errorText(*h);
+      ASSERT_EQ(h->deleteAllSvolsInDeviceGroup(kSvolGroup), 0) << errorText(*h);
+      std::vector<std::string> groups;
+      ASSERT_EQ(h->getDeviceGroupList(groups), 0);
+      EXPECT_TRUE(groups.empty());
+    }
+    EXPECT_EQ(noLeaks.leaks(), "");
   });
   EXPECT_EQ(changes(before, sim), "");
 }
