@@ -36,8 +36,7 @@ struct SimFault {
 SimFault failing(const std::string& match, int exitCode, const std::string& err = "",
                  int times = 1);
 
-// Output split into lines (without their line feeds) and a line split at runs of blanks, the
-// way the library reads the tools' tables.
+// Output split into lines and a line split into its columns, by the library's own text kit.
 std::vector<std::string> outputLines(const std::string& text);
 std::vector<std::string> lineWords(const std::string& line);
 
@@ -75,7 +74,8 @@ class SimArray {
   std::string toolPath(const std::string& tool) const { return cciDir() + tool; }
 
   // Runs a tool directly with these arguments, or a command line through /bin/sh -c (as the
-  // library does). Never throws; a run that could not start has exit code -1.
+  // library does). Never throws; a run that could not start or did not end within a minute fails
+  // the test and has exit code -1.
   ToolResult run(const std::string& tool, const std::vector<std::string>& args) const;
   ToolResult shell(const std::string& commandLine) const;
   // ccisim's own commands; throws std::runtime_error when one fails.
