@@ -118,12 +118,9 @@ class HdsctlJob : public ::testing::Test {
   int loginCount() const { return hdstest::loginCount(env); }
 
   void fault(const std::string& match, int times) {
-    SimFault f;
-    f.match = match;
-    f.exitCode = 1;
-    f.err = "raidcom: [EX_CMDRJE] An order to the control/command device was rejected";
-    f.times = times;
-    sim.addFault(f);
+    sim.addFault(hdstest::failing(
+        match, 1, "raidcom: [EX_CMDRJE] An order to the control/command device was rejected",
+        times));
   }
 };
 
