@@ -102,12 +102,18 @@ TEST(ProcessOutput, ExitCodesAndSignals) {
   EXPECT_EQ(r.sErr, "oops\n");
   EXPECT_EQ(run("kill -9 $$", 5000).iCode, 128 + SIGKILL);
 
-  VtProcess proc;
-  char missing[] = "/nonexistent/tool";
-  char* argv[] = {missing, nullptr};
-  std::string error;
-  EXPECT_FALSE(proc.StartProcess(argv, &error, 0));
-  EXPECT_FALSE(error.empty());
+  // A start that fails gives back its pipes.
+  hdstest::NoLeaks noLeaks;
+  {
+    VtProcess proc;
+    proc.TrapIO(true, true);
+    char missing[] = "/nonexistent/tool";
+    char* argv[] = {missing, nullptr};
+    std::string error;
+    EXPECT_FALSE(proc.StartProcess(argv, &error, 0));
+    EXPECT_FALSE(error.empty());
+  }
+  EXPECT_EQ(noLeaks.leaks(), "");
 }
 
 TEST(ProcessConcurrency, ThreadsGetTheirOwnOutput) {
