@@ -111,16 +111,21 @@ SimFault failing(const std::string& match, int exitCode, const std::string& err,
   return fault;
 }
 
-std::vector<SimJournalEntry> SimArray::journal() const {
+std::vector<SimJournalEntry> parseJournal(const std::string& jsonText) {
   std::vector<SimJournalEntry> entries;
-  for (const auto& j : nlohmann::json::parse(admin({"journal", "--json"}))) {
+  for (const auto& j : nlohmann::json::parse(jsonText)) {
     SimJournalEntry e;
     e.tool = j["tool"].get<std::string>();
     e.args = j["args"].get<std::vector<std::string>>();
     if (!j["exit"].is_null()) e.exitCode = j["exit"].get<int>();
+    e.startMs = j["time_ms"].get<int64_t>();
     entries.push_back(e);
   }
   return entries;
+}
+
+std::vector<SimJournalEntry> SimArray::journal() const {
+  return parseJournal(admin({"journal", "--json"}));
 }
 
 void SimArray::setTimings(int copyMs, int formatMs, int syncLagMs) const {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
@@ -44,7 +45,10 @@ struct SimJournalEntry {
   std::string tool;
   std::vector<std::string> args;
   std::optional<int> exitCode;
+  int64_t startMs = 0;  // wall clock
 };
+// The entries of `ccisim journal --json` output.
+std::vector<SimJournalEntry> parseJournal(const std::string& jsonText);
 
 // An emulated array for a test: the CCI tool names installed in the test's CCI directory as
 // links to ccisim, and a state in the test's $CCISIM_STATE.
