@@ -12,8 +12,6 @@
 
 #include "hds/cci/CCICommandHandler.h"
 #include "tests/support/FakeTools.h"
-#include "tests/support/RecordingSnapInfo.h"
-#include "tests/support/TestEnv.h"
 
 namespace {
 
@@ -21,20 +19,15 @@ using hdstest::expectInChild;
 using hdstest::pathExists;
 using hdstest::readFile;
 
-// One temporary host: fake tools as the CCI directory, a known host name, and a handler.
-struct Rig {
-  hdstest::TestEnv env;
-  hdstest::FakeTools tools{env.cciDir()};
-  hdstest::RecordingSnapInfo log;
+// A host with fake tools as the CCI directory and a pair handler of copy group CG1 on it.
+struct Rig : hdstest::HandlerEnv {
   std::unique_ptr<CCICommandHandler> handler;
 
-  explicit Rig(const std::string& instance = "3300", const std::string& peer = "3301") {
-    tools.addRaidqry();
-    env.writeSettings("[iHarbor]\nsVTHDSHorcmDirectory=" + env.cciDir() +
-                      "\nsClientHostName=hostA\n");
+  explicit Rig(const std::string& instance = "3300", const std::string& peer = "3301",
+               const std::string& copyGroup = "CG1") {
     HDSCLIInitParam param;
     param.serialNumber = "412345";
-    param.copyGroupName = "CG1";
+    param.copyGroupName = copyGroup;
     handler = std::make_unique<CCICommandHandler>(log, param, instance, peer);
   }
 
@@ -62,7 +55,7 @@ std::string expectedHorcmFile(const std::string& own, const std::string& other,
          "file.\n"
          "HORCM_MON\n"
          "#ip_address                  service         poll(10ms)     timeout(10ms)\n"
-         "hostA\t\t" +
+         "testhost\t\t" +
          own +
          "\t1000           3000\n"
          "\n"
@@ -79,7 +72,7 @@ std::string expectedHorcmFile(const std::string& own, const std::string& other,
          "\n"
          "HORCM_INST\n"
          "#dev_group\t        ip_address    service\n"
-         "CG1  hostA  " +
+         "CG1  testhost  " +
          other + "\n\n";
 }
 
@@ -331,25 +324,13 @@ TEST(CciOperatorText, NamesReachTheToolsWholeAndLineBreaksAreRefused) {
     EXPECT_FALSE(pathExists(rig.horcmFile(3300)));
   });
   expectInChild([] {
-    hdstest::TestEnv env;
-    hdstest::FakeTools tools{env.cciDir()};
-    tools.addRaidqry();
-    env.writeSettings("[iHarbor]\nsVTHDSHorcmDirectory=" + env.cciDir() + "\n");
-    hdstest::RecordingSnapInfo log;
-    HDSCLIInitParam param;
-    param.serialNumber = "412345";
-    param.copyGroupName = "CG1\r\nHORCM_INST";
-    CCICommandHandler handler(log, param, "-1", "-1");
-    int code = 0;
-    std::string text;
-    handler.getErrorCodeAndString(code, text);
-    EXPECT_EQ(code, 62600);
-    EXPECT_EQ(text,
-              "Invalid copy group name. It must not hold a control character such as a "
-              "line feed.");
-    EXPECT_EQ(tools.calls("raidqry"), 0);
-    EXPECT_EQ(handler.createHorcmFiles(), 1);
-    EXPECT_FALSE(pathExists(env.horcmDir() + "horcm3300.conf"));
+    Rig rig("-1", "-1", "CG1\r\nHORCM_INST");
+    rig.expectError(62600,
+                    "Invalid copy group name. It must not hold a control character such as a "
+                    "line feed.");
+    EXPECT_EQ(rig.tools.calls("raidqry"), 0);
+    EXPECT_EQ(rig.handler->createHorcmFiles(), 1);
+    EXPECT_FALSE(pathExists(rig.horcmFile(3300)));
   });
 }
 

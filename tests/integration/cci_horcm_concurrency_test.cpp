@@ -15,7 +15,6 @@
 #include "tests/support/Leftovers.h"
 #include "tests/support/ProcessHelpers.h"
 #include "tests/support/RecordingSnapInfo.h"
-#include "tests/support/TestEnv.h"
 
 namespace {
 
@@ -34,19 +33,16 @@ bool arriveAndWait(const std::string& dir, int index, int processes, const std::
 bool fileNames(const std::string& path, const std::string& own, const std::string& peer) {
   const std::string content = hdstest::readFile(path);
   const auto lines = hds::text::splitLines(content);
-  return lines.size() == 17 && lines[3] == "hostA\t\t" + own + "\t1000           3000" &&
-         lines[15] == "CG1  hostA  " + peer;
+  return lines.size() == 17 && lines[3] == "testhost\t\t" + own + "\t1000           3000" &&
+         lines[15] == "CG1  testhost  " + peer;
 }
 
 TEST(CciHorcmConcurrency, EightProcessesGetSixteenDistinctInstances) {
   constexpr int kProcesses = 8;
-  hdstest::TestEnv env;
-  hdstest::FakeTools tools(env.cciDir());
-  tools.addRaidqry();
-  tools.add("horcmstart.sh", "HORCM inst starts successfully.\n");
-  tools.add("horcmshutdown.sh", "horcmshutdown inst !!!\n");
-  env.writeSettings("[iHarbor]\nsVTHDSHorcmDirectory=" + env.cciDir() +
-                    "\nsClientHostName=hostA\n");
+  hdstest::HandlerEnv h;
+  const hdstest::TestEnv& env = h.env;
+  h.tools.add("horcmstart.sh", "HORCM inst starts successfully.\n");
+  h.tools.add("horcmshutdown.sh", "horcmshutdown inst !!!\n");
   const std::string ready = env.root() + "/ready";
   const std::string allocated = env.root() + "/allocated";
   mkdir(ready.c_str(), 0755);
@@ -85,7 +81,7 @@ TEST(CciHorcmConcurrency, EightProcessesGetSixteenDistinctInstances) {
   }
   EXPECT_EQ(numbers.size(), 2u * kProcesses);
   EXPECT_EQ(hdstest::filesIn(env.horcmDir()), std::set<std::string>{});
-  EXPECT_EQ(tools.calls("horcmstart.sh"), 2 * kProcesses);
+  EXPECT_EQ(h.tools.calls("horcmstart.sh"), 2 * kProcesses);
 }
 
 }  // namespace

@@ -19,7 +19,6 @@
 #include <map>
 #include <mutex>
 #include <nlohmann/json.hpp>
-#include <optional>
 #include <set>
 #include <stdexcept>
 #include <thread>
@@ -68,13 +67,9 @@ std::string regexQuote(const std::string& text) {
   return out;
 }
 
-struct Call {
-  std::string tool;
-  std::vector<std::string> args;
-  std::optional<int> exitCode;
+struct Call : hdstest::SimJournalEntry {
   std::string step;
-  int occurrence = 0;   // earlier calls with the same tool and arguments
-  int64_t startMs = 0;  // wall clock
+  int occurrence = 0;  // earlier calls with the same tool and arguments
 
   std::string text() const {
     std::string t = tool;
@@ -151,26 +146,15 @@ class MatrixHost {
   bool sessionOpen() const { return ccisim({"dump"}).find("\nsession ") != std::string::npos; }
   std::vector<Call> journal() const {
     std::vector<Call> calls;
-    for (const json& e : json::parse(ccisim({"journal", "--json"}))) {
-      Call c;
-      c.tool = e["tool"].get<std::string>();
-      c.args = e["args"].get<std::vector<std::string>>();
-      if (!e["exit"].is_null()) c.exitCode = e["exit"].get<int>();
-      c.startMs = e["time_ms"].get<int64_t>();
-      calls.push_back(c);
+    for (const hdstest::SimJournalEntry& e : hdstest::parseJournal(ccisim({"journal", "--json"}))) {
+      calls.push_back(Call{e});
     }
     return calls;
   }
   std::set<std::string> files(const std::string& sub) const {
     return hdstest::filesIn(m_sDir + sub);
   }
-  int loginCount() const {
-    const std::string key = std::string("sVTHDSRaidcomLockCount_") + kSerial;
-    std::string text = hdstest::readFile(m_sDir + "/etc/settings.conf");
-    size_t pos = text.find(key);
-    if (pos == std::string::npos) return -1000;
-    return atoi(text.c_str() + text.find('=', pos) + 1);
-  }
+  int loginCount() const { return hdstest::loginCount(m_sDir + "/etc/settings.conf"); }
   std::vector<std::string> liveProcesses() const {
     return hdstest::processesWithEnvironment("CCISIM_STATE=" + state());
   }

@@ -184,18 +184,18 @@ std::string checkResult(const json& report, const std::string& name) {
   return "";
 }
 
-TEST(HdsctlCli, CheckNamesWhatIsMissing) {
+TEST(HdsctlCli, CheckNamesWhatIsMissingAndDistrustsANegativeLoginCount) {
   TestEnv env;
   // No CCI directory at all.
-  std::string nowhere = env.root() + "/no-cci";
+  const std::string nowhere = env.root() + "/no-cci", partial = env.root() + "/partial/";
   ToolResult r = hdsctl({"check", "--cci-dir", nowhere});
   EXPECT_EQ(r.exitCode, 1);
   EXPECT_NE(r.out.find(nowhere + " does not exist"), std::string::npos) << r.out;
 
   // A directory with raidqry alone: every other tool is named, raidqry is not.
-  env.writeSettings("[iHarbor]\nsVTHDSHorcmDirectory = " + env.cciDir() + "\n");
-  ASSERT_EQ(symlink(SimArray::ccisimPath().c_str(), (env.cciDir() + "raidqry").c_str()), 0);
-  r = hdsctl({"check", "--json"});
+  ASSERT_EQ(mkdir(partial.c_str(), 0755), 0);
+  ASSERT_EQ(symlink(SimArray::ccisimPath().c_str(), (partial + "raidqry").c_str()), 0);
+  r = hdsctl({"check", "--json", "--cci-dir", partial});
   EXPECT_EQ(r.exitCode, 1);
   json report = json::parse(r.out);
   EXPECT_FALSE(report["ready"].get<bool>());
@@ -207,23 +207,19 @@ TEST(HdsctlCli, CheckNamesWhatIsMissing) {
   }
   EXPECT_EQ(tools.find("raidqry"), std::string::npos) << tools;
   EXPECT_EQ(tools.rfind("FAIL", 0), 0u) << tools;
-}
 
-TEST(HdsctlCli, CheckPassesOnAReadyHostAndDistrustsANegativeLoginCount) {
-  TestEnv env;
+  // A ready host passes; a negative login count is the one check that fails.
   SimArray sim(env);
   useSimArray(env, sim);
-  ToolResult r = hdsctl({"check"});
+  r = hdsctl({"check"});
   EXPECT_EQ(r.exitCode, 0) << r.out << r.err;
   EXPECT_NE(r.out.find("01-74-03/00"), std::string::npos) << r.out;
   EXPECT_NE(r.out.find("a command device of array 412345 is visible"), std::string::npos);
-
   env.writeSettings("[iHarbor]\nsVTHDSHorcmDirectory = " + env.cciDir() +
                     "\n[~iHarbor]\nsVTHDSRaidcomLockCount_412345 = -3\n");
   r = hdsctl({"check", "--json"});
   EXPECT_EQ(r.exitCode, 1);
-  json report = json::parse(r.out);
-  for (const json& c : report["checks"]) {
+  for (const json& c : json::parse(r.out)["checks"]) {
     EXPECT_EQ(c["result"] == "FAIL", c["check"] == "login count") << c.dump();
   }
 }

@@ -38,41 +38,20 @@ TEST(HdsctlDemo, RunsSixteenPairsAndLeavesTheArrayAsItFoundIt) {
   TestEnv env;
   // The demo must find ccisim next to hdsctl by itself.
   env.setEnv("CCISIM", nullptr);
-  std::string dir = env.root() + "/demo";
-  ToolResult r = runTool({hdsctlPath(), "demo", "--dir", dir});
+  const std::string dir = env.root() + "/demo", trace = env.root() + "/trace.jsonl";
+  ToolResult r = runTool({hdsctlPath(), "--trace", trace, "demo", "--json", "--dir", dir});
   ASSERT_EQ(r.exitCode, 0) << r.out << r.err;
-  EXPECT_NE(r.out.find("job demo: 16 pairs, 16 steps"), std::string::npos) << r.out;
-  for (int pvol = 100; pvol <= 115; ++pvol) {
-    EXPECT_NE(r.out.find("KS_SVOL_" + std::to_string(pvol) + "_demo  PSUS"), std::string::npos)
-        << pvol;
-  }
-  EXPECT_NE(r.out.find("the library's log is " + dir + "/hdsctl.log"), std::string::npos);
-  EXPECT_NE(readFile(dir + "/hdsctl.log").find("HDS  "), std::string::npos);
-
-  env.setEnv("CCISIM_STATE", (dir + "/ccisim.db").c_str());
-  ToolResult after = runTool({SimArray::ccisimPath(), "dump", "--json"});
-  ASSERT_EQ(after.exitCode, 0) << after.err;
-  EXPECT_EQ(json::parse(after.out)["arrays"],
-            json::parse(readFile(dir + "/array-before.json"))["arrays"]);
-  // No session, instance or command status of the job is left on the simulator either.
-  std::string dump = runTool({SimArray::ccisimPath(), "dump"}).out;
-  for (const char* kind : {"\nsession ", "\ninstance ", "\ncommand_status "}) {
-    EXPECT_EQ(dump.find(kind), std::string::npos) << kind << " left in:\n" << dump;
-  }
-}
-
-TEST(HdsctlDemo, JsonSummaryParsesAndAccountsTheCciCalls) {
-  TestEnv env;
-  const std::string trace = env.root() + "/trace.jsonl";
-  ToolResult r = runTool({hdsctlPath(), "--trace", trace, "demo", "--pvols", "2", "--json", "--dir",
-                          env.root() + "/demo"});
-  ASSERT_EQ(r.exitCode, 0) << r.err;
   json summary = json::parse(r.out);
   EXPECT_EQ(summary["result"], "ok");
-  EXPECT_EQ(summary["pairs"].size(), 2u);
+  ASSERT_EQ(summary["pairs"].size(), 16u);
+  for (const json& pair : summary["pairs"]) EXPECT_EQ(pair["pairStatus"], "PSUS") << pair;
+  EXPECT_EQ(summary["pairs"][15]["label"], "KS_SVOL_115_demo");
   EXPECT_EQ(summary["steps"].size(), 16u);
-  EXPECT_EQ(summary["directory"], env.root() + "/demo");
+  EXPECT_EQ(summary["directory"], dir);
   EXPECT_NE(r.err.find("[16/16] close session"), std::string::npos) << r.err;
+  EXPECT_NE(r.err.find("the library's log is " + dir + "/hdsctl.log"), std::string::npos);
+  EXPECT_NE(readFile(dir + "/hdsctl.log").find("HDS  "), std::string::npos);
+
   // The job's calls are the trace's first ones (the demo then stops its HORCM instances); the
   // summary counts them and adds up their time.
   const long calls = summary["cciCalls"].get<long>();
@@ -88,6 +67,17 @@ TEST(HdsctlDemo, JsonSummaryParsesAndAccountsTheCciCalls) {
   EXPECT_NEAR(summary["toolSeconds"].get<double>() + summary["outsideSeconds"].get<double>(),
               summary["seconds"].get<double>(), 1e-6);
   EXPECT_GT(summary["outsideSeconds"].get<double>(), 0);
+
+  env.setEnv("CCISIM_STATE", (dir + "/ccisim.db").c_str());
+  ToolResult after = runTool({SimArray::ccisimPath(), "dump", "--json"});
+  ASSERT_EQ(after.exitCode, 0) << after.err;
+  EXPECT_EQ(json::parse(after.out)["arrays"],
+            json::parse(readFile(dir + "/array-before.json"))["arrays"]);
+  // No session, instance or command status of the job is left on the simulator either.
+  std::string dump = runTool({SimArray::ccisimPath(), "dump"}).out;
+  for (const char* kind : {"\nsession ", "\ninstance ", "\ncommand_status "}) {
+    EXPECT_EQ(dump.find(kind), std::string::npos) << kind << " left in:\n" << dump;
+  }
 }
 
 class HdsctlJob : public ::testing::Test {
@@ -138,12 +128,9 @@ class HdsctlJob : public ::testing::Test {
   }
 
   void fault(const std::string& match, int times) {
-    SimFault f;
-    f.match = match;
-    f.exitCode = 1;
-    f.err = "raidcom: [EX_CMDRJE] An order to the control/command device was rejected";
-    f.times = times;
-    sim.addFault(f);
+    sim.addFault(hdstest::failing(
+        match, 1, "raidcom: [EX_CMDRJE] An order to the control/command device was rejected",
+        times));
   }
 };
 

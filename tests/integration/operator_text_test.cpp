@@ -23,7 +23,6 @@ using hdstest::expectInChild;
 using hdstest::pathExists;
 using hdstest::RaidcomProbe;
 using hdstest::SimArray;
-using hdstest::storedLoginCount;
 
 // What an attacker tries in each field: ending the command, command substitution in both
 // spellings, breaking out of single and of double quotes, and a second line.
@@ -99,7 +98,7 @@ TEST_F(OperatorText, AttacksThroughEveryFieldRunNothingAndCountNoLogin) {
         EXPECT_EQ(hdstest::readFile(env.horcmDir() + name).find("\ntouch "), std::string::npos);
       }
       // A failed login is never counted as a session.
-      EXPECT_LE(storedLoginCount(SimArray::kSerial), 0) << field.name << " " << attack;
+      EXPECT_LE(hdstest::loginCount(env), 0) << field.name << " " << attack;
     }
   }
 }
@@ -125,7 +124,7 @@ TEST_F(OperatorText, PolicyPasswordsLogInAndStayOutOfTheLog) {
       }
     });
   }
-  EXPECT_EQ(storedLoginCount(SimArray::kSerial), 0);
+  EXPECT_EQ(hdstest::loginCount(env), 0);
 }
 
 // The CCI directory and the temporary directory (where scripts are written and run from) both
@@ -213,7 +212,7 @@ TEST_F(OperatorText, HdsctlOptionsEnvironmentAndJobFileRunNothing) {
   EXPECT_EQ(pools({{"--password", kPolicyPasswords[1]}}).exitCode, 0);
   env.setEnv("HDSCTL_PASSWORD", kPolicyPasswords[1].c_str());
   EXPECT_EQ(pools({{"--password", ""}}).exitCode, 0);
-  EXPECT_EQ(storedLoginCount(SimArray::kSerial), 0);
+  EXPECT_EQ(hdstest::loginCount(env), 0);
 }
 
 }  // namespace

@@ -9,8 +9,8 @@
 
 #include "hds/helper/CommandHelper.h"
 #include "hds/platform/ZoSleep.h"
-#include "hds/raidcom/RaidcomCommandHandler.h"
 #include "tests/support/FakeTools.h"
+#include "tests/support/RaidcomProbe.h"
 #include "tests/support/RecordingSnapInfo.h"
 #include "tests/support/SimArray.h"
 #include "tests/support/TestEnv.h"
@@ -24,13 +24,6 @@ using hdstest::failing;
 using hdstest::SimArray;
 using hdstest::SimFault;
 using nlohmann::json;
-
-class Handler : public RaidcomCommandHandler {
- public:
-  using RaidcomCommandHandler::RaidcomCommandHandler;
-  int code() const { return m_iErrorCode; }
-  const std::string& text() const { return m_sErrorString; }
-};
 
 // The default array, plus: CL1-A listed once per attribute; a virtual storage machine "backup
 // rsg" holding LDEV 120 under virtual id 2120; device groups; host group CL2-A-3 presenting
@@ -76,14 +69,14 @@ class RaidcomPresentation : public ::testing::Test {
                       "\nsClientHostName=testhost\n");
   }
 
-  std::unique_ptr<Handler> handler(const std::string& resourceGroup = "") {
+  std::unique_ptr<hdstest::RaidcomProbe> handler(const std::string& resourceGroup = "") {
     HDSCLIInitParam p = SimArray::raidcomParam();
     p.resourceGroupName = resourceGroup;
     // A handler outside meta_resource works on the virtual storage machine of its group.
     p.isVirtualStorage = !resourceGroup.empty();
     p.virtualStorageSerial = "512345";
-    auto h = std::make_unique<Handler>(log, p);
-    EXPECT_EQ(h->code(), 0) << h->text();
+    auto h = std::make_unique<hdstest::RaidcomProbe>(log, p);
+    EXPECT_EQ(h->errorCode(), 0) << h->errorText();
     return h;
   }
 
@@ -115,35 +108,35 @@ TEST_F(RaidcomPresentation, PresentAndWithdrawLeavesTheArrayAsItWas) {
 
     // Asked for in lower case, created once under its own name, found again by any case.
     std::string hg = "ks_pre_snap_host_group";
-    ASSERT_EQ(h->findHostGroup("CL1-A", hg), 0) << h->text();
+    ASSERT_EQ(h->findHostGroup("CL1-A", hg), 0) << h->errorText();
     EXPECT_EQ(hg, "2");
     EXPECT_TRUE(log.contains("Pre snap host group [ks_pre_snap_host_group] doesn't exist", 2));
     std::string again = "KS_PRE_SNAP_HOST_GROUP";
     ASSERT_EQ(h->findHostGroup("CL1-A", again), 0);
     EXPECT_EQ(again, "2");
 
-    ASSERT_EQ(h->addWWNToHostGroup("CL1-A", hg, "10000090fa1b2c3e"), 0) << h->text();
+    ASSERT_EQ(h->addWWNToHostGroup("CL1-A", hg, "10000090fa1b2c3e"), 0) << h->errorText();
     hdsPort_t withWwn;
     ASSERT_EQ(h->getPortHostGroupList("CL1-A", "", withWwn, true, "10000090fa1b2c3e", false), 0);
     ASSERT_EQ(withWwn.hostGroups.size(), 1u);
     EXPECT_EQ(withWwn.hostGroups[0].hostGroupName, "KS_PRE_SNAP_HOST_GROUP");
 
-    ASSERT_EQ(h->mapDeviceGroupToHostGroup("KS_DEV_S_1", "CL1-A", hg), 0) << h->text();
+    ASSERT_EQ(h->mapDeviceGroupToHostGroup("KS_DEV_S_1", "CL1-A", hg), 0) << h->errorText();
     std::vector<hdsLun_t> luns;
     ASSERT_EQ(h->getLunsForHostGroup("CL1-A", hg, luns), 0);
     ASSERT_EQ(luns.size(), 2u);
     EXPECT_EQ(luns[1].ldevId, "105");
     EXPECT_EQ(luns[1].lunId, "1");
-    ASSERT_EQ(h->unmapDeviceGroupFromHostGroup("KS_DEV_S_1", "CL1-A", hg), 0) << h->text();
+    ASSERT_EQ(h->unmapDeviceGroupFromHostGroup("KS_DEV_S_1", "CL1-A", hg), 0) << h->errorText();
 
-    ASSERT_EQ(h->addCopyGroup("KS_CG_1", "KS_DEV_P_1", "KS_DEV_S_1", 0), 0) << h->text();
+    ASSERT_EQ(h->addCopyGroup("KS_CG_1", "KS_DEV_P_1", "KS_DEV_S_1", 0), 0) << h->errorText();
     std::vector<hdsCopyGroup_t> groups;
     ASSERT_EQ(h->getCopyGroup(groups, "KS_CG_1"), 0);
     ASSERT_EQ(groups.size(), 2u);
     EXPECT_EQ(groups[0].mirrorUnit, 0);
-    ASSERT_EQ(h->deleteCopyGroup("KS_CG_1"), 0) << h->text();
+    ASSERT_EQ(h->deleteCopyGroup("KS_CG_1"), 0) << h->errorText();
 
-    ASSERT_EQ(h->deleteHostGroup("CL1-A", hg), 0) << h->text();
+    ASSERT_EQ(h->deleteHostGroup("CL1-A", hg), 0) << h->errorText();
   });
   EXPECT_EQ(raidcomCalls({"[add]", "[host_grp]"}).size(), 1u);
   EXPECT_EQ(arrayState(sim), before);
@@ -152,25 +145,26 @@ TEST_F(RaidcomPresentation, PresentAndWithdrawLeavesTheArrayAsItWas) {
 TEST_F(RaidcomPresentation, NamesWithBlanksSurviveCommandsAndListings) {
   expectInChild([&] {
     auto h = handler("backup rsg");
-    ASSERT_EQ(h->createHostGroup("CL2-A", "esx cluster 7"), 0) << h->text();
+    ASSERT_EQ(h->createHostGroup("CL2-A", "esx cluster 7"), 0) << h->errorText();
     std::string hg = "ESX Cluster 7";
-    ASSERT_EQ(h->findHostGroup("CL2-A", hg), 0) << h->text();
+    ASSERT_EQ(h->findHostGroup("CL2-A", hg), 0) << h->errorText();
     EXPECT_EQ(hg, "1");
 
     // Limited to the handler's group, only the new host group is listed.
     hdsPort_t own;
-    ASSERT_EQ(h->getPortHostGroupList("CL2-A", "", own, false, "", true), 0) << h->text();
+    ASSERT_EQ(h->getPortHostGroupList("CL2-A", "", own, false, "", true), 0) << h->errorText();
     ASSERT_EQ(own.hostGroups.size(), 1u);
     EXPECT_EQ(own.hostGroups[0].hostGroupName, "esx cluster 7");
-    ASSERT_EQ(h->addWWNToHostGroup("CL2-A", "esx cluster 7", "10000090fa1b2c4d"), 0) << h->text();
+    ASSERT_EQ(h->addWWNToHostGroup("CL2-A", "esx cluster 7", "10000090fa1b2c4d"), 0)
+        << h->errorText();
     hdsHostGroup_t info;
     ASSERT_EQ(h->getHostGroupInfo("CL2-A", hg, info), 0);
     EXPECT_EQ(info.hostGroupName, "esx cluster 7");
     EXPECT_EQ(info.wwns, std::vector<std::string>{"10000090fa1b2c4d"});
     std::vector<hdsLun_t> luns;
-    ASSERT_EQ(h->getLunsForHostGroup("CL2-A", "prod hosts", luns), 0) << h->text();
+    ASSERT_EQ(h->getLunsForHostGroup("CL2-A", "prod hosts", luns), 0) << h->errorText();
     EXPECT_EQ(luns.size(), 4u);
-    ASSERT_EQ(h->deleteHostGroup("CL2-A", "esx cluster 7"), 0) << h->text();
+    ASSERT_EQ(h->deleteHostGroup("CL2-A", "esx cluster 7"), 0) << h->errorText();
     // How long a name may be is the array's to judge: a longer one still reaches it.
     h->createHostGroup("CL2-A-port-name-17", std::string(33, 'L'));
   });
@@ -186,8 +180,8 @@ TEST_F(RaidcomPresentation, HostGroupThatCannotJoinTheResourceGroupIsDeletedAgai
   expectInChild([&] {
     auto h = handler("backup rsg");
     EXPECT_EQ(h->createHostGroup("CL2-A", "KS_X"), 1);
-    EXPECT_EQ(h->code(), 62601);
-    EXPECT_EQ(h->text(), "Failed to create host group CL2-A KS_X");
+    EXPECT_EQ(h->errorCode(), 62601);
+    EXPECT_EQ(h->errorText(), "Failed to create host group CL2-A KS_X");
     EXPECT_TRUE(
         log.contains("Failed to move host group [CL2-A-KS_X] to resource group [backup rsg]", 2));
     // In meta_resource nothing is moved.
@@ -208,18 +202,18 @@ TEST_F(RaidcomPresentation, MappingAndUnmappingOutcomes) {
     auto h = handler();
     EXPECT_EQ(h->mapLdevToHostGroup("100", "CL2-A", "3"), 0);
     EXPECT_TRUE(log.contains("Ldev [100] is already mapped to host group [CL2-A-3]", 2));
-    EXPECT_EQ(h->code(), 0);
+    EXPECT_EQ(h->errorCode(), 0);
 
     failDelete("LU is executing host I/O");
     EXPECT_EQ(h->unmapLdevFromHostGroup("100", "CL2-A", "3"), 1);
-    EXPECT_EQ(h->code(), 2);
-    EXPECT_EQ(h->text(), "Failed to unmap ldev 100 from host group CL2-A 3");
+    EXPECT_EQ(h->errorCode(), 2);
+    EXPECT_EQ(h->errorText(), "Failed to unmap ldev 100 from host group CL2-A 3");
     failDelete("It is the last path of Snapshot");
     EXPECT_EQ(h->unmapLdevFromHostGroup("100", "CL2-A", "3"), 1);
-    EXPECT_EQ(h->code(), 3);
+    EXPECT_EQ(h->errorCode(), 3);
     failDelete("Something else");
     EXPECT_EQ(h->unmapLdevFromHostGroup("100", "CL2-A", "3"), 1);
-    EXPECT_EQ(h->code(), 62601);
+    EXPECT_EQ(h->errorCode(), 62601);
 
     EXPECT_EQ(h->unmapLdevFromHostGroup("100", "CL2-A", "3"), 0);
     EXPECT_EQ(h->unmapLdevFromHostGroup("100", "CL2-A", "3"), 0);  // exit 205: already gone
@@ -236,7 +230,7 @@ TEST_F(RaidcomPresentation, LdevLeavesTheVirtualStorageMachineInOrderUnderItsLoc
       VTHDSLock held(log, "VT_HDS_VSM_OP_LOCK_412345", 0);
       ASSERT_TRUE(held.isLocked());
       EXPECT_EQ(h->unreserveFromVSM("120", "2120", VT_HDS_RESOURCE_TYPE_LDEV), 1);
-      EXPECT_EQ(h->text(),
+      EXPECT_EQ(h->errorText(),
                 "Failed to acquire mutex-[VT_HDS_VSM_OP_LOCK_412345] to un-reserve [120] from VSM");
     }
     // While the first command runs, nobody else gets the lock.
@@ -250,7 +244,7 @@ TEST_F(RaidcomPresentation, LdevLeavesTheVirtualStorageMachineInOrderUnderItsLoc
       VTHDSLock other(log);
       heldMeanwhile = !other.lock("VT_HDS_VSM_OP_LOCK_412345", 1);
     });
-    EXPECT_EQ(h->unreserveFromVSM("120", "2120", VT_HDS_RESOURCE_TYPE_LDEV), 0) << h->text();
+    EXPECT_EQ(h->unreserveFromVSM("120", "2120", VT_HDS_RESOURCE_TYPE_LDEV), 0) << h->errorText();
     probe.join();
     EXPECT_TRUE(heldMeanwhile);
   });
@@ -278,7 +272,7 @@ TEST_F(RaidcomPresentation, UsableMirrorUnitsOfRemotePairs) {
     ldevs[1].ldevId = "101";
     std::map<int, std::vector<hdsPairStatus_t>> pairs;
     std::vector<int> mus;
-    ASSERT_EQ(h->getRemoteReplicationInfo("CL2-A-3", ldevs, pairs, mus), 0) << h->text();
+    ASSERT_EQ(h->getRemoteReplicationInfo("CL2-A-3", ldevs, pairs, mus), 0) << h->errorText();
     EXPECT_EQ(mus, std::vector<int>{0});
     EXPECT_EQ(pairs[0].size(), 2u);
     EXPECT_EQ(pairs[1].size(), 1u);
@@ -297,7 +291,7 @@ TEST_F(RaidcomPresentation, UsableMirrorUnitsOfRemotePairs) {
     ldevs.resize(4);
     ldevs[2].ldevId = "102";
     ldevs[3].ldevId = "110";
-    ASSERT_EQ(h->getPairInfoForHostGroup("CL2-A-3", ldevs, pairs), 0) << h->text();
+    ASSERT_EQ(h->getPairInfoForHostGroup("CL2-A-3", ldevs, pairs), 0) << h->errorText();
     ASSERT_EQ(pairs.size(), 1u);
     ASSERT_EQ(pairs[0].size(), 1u);
     EXPECT_EQ(pairs[0][0].ldevId, "102");

@@ -8,6 +8,7 @@
 
 #include <functional>
 
+#include "hds/platform/VTPlatformInfo.h"
 #include "hds/platform/ZoSleep.h"
 #include "hds/platform/internal/SettingsText.h"
 #include "tests/support/FakeTools.h"
@@ -16,6 +17,7 @@
 #include "tests/support/RaidcomProbe.h"
 #include "tests/support/RecordingSnapInfo.h"
 #include "tests/support/SimArray.h"
+#include "tests/support/ToolRun.h"
 
 namespace {
 
@@ -26,7 +28,6 @@ using hdstest::readFile;
 using hdstest::SimArray;
 using hdstest::SimFault;
 using hdstest::SimJournalEntry;
-using hdstest::storedLoginCount;
 using hdstest::writeFile;
 
 void forEachFile(const std::string& dir, const std::function<void(const std::string&)>& fn) {
@@ -84,7 +85,7 @@ TEST_F(RaidcomSession, SixteenProcessesShareOneLogin) {
     return groups.count("meta_resource") == 1 ? 0 : 12;
   });
   EXPECT_EQ(codes, std::vector<int>(16, 0));
-  EXPECT_EQ(storedLoginCount(SimArray::kSerial), 0);
+  EXPECT_EQ(hdstest::loginCount(env), 0);
   int filesNamingArray = 0;
   forEachFile(env.horcmDir(), [&](const std::string& path) {
     filesNamingArray += readFile(path).find("CMD-412345") != std::string::npos;
@@ -124,7 +125,7 @@ TEST_F(RaidcomSession, HorcmFileIsWrittenByTheFirstHandlerAndSharedByTheNext) {
     EXPECT_EQ(first.instanceArgs(), " -IM3530 -s 412345");
     RaidcomProbe second(log, param());
     EXPECT_EQ(second.instance(), "3530");
-    EXPECT_EQ(storedLoginCount(SimArray::kSerial), 2);
+    EXPECT_EQ(hdstest::loginCount(env), 2);
   });
   EXPECT_EQ(readFile(env.horcmDir() + "horcm3530.conf"),
             "#HORCM file create by Tessaly Kestrel. Do not alter the file content or delete the "
@@ -172,7 +173,7 @@ TEST_F(RaidcomSession, MissingInputAndRefusedLogin) {
   });
   EXPECT_EQ(count("-login"), 1u);
   EXPECT_EQ(count("-logout"), 0u);
-  EXPECT_EQ(storedLoginCount(SimArray::kSerial), 0);
+  EXPECT_EQ(hdstest::loginCount(env), 0);
 }
 
 TEST_F(RaidcomSession, LoginCountDecidesWhoLogsInAndOut) {
@@ -183,7 +184,7 @@ TEST_F(RaidcomSession, LoginCountDecidesWhoLogsInAndOut) {
   expectInChild([&] {
     RaidcomProbe handler(log, param());
     EXPECT_TRUE(log.contains("login count is -ve [-2]. Something is wrong.", 2));
-    EXPECT_EQ(storedLoginCount(SimArray::kSerial), 1);
+    EXPECT_EQ(hdstest::loginCount(env), 1);
 
     VTPlatformInfo::setRegInt("~iHarbor", "sVTHDSRaidcomLockCount_412345", 3);
     EXPECT_EQ(handler.performLogin(false), 0);
@@ -194,7 +195,7 @@ TEST_F(RaidcomSession, LoginCountDecidesWhoLogsInAndOut) {
     VTPlatformInfo::setRegInt("~iHarbor", "sVTHDSRaidcomLockCount_412345", 0);
     EXPECT_EQ(handler.performLogout(), 0);
     EXPECT_TRUE(log.contains("login count is -ve [0]. Something is wrong.", 2));
-    EXPECT_EQ(storedLoginCount(SimArray::kSerial), 0);
+    EXPECT_EQ(hdstest::loginCount(env), 0);
 
     VTPlatformInfo::removeKey("~iHarbor", "sVTHDSRaidcomLockCount_412345");
     EXPECT_EQ(handler.performLogin(false), 1);
@@ -214,7 +215,7 @@ TEST_F(RaidcomSession, ExpiredLoginCostsExactlyOneRelogin) {
     EXPECT_EQ(handler.getResourceGroup(groups, false), 0);
     EXPECT_EQ(count("-login"), 2u);
     // A forced login counts only its own session.
-    EXPECT_EQ(storedLoginCount(SimArray::kSerial), 1);
+    EXPECT_EQ(hdstest::loginCount(env), 1);
 
     sim.addFault(failing("get resource", 202, "", 2));
     EXPECT_EQ(handler.getResourceGroup(groups, false), 1);
@@ -303,7 +304,7 @@ TEST_F(RaidcomSession, DestructorReleasesLockAndSessionAfterAFailureAndLeaksNoPa
   });
   EXPECT_EQ(count("unlock", "resource"), 1u);
   EXPECT_EQ(count("-logout"), 1u);
-  EXPECT_EQ(storedLoginCount(SimArray::kSerial), 0);
+  EXPECT_EQ(hdstest::loginCount(env), 0);
 
   int files = 0;
   forEachFile(env.root(), [&](const std::string& path) {
@@ -319,7 +320,7 @@ TEST_F(RaidcomSession, DelayedLogoutKeepsThePrepareSessionForTheCreateStep) {
   settings("nVTHDSEnableDelayedLogoutForSnapCreate=1\n");
   expectInChild([&] {
     { RaidcomProbe prepare(log, param()); }
-    EXPECT_EQ(storedLoginCount(SimArray::kSerial), 1);
+    EXPECT_EQ(hdstest::loginCount(env), 1);
     HDSCLIInitParam p = param();
     p.operationType = 2;
     p.horcmInstance = "3532";
@@ -330,7 +331,7 @@ TEST_F(RaidcomSession, DelayedLogoutKeepsThePrepareSessionForTheCreateStep) {
   });
   EXPECT_EQ(count("-login"), 1u);
   EXPECT_EQ(count("-logout"), 1u);
-  EXPECT_EQ(storedLoginCount(SimArray::kSerial), 0);
+  EXPECT_EQ(hdstest::loginCount(env), 0);
 }
 
 TEST_F(RaidcomSession, StoppedInstanceIsStartedAgainOnce) {

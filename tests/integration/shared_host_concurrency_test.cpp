@@ -15,6 +15,7 @@
 #include "tests/support/RaidcomProbe.h"
 #include "tests/support/RecordingSnapInfo.h"
 #include "tests/support/SimArray.h"
+#include "tests/support/ToolRun.h"
 
 namespace {
 
@@ -80,7 +81,7 @@ TEST(SharedHost, ThreadsOfSeveralProcessesShareOneSessionLockAndCounter) {
   });
   EXPECT_EQ(codes, std::vector<int>(kProcesses, 0)) << "a stage of threadWork failed";
 
-  EXPECT_EQ(hdstest::storedLoginCount(SimArray::kSerial), 0);
+  EXPECT_EQ(hdstest::loginCount(env), 0);
   EXPECT_EQ(nlohmann::json::parse(sim.dumpJson())["arrays"].dump(1), before);
   EXPECT_EQ(sim.dump().find("\nsession "), std::string::npos) << "a session was left open";
   EXPECT_EQ(hdstest::filesIn(env.tempDir()).size(), 0u) << "script files were left behind";

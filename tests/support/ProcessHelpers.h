@@ -3,6 +3,9 @@
 #include <sys/types.h>
 
 #include <functional>
+#include <map>
+#include <set>
+#include <string>
 #include <vector>
 
 namespace hdstest {
@@ -20,5 +23,19 @@ int waitChild(pid_t pid);
 bool processGroupAlive(pid_t pgid);
 // Polls processGroupAlive until it turns false or timeoutMs passes; the final answer.
 bool processGroupGone(pid_t pgid, long timeoutMs);
+
+// What a call leaves behind in this process: descriptors it opened and did not close, and
+// children it started and neither ended nor reaped. Made before the call; leaks() after it.
+class NoLeaks {
+ public:
+  NoLeaks();
+  // "" when everything open now was open before and every child now was a child before; else a
+  // line a leak: "fd 7 -> pipe:[1234]", "child 4321 (sleep) state S".
+  std::string leaks() const;
+
+ private:
+  std::map<int, std::string> m_fds;  // descriptor -> what it refers to
+  std::set<pid_t> m_children;
+};
 
 }  // namespace hdstest

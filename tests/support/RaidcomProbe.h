@@ -2,7 +2,6 @@
 
 #include <string>
 
-#include "hds/platform/VTPlatformInfo.h"
 #include "hds/raidcom/RaidcomCommandHandler.h"
 
 namespace hdstest {
@@ -17,12 +16,5 @@ class RaidcomProbe : public RaidcomCommandHandler {
   const std::string& instanceArgs() const { return m_sInstanceArgs; }
   bool loggedIn() const { return m_bLoggedIn; }
 };
-
-// The login count of an array as the settings store holds it; -1000 when absent.
-inline int storedLoginCount(const std::string& serial) {
-  int value = -1000;
-  VTPlatformInfo::getRegInt("~iHarbor", ("sVTHDSRaidcomLockCount_" + serial).c_str(), &value);
-  return value;
-}
 
 }  // namespace hdstest

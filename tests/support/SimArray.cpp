@@ -3,60 +3,29 @@
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 
-#include "hds/platform/VtProcess.h"
+#include "hds/common/HDSText.h"
+#include "tests/support/ToolRun.h"
 
 namespace hdstest {
 
 namespace {
 
 // Long enough for any simulated call; a hung one shows up as a failure, not a stuck test.
-constexpr long kToolTimeoutMs = 60000;
+constexpr int kToolTimeoutSec = 60;
 
-ToolResult runArgv(const std::vector<std::string>& argv) {
-  std::vector<char*> raw;
-  for (const std::string& a : argv) raw.push_back(const_cast<char*>(a.c_str()));
-  raw.push_back(nullptr);
-  ToolResult result;
-  VtProcess process;
-  process.TrapIO(true, true);
-  std::string error;
-  if (!process.StartProcess(raw.data(), &error, 0)) {
-    result.err = error;
-    return result;
-  }
-  if (!process.WaitForProcessToEndMs(&result.exitCode, &error, kToolTimeoutMs)) {
-    result.exitCode = -1;
-  }
-  process.GetIO(&result.out, &result.err);
-  if (!error.empty()) result.err += error;
-  return result;
-}
+ToolResult runArgv(const std::vector<std::string>& argv) { return runTool(argv, kToolTimeoutSec); }
 
 }  // namespace
 
 std::vector<std::string> outputLines(const std::string& text) {
   std::vector<std::string> lines;
-  size_t pos = 0;
-  while (pos < text.size()) {
-    size_t end = text.find('\n', pos);
-    if (end == std::string::npos) end = text.size();
-    lines.push_back(text.substr(pos, end - pos));
-    pos = end + 1;
-  }
+  for (std::string_view line : hds::text::splitLines(text)) lines.emplace_back(line);
   return lines;
 }
 
 std::vector<std::string> lineWords(const std::string& line) {
   std::vector<std::string> words;
-  size_t pos = 0;
-  while (true) {
-    pos = line.find_first_not_of(" \t", pos);
-    if (pos == std::string::npos) break;
-    size_t end = line.find_first_of(" \t", pos);
-    words.push_back(line.substr(pos, end == std::string::npos ? std::string::npos : end - pos));
-    if (end == std::string::npos) break;
-    pos = end;
-  }
+  for (std::string_view word : hds::text::splitColumns(line)) words.emplace_back(word);
   return words;
 }
 
@@ -142,16 +111,21 @@ SimFault failing(const std::string& match, int exitCode, const std::string& err,
   return fault;
 }
 
-std::vector<SimJournalEntry> SimArray::journal() const {
+std::vector<SimJournalEntry> parseJournal(const std::string& jsonText) {
   std::vector<SimJournalEntry> entries;
-  for (const auto& j : nlohmann::json::parse(admin({"journal", "--json"}))) {
+  for (const auto& j : nlohmann::json::parse(jsonText)) {
     SimJournalEntry e;
     e.tool = j["tool"].get<std::string>();
     e.args = j["args"].get<std::vector<std::string>>();
     if (!j["exit"].is_null()) e.exitCode = j["exit"].get<int>();
+    e.startMs = j["time_ms"].get<int64_t>();
     entries.push_back(e);
   }
   return entries;
+}
+
+std::vector<SimJournalEntry> SimArray::journal() const {
+  return parseJournal(admin({"journal", "--json"}));
 }
 
 void SimArray::setTimings(int copyMs, int formatMs, int syncLagMs) const {

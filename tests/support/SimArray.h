@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
@@ -36,8 +37,7 @@ struct SimFault {
 SimFault failing(const std::string& match, int exitCode, const std::string& err = "",
                  int times = 1);
 
-// Output split into lines (without their line feeds) and a line split at runs of blanks, the
-// way the library reads the tools' tables.
+// Output split into lines and a line split into its columns, by the library's own text kit.
 std::vector<std::string> outputLines(const std::string& text);
 std::vector<std::string> lineWords(const std::string& line);
 
@@ -45,7 +45,10 @@ struct SimJournalEntry {
   std::string tool;
   std::vector<std::string> args;
   std::optional<int> exitCode;
+  int64_t startMs = 0;  // wall clock
 };
+// The entries of `ccisim journal --json` output.
+std::vector<SimJournalEntry> parseJournal(const std::string& jsonText);
 
 // An emulated array for a test: the CCI tool names installed in the test's CCI directory as
 // links to ccisim, and a state in the test's $CCISIM_STATE.
@@ -75,7 +78,8 @@ class SimArray {
   std::string toolPath(const std::string& tool) const { return cciDir() + tool; }
 
   // Runs a tool directly with these arguments, or a command line through /bin/sh -c (as the
-  // library does). Never throws; a run that could not start has exit code -1.
+  // library does). Never throws; a run that could not start or did not end within a minute fails
+  // the test and has exit code -1.
   ToolResult run(const std::string& tool, const std::vector<std::string>& args) const;
   ToolResult shell(const std::string& commandLine) const;
   // ccisim's own commands; throws std::runtime_error when one fails.

@@ -61,8 +61,8 @@ std::string arrayState(const SimArray& sim) {
   return nlohmann::json::parse(sim.dumpJson())["arrays"].dump(1);
 }
 
-int loginCount(const TestEnv& env) {
-  const std::string settings = readFile(env.settingsFile());
+int loginCount(const std::string& settingsFile) {
+  const std::string settings = readFile(settingsFile);
   const size_t at = settings.find("sVTHDSRaidcomLockCount_412345");
   return at == std::string::npos ? -1000 : atoi(settings.c_str() + settings.find('=', at) + 1);
 }

@@ -40,7 +40,8 @@ void useSimArray(TestEnv& env, const SimArray& sim);
 std::string arrayState(const SimArray& sim);
 
 // The login count of array 412345 as the settings file holds it; -1000 when it holds none.
-int loginCount(const TestEnv& env);
+int loginCount(const std::string& settingsFile);
+inline int loginCount(const TestEnv& env) { return loginCount(env.settingsFile()); }
 // Polls until done() holds or the seconds have passed; whether it held.
 bool waitUntil(const std::function<bool()>& done, int seconds = 60);
 // Whether the array's journal holds a call whose first two arguments are these words ("add ldev").

@@ -10,6 +10,7 @@
 #include "hds/platform/VtNamedMutex.h"
 #include "hds/platform/VtProcess.h"
 #include "hds/platform/ZoSleep.h"
+#include "tests/support/ProcessHelpers.h"
 #include "tests/support/RecordingSnapInfo.h"
 #include "tests/support/TestEnv.h"
 
@@ -48,6 +49,7 @@ class Helper : public ::testing::Test {
 };
 
 TEST_F(Helper, RunOutcomes) {
+  hdstest::NoLeaks noLeaks;
   // Any exit code is a run that ended; standard error joins the output only when it is not 0.
   ASSERT_EQ(
       helper.RunCommandWithTimeout("echo out; echo err >&2; exit 3", output, exitCode, error, 10),
@@ -80,6 +82,7 @@ TEST_F(Helper, RunOutcomes) {
   EXPECT_EQ(observed[2].exitCode, -1);
   EXPECT_EQ(observed[3].exitCode, 4);
   EXPECT_FALSE(observed[3].timedOut);
+  EXPECT_EQ(noLeaks.leaks(), "");
 }
 
 TEST_F(Helper, LoggedCommandsNeverCarryTheLoginCredentials) {

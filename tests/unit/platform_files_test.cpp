@@ -1,7 +1,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -17,6 +16,7 @@
 #include "hds/platform/VTPI_Base.h"
 #include "hds/platform/VTPassword.h"
 #include "hds/platform/ZoSleep.h"
+#include "tests/support/ProcessHelpers.h"
 #include "tests/support/TestEnv.h"
 
 TEST(ScriptAndResponseFiles, PlantedSymlinkIsNeverFollowed) {
@@ -119,28 +119,18 @@ TEST(LogFile, ConcurrentWritersNeverSplitALine) {
   const std::string path = env.root() + "/shared.log";
   const int kProcesses = 32, kLines = 100;
   const std::string body(3000, 'x');
-  std::vector<pid_t> children;
-  for (int p = 0; p < kProcesses; ++p) {
-    pid_t pid = fork();
-    ASSERT_GE(pid, 0);
-    if (pid == 0) {
-      BasicSnapInfo info;
-      if (!info.openLogFile(path)) _exit(1);
-      auto writer = [&](int t) {
-        for (int i = 0; i < kLines; ++i) info.log(2, "HDS  ", "w%d.%d %s end", p, t, body.c_str());
-      };
-      std::thread other(writer, 1);
-      writer(0);
-      other.join();
-      _exit(0);
-    }
-    children.push_back(pid);
-  }
-  for (pid_t pid : children) {
-    int status = 0;
-    ASSERT_EQ(waitpid(pid, &status, 0), pid);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-  }
+  const std::vector<int> codes = hdstest::runInChildren(kProcesses, [&](int p) {
+    BasicSnapInfo info;
+    if (!info.openLogFile(path)) return 1;
+    auto writer = [&](int t) {
+      for (int i = 0; i < kLines; ++i) info.log(2, "HDS  ", "w%d.%d %s end", p, t, body.c_str());
+    };
+    std::thread other(writer, 1);
+    writer(0);
+    other.join();
+    return 0;
+  });
+  EXPECT_EQ(codes, std::vector<int>(kProcesses, 0));
   std::istringstream in(hdstest::readFile(path));
   const std::regex head("\\S+Z [0-9]+ [0-9]+ ERROR HDS   w[0-9]+\\.[01]");
   const std::string tail = " " + body + " end";

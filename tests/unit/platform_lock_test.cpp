@@ -134,18 +134,25 @@ TEST(NamedLockFiles, PlantedSymlinkIsRefusedAndDirectoryIsPrivate) {
   hdstest::writeFile(target, "keep");
   ASSERT_EQ(
       symlink(target.c_str(), VtNamedMutex::lockFilePath("VT_HDS_LOCK_RESOURCE_GROUP").c_str()), 0);
-  VtNamedMutex planted("VT_HDS_LOCK_RESOURCE_GROUP");
-  EXPECT_FALSE(planted.isValid());
-  EXPECT_NE(planted.lastError().find(strerror(ELOOP)), std::string::npos) << planted.lastError();
-  EXPECT_FALSE(planted.lock(10));
-  EXPECT_EQ(hdstest::readFile(target), "keep");
+  // Neither a refused lock nor one taken and let go keeps a descriptor.
+  hdstest::NoLeaks noLeaks;
+  {
+    VtNamedMutex planted("VT_HDS_LOCK_RESOURCE_GROUP");
+    EXPECT_FALSE(planted.isValid());
+    EXPECT_NE(planted.lastError().find(strerror(ELOOP)), std::string::npos) << planted.lastError();
+    EXPECT_FALSE(planted.lock(10));
+    EXPECT_EQ(hdstest::readFile(target), "keep");
 
-  env.setEnv("HDS_LOCK_DIR", (env.root() + "/run/lock/hds").c_str());
-  VtNamedMutex fresh("VT_HDS_HORCM_FILE_COUNT_LOCK");
-  ASSERT_TRUE(fresh.isValid()) << fresh.lastError();
-  struct stat st;
-  ASSERT_EQ(stat((env.root() + "/run/lock/hds").c_str(), &st), 0);
-  EXPECT_EQ(st.st_mode & 0077, 0u);
+    env.setEnv("HDS_LOCK_DIR", (env.root() + "/run/lock/hds").c_str());
+    VtNamedMutex fresh("VT_HDS_HORCM_FILE_COUNT_LOCK");
+    ASSERT_TRUE(fresh.isValid()) << fresh.lastError();
+    EXPECT_TRUE(fresh.lock(100));
+    fresh.unlock();
+    struct stat st;
+    ASSERT_EQ(stat((env.root() + "/run/lock/hds").c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0077, 0u);
+  }
+  EXPECT_EQ(noLeaks.leaks(), "");
 }
 
 TEST(NamedLockFiles, ChildStartedWhileHeldDoesNotKeepIt) {
