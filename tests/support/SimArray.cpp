@@ -3,7 +3,7 @@
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 
-#include "hds/common/HDSText.h"
+#include "hds/common/internal/HDSText.h"
 #include "tests/support/ToolRun.h"
 
 namespace hdstest {
