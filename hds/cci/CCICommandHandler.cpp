@@ -12,10 +12,14 @@
 
 #include "hds/common/HDSConstants.h"
 #include "hds/common/internal/HDSText.h"
+#include "hds/handler/internal/InstanceArgs.h"
 #include "hds/helper/CommandHelper.h"
 #include "hds/platform/CZoFile.h"
 
 namespace {
+
+using hds::handler::instanceArguments;
+using hds::handler::InstanceMode;
 
 const char* const kNoHorcmFile = "N/A";
 
@@ -411,8 +415,8 @@ int CCICommandHandler::pairEvtWait(std::string status, int timeout, const std::s
 }
 
 int CCICommandHandler::getQmarker(const std::string& copyGroup, std::string& qMarker) {
-  const std::string arguments =
-      " -g " + quoteArgument(copyGroup) + " -nowait -t 99999 -IH" + quoteArgument(m_sHorcmInstance);
+  const std::string arguments = " -g " + quoteArgument(copyGroup) + " -nowait -t 99999 " +
+                                instanceArguments(InstanceMode::Horc, m_sHorcmInstance);
   std::string output;
   int exitCode = 0;
   if (executeCommand(VT_HDS_CCI_PAIR_SYNC_WAIT_CMD, arguments, output, exitCode) != 0) {
@@ -437,7 +441,7 @@ int CCICommandHandler::pairSyncWait(const std::string& copyGroup, const std::str
   committed = false;
   const std::string arguments = " -g " + quoteArgument(copyGroup) + " -q " +
                                 quoteArgument(qMarker) + " -t " + CommandHelper::itoa(timeout) +
-                                " -IH" + quoteArgument(m_sHorcmInstance);
+                                " " + instanceArguments(InstanceMode::Horc, m_sHorcmInstance);
   m_pSnapInfo->log(1, VT_HDS_LOG_MODULE, "Waiting for Q-Marker [%s] to reach RCU.",
                    qMarker.c_str());
   std::string output;

@@ -10,6 +10,7 @@
 
 #include "hds/common/HDSConstants.h"
 #include "hds/common/internal/HDSText.h"
+#include "hds/handler/internal/InstanceArgs.h"
 #include "hds/platform/VTClient.h"
 #include "hds/platform/VTPI_Base.h"
 #include "hds/platform/VTPlatformInfo.h"
@@ -315,7 +316,7 @@ std::string CommandHandler::horcmFilePath(const std::string& instance) {
 }
 
 std::string CommandHandler::formInstanceOption(const std::string& instance) {
-  return " -IM" + hds::text::quoteArgument(instance);
+  return " " + hds::handler::instanceArguments(hds::handler::InstanceMode::Raidcom, instance);
 }
 
 std::string CommandHandler::shellCCIInstallPath() {

@@ -19,6 +19,8 @@
 
 namespace {
 
+using hds::raidcom::raidcom;
+
 const char* const kSyncCommandsLock = "VT_HDS_SYNC_COMMANDS";
 
 // What the tools answer when the HORCM instance is not there to serve them: the debug layer
@@ -141,7 +143,7 @@ int RaidcomCommandHandler::restartHorcmInstance(std::string const& command) {
 }
 
 int RaidcomCommandHandler::resetCommandStatus() {
-  const std::string command = std::string(VT_HDS_RAIDCOM_CMD_NAME) + " reset command_status ";
+  const std::string command = raidcom(" reset command_status ");
   std::string output;
   int exitCode = 0;
   if (executeCommand(command, m_sInstanceArgs, output, exitCode, false) != 0) {
@@ -155,7 +157,7 @@ int RaidcomCommandHandler::resetCommandStatus() {
 
 int RaidcomCommandHandler::getCommandStatus(bool& hasError, std::string& statusText) {
   hasError = false;
-  const std::string command = std::string(VT_HDS_RAIDCOM_CMD_NAME) + " get command_status ";
+  const std::string command = raidcom(" get command_status ");
   char timeOption[32];
   (void)std::snprintf(timeOption, sizeof(timeOption), " -time %d", m_iCmdRetryWait.load());
   const std::string arguments = timeOption + m_sInstanceArgs;

@@ -2,6 +2,7 @@
 // the count of handlers in it decides who logs in and who logs out.
 
 #include "hds/common/HDSConstants.h"
+#include "hds/handler/internal/InstanceArgs.h"
 #include "hds/helper/CommandHelper.h"
 #include "hds/platform/VTPlatformInfo.h"
 #include "hds/raidcom/LoginCount.h"
@@ -48,6 +49,7 @@ bool loadLoginCount(VTSO::SnapInfo& snapInfo, const std::string& serialNumber, i
 using hds::raidcom::kLoginFailedText;
 using hds::raidcom::loadLoginCount;
 using hds::raidcom::logSettingsProblem;
+using hds::raidcom::raidcom;
 
 int RaidcomCommandHandler::performLogin(bool forceLogin) {
   if (hds::raidcom::insideLoginLock()) return 1;
@@ -86,7 +88,7 @@ int RaidcomCommandHandler::performLogin(bool forceLogin) {
     return 0;
   }
 
-  const std::string command = std::string(VT_HDS_RAIDCOM_CMD_NAME) + " -login ";
+  const std::string command = raidcom(" -login ");
   // Quoted, the password reaches raidcom as typed and can never end the command early; the
   // logged form of this line stops after "-login" whatever follows.
   const std::string arguments = hds::raidcom::quoteArgument(m_sUserName) + " " +
@@ -140,8 +142,9 @@ int RaidcomCommandHandler::performLogout() {
   }
 
   // The session belongs to the instance, so the logout names the instance only.
-  const std::string command = std::string(VT_HDS_RAIDCOM_CMD_NAME) + " -logout " + "-IM" +
-                              hds::raidcom::quoteArgument(m_sHorcmInstance);
+  const std::string command =
+      raidcom(" -logout ") +
+      hds::handler::instanceArguments(hds::handler::InstanceMode::Raidcom, m_sHorcmInstance);
   std::string output;
   int exitCode = 0;
   if (executeCommand(command, "", output, exitCode, false) != 0) {

@@ -12,6 +12,8 @@
 
 namespace {
 
+using hds::raidcom::raidcom;
+
 using hds::raidcom::hostGroupReference;
 using hds::raidcom::quoteArgument;
 
@@ -52,7 +54,7 @@ const hdsHostGroup_t* matchHostGroup(hdsPort_t const& rec, std::string const& ho
 // ---- Ports
 
 int RaidcomCommandHandler::getPortList(std::vector<hdsPort_t>& ports) {
-  const std::string command = std::string(VT_HDS_RAIDCOM_CMD_NAME) + " get port ";
+  const std::string command = raidcom(" get port ");
   std::string output;
   int exitCode = 0;
   if (executeCommand(command, m_sInstanceArgs, output, exitCode, false) != 0) {
@@ -65,7 +67,7 @@ int RaidcomCommandHandler::getPortList(std::vector<hdsPort_t>& ports) {
 }
 
 int RaidcomCommandHandler::getPortLoginWWNList(std::string const& port, hdsPort_t& portRec) {
-  const std::string command = std::string(VT_HDS_RAIDCOM_CMD_NAME) + " get port ";
+  const std::string command = raidcom(" get port ");
   const std::string arguments = " -port " + quoteArgument(port) + " " + m_sInstanceArgs;
   std::string output;
   int exitCode = 0;
@@ -117,7 +119,7 @@ int RaidcomCommandHandler::getPortHostGroupList(std::string const& port,
         " -resource " + std::to_string(own->second.resourceGroupId) + " " + m_sInstanceArgs;
   }
 
-  const std::string command = std::string(VT_HDS_RAIDCOM_CMD_NAME) + " get host_grp ";
+  const std::string command = raidcom(" get host_grp ");
   std::string output;
   int exitCode = 0;
   if (executeCommand(command, arguments, output, exitCode, false) != 0) {
@@ -160,7 +162,7 @@ int RaidcomCommandHandler::getPortHostGroupList(std::string const& port,
 }
 
 int RaidcomCommandHandler::createHostGroup(std::string const& port, std::string const& hostGroup) {
-  const std::string command = std::string(VT_HDS_RAIDCOM_CMD_NAME) + " add host_grp ";
+  const std::string command = raidcom(" add host_grp ");
   const std::string arguments = " -port " + quoteArgument(port) + " -host_grp_name " +
                                 quoteArgument(hostGroup) + m_sInstanceArgs;
   std::string output;
@@ -192,7 +194,7 @@ int RaidcomCommandHandler::createHostGroup(std::string const& port, std::string 
 }
 
 int RaidcomCommandHandler::deleteHostGroup(std::string const& port, std::string const& hostGroup) {
-  const std::string command = std::string(VT_HDS_RAIDCOM_CMD_NAME) + " delete host_grp ";
+  const std::string command = raidcom(" delete host_grp ");
   const std::string arguments = " -port " + hostGroupReference(port, hostGroup) + m_sInstanceArgs;
   std::string output;
   int exitCode = 0;
@@ -210,7 +212,7 @@ int RaidcomCommandHandler::deleteHostGroup(std::string const& port, std::string 
 
 int RaidcomCommandHandler::addWWNToHostGroup(std::string const& port, std::string const& hostGroup,
                                              std::string const& wwn) {
-  const std::string command = std::string(VT_HDS_RAIDCOM_CMD_NAME) + " add hba_wwn ";
+  const std::string command = raidcom(" add hba_wwn ");
   const std::string arguments = " -port " + hostGroupReference(port, hostGroup) + " -hba_wwn " +
                                 quoteArgument(wwn) + m_sInstanceArgs;
   std::string output;
@@ -231,7 +233,7 @@ int RaidcomCommandHandler::addWWNToHostGroup(std::string const& port, std::strin
 
 int RaidcomCommandHandler::getHostGroupInfo(std::string const& port, std::string const& hostGroup,
                                             hdsHostGroup_t& hg) {
-  const std::string command = std::string(VT_HDS_RAIDCOM_CMD_NAME) + " get hba_wwn ";
+  const std::string command = raidcom(" get hba_wwn ");
   const std::string arguments = " -port " + quoteArgument(port + "-" + hostGroup) + m_sInstanceArgs;
   std::string output;
   int exitCode = 0;
@@ -303,7 +305,7 @@ int RaidcomCommandHandler::getHostGroupOfCommandDevice(std::string& hostGroup) {
 
 int RaidcomCommandHandler::mapLdevToHostGroup(std::string const& ldev, std::string const& P,
                                               std::string const& G) {
-  const std::string command = std::string(VT_HDS_RAIDCOM_CMD_NAME) + " add lun ";
+  const std::string command = raidcom(" add lun ");
   const std::string arguments = " -port " + quoteArgument(P + "-" + G) + " -ldev_id " +
                                 quoteArgument(ldev) + " " + m_sInstanceArgs;
   std::string output;
@@ -328,7 +330,7 @@ int RaidcomCommandHandler::mapLdevToHostGroup(std::string const& ldev, std::stri
 
 int RaidcomCommandHandler::mapDeviceGroupToHostGroup(std::string const& deviceGroup,
                                                      std::string const& P, std::string const& G) {
-  const std::string command = std::string(VT_HDS_RAIDCOM_CMD_NAME) + " add lun ";
+  const std::string command = raidcom(" add lun ");
   const std::string arguments = " -port " + quoteArgument(P + "-" + G) +
                                 " -grp_opt ldev -device_grp_name " + quoteArgument(deviceGroup) +
                                 " " + m_sInstanceArgs;
@@ -349,7 +351,7 @@ int RaidcomCommandHandler::mapDeviceGroupToHostGroup(std::string const& deviceGr
 
 int RaidcomCommandHandler::unmapLdevFromHostGroup(std::string const& ldev, std::string const& P,
                                                   std::string const& G) {
-  const std::string command = std::string(VT_HDS_RAIDCOM_CMD_NAME) + " delete lun ";
+  const std::string command = raidcom(" delete lun ");
   const std::string arguments = " -port " + quoteArgument(P + "-" + G) + " -ldev_id " +
                                 quoteArgument(ldev) + " " + m_sInstanceArgs;
   std::string output;
@@ -391,7 +393,7 @@ int RaidcomCommandHandler::unmapLdevFromHostGroup(std::string const& ldev, std::
 int RaidcomCommandHandler::unmapDeviceGroupFromHostGroup(std::string const& deviceGroup,
                                                          std::string const& P,
                                                          std::string const& G) {
-  const std::string command = std::string(VT_HDS_RAIDCOM_CMD_NAME) + " delete lun ";
+  const std::string command = raidcom(" delete lun ");
   const std::string arguments = " -port " + quoteArgument(P + "-" + G) +
                                 " -grp_opt ldev -device_grp_name " + quoteArgument(deviceGroup) +
                                 " " + m_sInstanceArgs;
@@ -423,7 +425,7 @@ int RaidcomCommandHandler::getLunsForHostGroup(std::string const& P, std::string
                                                std::vector<hdsLun_t>& luns) {
   const std::string reference = hds::text::isDigits(G) ? quoteArgument(P + "-" + G)
                                                        : quoteArgument(P) + " " + quoteArgument(G);
-  const std::string command = std::string(VT_HDS_RAIDCOM_CMD_NAME) + " get lun ";
+  const std::string command = raidcom(" get lun ");
   const std::string arguments = " -port " + reference + " " + m_sInstanceArgs;
   std::string output;
   int exitCode = 0;

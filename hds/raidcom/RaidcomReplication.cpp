@@ -14,14 +14,14 @@
 
 namespace {
 
+using hds::raidcom::raidcom;
+
 using hds::raidcom::quoteArgument;
 
 const int kVirtualizeAttempts = 5;
 const unsigned long kRetryPauseMs = 2000;
 // Virtual LDEV ids from here on mean "no virtual id" and are never mapped.
 const int kFirstUnusableVirtualId = 65534;
-
-std::string raidcom(const char* verb) { return std::string(VT_HDS_RAIDCOM_CMD_NAME) + verb; }
 
 // The P-VOL id of a pair map key "<P-VOL>-><S-VOL>"; a key without the separator is all P-VOL.
 std::string pvolOf(std::string const& pairKey) {

@@ -15,6 +15,8 @@ std::map<std::string, int> RaidcomCommandHandler::m_oArrayLockRefCntMap;
 
 namespace {
 
+using hds::raidcom::raidcom;
+
 const char* const kResourceGroupLock = "VT_HDS_LOCK_RESOURCE_GROUP";
 const char* const kArrayLockRetryKey = "nVTHDSSnapArrayLockRetryCount";
 const int kDefaultArrayLockRounds = 50;
@@ -29,7 +31,7 @@ int RaidcomCommandHandler::lockUnlockResourceGroup(bool unlock) {
 
   const std::string action = unlock ? "unlock" : "lock";
   const std::string name = hds::raidcom::quoteArgument(m_sResourceGroupName);
-  const std::string command = std::string(VT_HDS_RAIDCOM_CMD_NAME) + action + " resource ";
+  const std::string command = raidcom(action + " resource ");
   const std::string arguments = "-resource_name " + name + " -time " +
                                 std::to_string(m_iCmdRetryWait.load()) + m_sInstanceArgs;
   std::string output;
@@ -54,7 +56,7 @@ int RaidcomCommandHandler::lockUnlockResourceGroup(bool unlock) {
 int RaidcomCommandHandler::getResourceGroup(std::map<std::string, ResourceGroupStatus>& groups,
                                             bool withKeyOption) {
   groups.clear();
-  const std::string command = std::string(VT_HDS_RAIDCOM_CMD_NAME) + " get resource ";
+  const std::string command = raidcom(" get resource ");
   std::string arguments;
   if (withKeyOption) {
     // The model column of "-key opt" arrived with CCI 01-32.

@@ -6,12 +6,18 @@
 #include <string>
 
 #include "hds/common/HDSConstants.h"
+#include "hds/handler/internal/InstanceArgs.h"
 #include "hds/helper/CommandHelper.h"
 #include "hds/raidcom/RaidcomCommandHandler.h"
 #include "hds/raidcom/internal/RaidcomArgs.h"
 #include "hds/raidcom/internal/RaidcomParsers.h"
 
 namespace {
+
+using hds::handler::instanceArguments;
+using hds::handler::InstanceMode;
+
+using hds::raidcom::raidcom;
 
 using hds::raidcom::portArgument;
 using hds::raidcom::quoteArgument;
@@ -57,7 +63,7 @@ int RaidcomCommandHandler::addCopyGroup(std::string const& copyGroup,
                                         std::string const& pvolDeviceGroup,
                                         std::string const& svolDeviceGroup, int mirrorId) {
   m_pSnapInfo->log(0, VT_HDS_LOG_MODULE, "Going to add copy group [%s]", copyGroup.c_str());
-  const std::string command = std::string(VT_HDS_RAIDCOM_CMD_NAME) + " add copy_grp ";
+  const std::string command = raidcom(" add copy_grp ");
   const std::string arguments = " -copy_grp_name " + quoteArgument(copyGroup) + " " +
                                 quoteArgument(pvolDeviceGroup) + " " +
                                 quoteArgument(svolDeviceGroup) + " " + " -mirror_id " +
@@ -78,7 +84,7 @@ int RaidcomCommandHandler::addCopyGroup(std::string const& copyGroup,
 int RaidcomCommandHandler::getCopyGroup(std::vector<hdsCopyGroup_t>& groups,
                                         std::string const& copyGroup) {
   groups.clear();
-  const std::string command = std::string(VT_HDS_RAIDCOM_CMD_NAME) + " get copy_grp ";
+  const std::string command = raidcom(" get copy_grp ");
   std::string output;
   int exitCode = 0;
   if (executeCommand(command, m_sInstanceArgs, output, exitCode, false) != 0) {
@@ -92,7 +98,7 @@ int RaidcomCommandHandler::getCopyGroup(std::vector<hdsCopyGroup_t>& groups,
 
 int RaidcomCommandHandler::deleteCopyGroup(std::string const& copyGroup) {
   m_pSnapInfo->log(0, VT_HDS_LOG_MODULE, "Going to delete copy group [%s]", copyGroup.c_str());
-  const std::string command = std::string(VT_HDS_RAIDCOM_CMD_NAME) + " delete copy_grp ";
+  const std::string command = raidcom(" delete copy_grp ");
   const std::string arguments =
       " -copy_grp_name " + quoteArgument(copyGroup) + " " + m_sInstanceArgs;
   std::string output;
@@ -108,7 +114,7 @@ int RaidcomCommandHandler::deleteCopyGroup(std::string const& copyGroup) {
 }
 
 int RaidcomCommandHandler::getPoolList(std::vector<hdsPool_t>& pools) {
-  const std::string command = std::string(VT_HDS_RAIDCOM_CMD_NAME) + " get pool ";
+  const std::string command = raidcom(" get pool ");
   std::string output;
   int exitCode = 0;
   if (executeCommand(command, " -key opt " + m_sInstanceArgs, output, exitCode, false) != 0) {
@@ -146,8 +152,8 @@ int RaidcomCommandHandler::getRemotePairInfoForHostGroup(
   // Remote pairs are seen through the instance in HORC mode (-IH) rather than -IM.
   for (int mirrorUnit = 0; mirrorUnit < kRemoteMirrorUnits; ++mirrorUnit) {
     const std::string arguments =
-        " -p " + portArgument(portOrHostGroup) + " -CLI -m " + std::to_string(mirrorUnit) + " -IH" +
-        quoteArgument(m_sHorcmInstance) + " -s " + quoteArgument(m_sSerialNumber);
+        " -p " + portArgument(portOrHostGroup) + " -CLI -m " + std::to_string(mirrorUnit) + " " +
+        instanceArguments(InstanceMode::Horc, m_sHorcmInstance, m_sSerialNumber);
     std::string output;
     int exitCode = 0;
     if (executeCommand(VT_HDS_RAIDSCAN_CMD_NAME, arguments, output, exitCode, false) != 0) {
@@ -248,7 +254,7 @@ int RaidcomCommandHandler::getRemoteReplicationInfo(
 // ---- Resource group membership
 
 int RaidcomCommandHandler::addtoResourceGroup(std::string const& resourceId, HDSResourceType type) {
-  const std::string command = std::string(VT_HDS_RAIDCOM_CMD_NAME) + " add resource ";
+  const std::string command = raidcom(" add resource ");
   const std::string arguments = " -resource_name " + quoteArgument(m_sResourceGroupName) +
                                 membershipArgument(resourceId, type) + " " + m_sInstanceArgs;
   std::string output;
@@ -269,7 +275,7 @@ int RaidcomCommandHandler::addtoResourceGroup(std::string const& resourceId, HDS
 // Reports itself in the words of the addition: callers and log readers know both as one step.
 int RaidcomCommandHandler::deleteFromResourceGroup(std::string const& resourceId,
                                                    HDSResourceType type) {
-  const std::string command = std::string(VT_HDS_RAIDCOM_CMD_NAME) + " delete resource ";
+  const std::string command = raidcom(" delete resource ");
   const std::string arguments = " -resource_name " + quoteArgument(m_sResourceGroupName) +
                                 membershipArgument(resourceId, type) + " " + m_sInstanceArgs;
   std::string output;
@@ -289,7 +295,7 @@ int RaidcomCommandHandler::deleteFromResourceGroup(std::string const& resourceId
 
 int RaidcomCommandHandler::maptoResourceGroup(std::string const& resourceId,
                                               std::string const& virtualId, HDSResourceType type) {
-  const std::string command = std::string(VT_HDS_RAIDCOM_CMD_NAME) + " map resource ";
+  const std::string command = raidcom(" map resource ");
   const std::string arguments =
       arrangementArgument(resourceId, virtualId, type, false) + " " + m_sInstanceArgs;
   std::string output;
@@ -311,7 +317,7 @@ int RaidcomCommandHandler::maptoResourceGroup(std::string const& resourceId,
 int RaidcomCommandHandler::unmapfromResourceGroup(std::string const& resourceId,
                                                   std::string const& virtualId,
                                                   HDSResourceType type) {
-  const std::string command = std::string(VT_HDS_RAIDCOM_CMD_NAME) + " unmap resource ";
+  const std::string command = raidcom(" unmap resource ");
   const std::string arguments =
       arrangementArgument(resourceId, virtualId, type, true) + " " + m_sInstanceArgs;
   std::string output;
@@ -334,16 +340,15 @@ int RaidcomCommandHandler::unmapfromResourceGroup(std::string const& resourceId,
 int RaidcomCommandHandler::getResourceGroupInfo(std::map<std::string, ResourceGroupStatus>& groups,
                                                 bool withKeyOption) {
   const std::string savedArgs = m_sInstanceArgs;
-  m_sInstanceArgs = "-IM" + quoteArgument(m_sHorcmInstance);
-  if (getResourceGroup(groups, withKeyOption) != 0) {
-    // The suffix is left without the serial on this path; later commands of this handler then
-    // address the instance's array alone, which is the only one a raidcom instance serves.
-    return 1;
-  }
+  m_sInstanceArgs = instanceArguments(InstanceMode::Raidcom, m_sHorcmInstance);
+  const int result = getResourceGroup(groups, withKeyOption);
+  // Put back on both paths: every later argument part of this handler relies on the blank and
+  // the serial the query went without, a clean-up after a failed query included.
+  m_sInstanceArgs = savedArgs;
+  if (result != 0) return 1;
   for (auto& entry : groups) {
     if (entry.second.status.size() > 5) entry.second.status.resize(6);
   }
-  m_sInstanceArgs = savedArgs;
   return 0;
 }
 

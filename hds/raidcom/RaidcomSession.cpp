@@ -8,6 +8,7 @@
 #include <cerrno>
 
 #include "hds/common/HDSConstants.h"
+#include "hds/handler/internal/InstanceArgs.h"
 #include "hds/helper/CommandHelper.h"
 #include "hds/platform/CZoFile.h"
 #include "hds/platform/VTPlatformInfo.h"
@@ -21,6 +22,9 @@ std::atomic<int> RaidcomCommandHandler::m_iCmdRetryWait{VT_HDS_RAIDCOM_TIMEOUT_I
 std::atomic<int> RaidcomCommandHandler::m_iCmdRetryCnt{VT_HDS_RAIDCOM_RETRY_COUNT};
 
 namespace {
+
+using hds::handler::instanceArguments;
+using hds::handler::InstanceMode;
 
 using hds::raidcom::kLoginFailedText;
 using hds::raidcom::loadLoginCount;
@@ -194,7 +198,7 @@ int RaidcomCommandHandler::initialize(std::string const& serialNumber,
     startedInstance = count == 0;
   }
 
-  m_sInstanceArgs = formInstanceOption(m_sHorcmInstance);
+  m_sInstanceArgs = " " + instanceArguments(InstanceMode::Raidcom, m_sHorcmInstance);
 
   int delayedLogout = 0;
   if (m_iOperationType == 2 && readLocalInt(VT_HDS_RAIDCOM_DELAYED_LOGOUT, delayedLogout)) {
@@ -217,7 +221,8 @@ int RaidcomCommandHandler::initialize(std::string const& serialNumber,
     return 1;
   }
 
-  m_sInstanceArgs += " -s " + hds::raidcom::quoteArgument(m_sSerialNumber);
+  m_sInstanceArgs =
+      " " + instanceArguments(InstanceMode::Raidcom, m_sHorcmInstance, m_sSerialNumber);
   m_bLoggedIn = true;
   m_iReady = 1;
   m_pSnapInfo->log(0, VT_HDS_LOG_MODULE, "Raidcom command handler initialized for local execution");
