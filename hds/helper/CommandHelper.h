@@ -19,6 +19,10 @@ class HDS_API CommandHelper {
   // observed, with the reason in error.
   int RunCommandWithTimeout(const std::string& commandLine, std::string& output, int& exitCode,
                             std::string& error, int timeoutSec);
+  // The same with the loggable form of the command line (buildCommandToPrint) made by the
+  // caller, which then forms it, and reads the settings for it, once per call.
+  int RunCommandWithTimeout(const std::string& commandLine, const std::string& printable,
+                            std::string& output, int& exitCode, std::string& error, int timeoutSec);
   int RunCommandWithFileOutput(const std::string& commandLine, std::string& output, int& exitCode,
                                std::string& error, int timeoutSec, const std::string& outputFile);
   // Without a time-out; 0 with the exit code, -1 when the command could not be run.

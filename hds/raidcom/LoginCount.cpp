@@ -3,11 +3,11 @@
 #include "hds/common/HDSConstants.h"
 #include "hds/platform/VTPlatformInfo.h"
 
-namespace {
-
-std::string countKey(std::string const& serialNumber) {
+std::string loginCountKey(std::string const& serialNumber) {
   return std::string(VT_HDS_RAIDCOM_LOCK_COUNT) + "_" + serialNumber;
 }
+
+namespace {
 
 std::string bootKey(std::string const& serialNumber) {
   return "sVTHDSRaidcomLockBoot_" + serialNumber;
@@ -17,7 +17,7 @@ std::string bootKey(std::string const& serialNumber) {
 
 bool readLoginCount(std::string const& serialNumber, int& count, int* voidedCount) {
   if (voidedCount != nullptr) *voidedCount = -1;
-  if (!VTPlatformInfo::getRegInt(VT_HDS_REG_SECTION_LOCAL, countKey(serialNumber).c_str(),
+  if (!VTPlatformInfo::getRegInt(VT_HDS_REG_SECTION_LOCAL, loginCountKey(serialNumber).c_str(),
                                  &count)) {
     return false;
   }
@@ -39,11 +39,11 @@ bool readLoginCount(std::string const& serialNumber, int& count, int* voidedCoun
 bool storeLoginCount(std::string const& serialNumber, int count) {
   const std::string boot = VTPlatformInfo::bootIdentity();
   if (boot.empty()) {
-    return VTPlatformInfo::setRegInt(VT_HDS_REG_SECTION_LOCAL, countKey(serialNumber).c_str(),
+    return VTPlatformInfo::setRegInt(VT_HDS_REG_SECTION_LOCAL, loginCountKey(serialNumber).c_str(),
                                      count);
   }
   // One rewrite: a crash never pairs a count with another boot.
   return VTPlatformInfo::setStrings(
       VT_HDS_REG_SECTION_LOCAL,
-      {{countKey(serialNumber), std::to_string(count)}, {bootKey(serialNumber), boot}});
+      {{loginCountKey(serialNumber), std::to_string(count)}, {bootKey(serialNumber), boot}});
 }

@@ -47,18 +47,12 @@ int RaidcomCommandHandler::executeCommand(std::string const& command, std::strin
     // The array keeps one command status per session, and the session is shared by every
     // process of this host: reset, command and status read must not interleave with another's.
     if (!syncLock.lock(kSyncCommandsLock, 0)) {
-      m_pSnapInfo->log(2, VT_HDS_LOG_MODULE,
-                       "Command handler initialization failed, unable to acquire lock.");
-      m_iErrorCode = VT_HDS_ERROR_COMMAND_FAILED;
-      m_sErrorString = "Failed to execute raidcom command.";
-      return 1;
+      return fail(VT_HDS_ERROR_COMMAND_FAILED, "Failed to execute raidcom command.",
+                  "Command handler initialization failed, unable to acquire lock.");
     }
     if (resetCommandStatus() != 0) {
-      m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to reset command status for command [%s]",
-                       command.c_str());
-      m_iErrorCode = VT_HDS_ERROR_COMMAND_FAILED;
-      m_sErrorString = "Failed to reset command status.";
-      return 1;
+      return fail(VT_HDS_ERROR_COMMAND_FAILED, "Failed to reset command status.",
+                  "Failed to reset command status for command [%s]", command.c_str());
     }
   }
 
@@ -84,11 +78,9 @@ int RaidcomCommandHandler::executeCommand(std::string const& command, std::strin
     CZoError error = fileName.empty() ? CZoError(ENAMETOOLONG, "output file name")
                                       : file.Open(fileName, O_WRONLY | O_CREAT | O_TRUNC, 0777);
     if (error.IsError()) {
-      m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to open optput file [%s] . Error [%s]",
-                       fileName.c_str(), error.AsString().c_str());
-      m_sErrorString = "Failed to create file [" + fileName + "]";
-      m_iErrorCode = VT_HDS_ERROR_COMMAND_FAILED;
-      return 1;
+      return fail(VT_HDS_ERROR_COMMAND_FAILED, "Failed to create file [" + fileName + "]",
+                  "Failed to open optput file [%s] . Error [%s]", fileName.c_str(),
+                  error.AsString().c_str());
     }
     error = file.Write(output.data(), output.size());
     if (error.IsError()) {
@@ -106,19 +98,13 @@ int RaidcomCommandHandler::executeCommand(std::string const& command, std::strin
     bool hasError = false;
     std::string statusText;
     if (getCommandStatus(hasError, statusText) != 0) {
-      m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to get command status for command [%s]",
-                       command.c_str());
-      m_iErrorCode = VT_HDS_ERROR_COMMAND_FAILED;
-      m_sErrorString = "Failed get command status.";
-      return 1;
+      return fail(VT_HDS_ERROR_COMMAND_FAILED, "Failed get command status.",
+                  "Failed to get command status for command [%s]", command.c_str());
     }
     if (hasError) {
-      m_pSnapInfo->log(2, VT_HDS_LOG_MODULE,
-                       "Get command status for command [%s] returned error [%s]", command.c_str(),
-                       statusText.c_str());
-      m_iErrorCode = VT_HDS_ERROR_COMMAND_FAILED;
-      m_sErrorString = "Command status has error.";
-      return 1;
+      return fail(VT_HDS_ERROR_COMMAND_FAILED, "Command status has error.",
+                  "Get command status for command [%s] returned error [%s]", command.c_str(),
+                  statusText.c_str());
     }
   }
   return 0;
@@ -147,10 +133,7 @@ int RaidcomCommandHandler::resetCommandStatus() {
   std::string output;
   int exitCode = 0;
   if (executeCommand(command, m_sInstanceArgs, output, exitCode, false) != 0) {
-    m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to reset command status.");
-    m_iErrorCode = VT_HDS_ERROR_COMMAND_FAILED;
-    m_sErrorString = "Failed to reset command status.";
-    return 1;
+    return fail(VT_HDS_ERROR_COMMAND_FAILED, "Failed to reset command status.");
   }
   return 0;
 }
@@ -170,10 +153,7 @@ int RaidcomCommandHandler::getCommandStatus(bool& hasError, std::string& statusT
   for (; round < maxRounds; ++round) {
     if (executeCommand(command, arguments, output, exitCode, false) == 0) break;
     if (exitCode != VT_HDS_CCI_ERROR_EX_EWSTOT) {
-      m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to get command status.");
-      m_iErrorCode = VT_HDS_ERROR_COMMAND_FAILED;
-      m_sErrorString = "Failed to get command status.";
-      return 1;
+      return fail(VT_HDS_ERROR_COMMAND_FAILED, "Failed to get command status.");
     }
     m_pSnapInfo->log(1, VT_HDS_LOG_MODULE,
                      "Failed to get command status. Command timeout. RetryCnt [%d]", round);
@@ -211,24 +191,14 @@ int RaidcomCommandHandler::getCCIRaidqryInfo(hdsRaidqry_t& info) {
   int exitCode = 0;
   if (executeCommand(VT_HDS_RAIDQRY_CMD_NAME, "-l " + m_sInstanceArgs, output, exitCode, false) !=
       0) {
-    m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to get hostname used by CCI.");
-    m_iErrorCode = VT_HDS_ERROR_COMMAND_FAILED;
-    m_sErrorString = "Failed to get hostname used by CCI.";
-    return 1;
+    return fail(VT_HDS_ERROR_COMMAND_FAILED, "Failed to get hostname used by CCI.");
   }
 
-  const size_t headerEnd = output.find('\n');
-  unsigned long position = headerEnd == std::string::npos ? output.size() : headerEnd + 1;
-  std::string* const fields[] = {
-      nullptr,       &cache.group,        &cache.hostName,    &cache.horcmVersion,
-      &cache.unitId, &cache.serialNumber, &cache.microVersion};
-  std::string value;
-  for (std::string* field : fields) {
-    if (!getNextValueFromOutput(output, position, value, VT_HDS_LOG_MODULE)) return 1;
-    if (field != nullptr) *field = value;
+  // Nothing half read is kept: the cache is filled only from a whole line.
+  if (!parseRaidqryOutput(output, cache)) {
+    return fail(VT_HDS_ERROR_COMMAND_FAILED, "Failed to get hostname used by CCI.",
+                "No host line in the output of raidqry [%s].", output.c_str());
   }
-  if (!getNextValueFromOutput(output, position, value, VT_HDS_LOG_MODULE)) return 1;
-  cache.cacheSizeMB = std::atoi(value.c_str());
   info = cache;
   return 0;
 }

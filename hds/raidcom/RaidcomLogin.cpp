@@ -56,20 +56,15 @@ int RaidcomCommandHandler::performLogin(bool forceLogin) {
 
   VTHDSLock loginLock(*m_pSnapInfo);
   if (!loginLock.lock(VT_HDS_RAIDCOM_LOGIN_LOCK, 0)) {
-    m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to get mutex. Unable to acquire lock.");
-    m_iErrorCode = VT_HDS_ERROR_LOGIN_FAILED;
-    m_sErrorString = kLoginFailedText;
-    return 1;
+    return fail(VT_HDS_ERROR_LOGIN_FAILED, kLoginFailedText,
+                "Failed to get mutex. Unable to acquire lock.");
   }
   hds::raidcom::LoginLockScope insideLoginLock;
 
   int count = 0;
   if (!forceLogin && !loadLoginCount(*m_pSnapInfo, m_sSerialNumber, count)) {
     logSettingsProblem(*m_pSnapInfo);
-    m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to get login count.");
-    m_iErrorCode = VT_HDS_ERROR_LOGIN_FAILED;
-    m_sErrorString = kLoginFailedText;
-    return 1;
+    return fail(VT_HDS_ERROR_LOGIN_FAILED, kLoginFailedText, "Failed to get login count.");
   }
   if (count < 0) {
     m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "login count is -ve [%d]. Something is wrong.", count);
@@ -78,10 +73,7 @@ int RaidcomCommandHandler::performLogin(bool forceLogin) {
   // The count is raised before the command runs; a failed login puts it back below.
   if (!storeLoginCount(m_sSerialNumber, count + 1)) {
     logSettingsProblem(*m_pSnapInfo);
-    m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to set login count.");
-    m_iErrorCode = VT_HDS_ERROR_LOGIN_FAILED;
-    m_sErrorString = kLoginFailedText;
-    return 1;
+    return fail(VT_HDS_ERROR_LOGIN_FAILED, kLoginFailedText, "Failed to set login count.");
   }
   if (count > 0) {
     m_pSnapInfo->log(0, VT_HDS_LOG_MODULE, "Already logged in. Count [%d]", count);
@@ -120,10 +112,7 @@ int RaidcomCommandHandler::performLogout() {
   int count = 0;
   if (!loadLoginCount(*m_pSnapInfo, m_sSerialNumber, count)) {
     logSettingsProblem(*m_pSnapInfo);
-    m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to get login count.");
-    m_iErrorCode = VT_HDS_ERROR_LOGIN_FAILED;
-    m_sErrorString = kLoginFailedText;
-    return 1;
+    return fail(VT_HDS_ERROR_LOGIN_FAILED, kLoginFailedText, "Failed to get login count.");
   }
   if (count < 1) {
     m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "login count is -ve [%d]. Something is wrong.", count);
@@ -131,10 +120,7 @@ int RaidcomCommandHandler::performLogout() {
   }
   if (!storeLoginCount(m_sSerialNumber, count - 1)) {
     logSettingsProblem(*m_pSnapInfo);
-    m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to set login count.");
-    m_iErrorCode = VT_HDS_ERROR_LOGIN_FAILED;
-    m_sErrorString = kLoginFailedText;
-    return 1;
+    return fail(VT_HDS_ERROR_LOGIN_FAILED, kLoginFailedText, "Failed to set login count.");
   }
   if (count >= 2) {
     m_pSnapInfo->log(0, VT_HDS_LOG_MODULE, "login count [%d]. No logout needed.", count);

@@ -37,11 +37,8 @@ int RaidcomCommandHandler::lockUnlockResourceGroup(bool unlock) {
   std::string output;
   int exitCode = 0;
   if (executeCommand(command, arguments, output, exitCode, false) != 0) {
-    m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to [%s] resource group [%s]", action.c_str(),
-                     name.c_str());
-    m_iErrorCode = VT_HDS_ERROR_COMMAND_FAILED;
-    m_sErrorString = "Failed to " + action + "resource group " + name;
-    return 1;
+    return fail(VT_HDS_ERROR_COMMAND_FAILED, "Failed to " + action + "resource group " + name,
+                "Failed to [%s] resource group [%s]", action.c_str(), name.c_str());
   }
   if (unlock) {
     m_pSnapInfo->log(1, VT_HDS_LOG_MODULE, "Released lock on resource group [%s]", name.c_str());
@@ -59,13 +56,10 @@ int RaidcomCommandHandler::getResourceGroup(std::map<std::string, ResourceGroupS
   const std::string command = raidcom(" get resource ");
   std::string arguments;
   if (withKeyOption) {
-    // The model column of "-key opt" arrived with CCI 01-32.
-    const int minor = m_sCCIVersion.size() >= 5 ? std::atoi(m_sCCIVersion.substr(3, 2).c_str()) : 0;
-    if (minor <= 31) {
-      m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to get status of resource group ");
-      m_iErrorCode = VT_HDS_ERROR_COMMAND_FAILED;
-      m_sErrorString = "Failed to get status of resource group  " + m_sCCIVersion;
-      return 1;
+    if (!isResourceKeyOptionSupported()) {
+      return fail(VT_HDS_ERROR_COMMAND_FAILED,
+                  "Failed to get status of resource group  " + m_sCCIVersion,
+                  "Failed to get status of resource group ");
     }
     arguments = "-key opt ";
   }
@@ -202,11 +196,9 @@ int RaidcomCommandHandler::unlockResource() {
   if (getResourceGroup(groups, false) != 0) return 1;
   auto found = groups.find(m_sResourceGroupName);
   if (found == groups.end()) {
-    m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to get status of resource [%s].",
-                     m_sResourceGroupName.c_str());
-    m_sErrorString = "Failed to unlock resource group." + m_sResourceGroupName;
-    m_iErrorCode = VT_HDS_ERROR_COMMAND_FAILED;
-    return 1;
+    return fail(VT_HDS_ERROR_COMMAND_FAILED,
+                "Failed to unlock resource group." + m_sResourceGroupName,
+                "Failed to get status of resource [%s].", m_sResourceGroupName.c_str());
   }
   const ResourceGroupStatus& row = found->second;
   if (row.status == kStatusUnlocked) {

@@ -71,9 +71,8 @@ int RaidcomCommandHandler::addCopyGroup(std::string const& copyGroup,
   std::string output;
   int exitCode = 0;
   if (executeCommand(command, arguments, output, exitCode, false) != 0) {
-    m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to add copy group [%s].", copyGroup.c_str());
-    setErrorCodeAndString(VT_HDS_ERROR_COMMAND_FAILED, "Failed to add copy group " + copyGroup);
-    return 1;
+    return fail(VT_HDS_ERROR_COMMAND_FAILED, "Failed to add copy group " + copyGroup,
+                "Failed to add copy group [%s].", copyGroup.c_str());
   }
   m_pSnapInfo->log(0, VT_HDS_LOG_MODULE,
                    "Successfully added copy group [%s] with PVOL [%s] and svol [%s]",
@@ -88,9 +87,7 @@ int RaidcomCommandHandler::getCopyGroup(std::vector<hdsCopyGroup_t>& groups,
   std::string output;
   int exitCode = 0;
   if (executeCommand(command, m_sInstanceArgs, output, exitCode, false) != 0) {
-    m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to get copy group list.");
-    setErrorCodeAndString(VT_HDS_ERROR_COMMAND_FAILED, "Failed to get copy group list.");
-    return 1;
+    return fail(VT_HDS_ERROR_COMMAND_FAILED, "Failed to get copy group list.");
   }
   parseGetCopyGroupOutput(output, copyGroup, groups);
   return 0;
@@ -104,10 +101,8 @@ int RaidcomCommandHandler::deleteCopyGroup(std::string const& copyGroup) {
   std::string output;
   int exitCode = 0;
   if (executeCommand(command, arguments, output, exitCode, false) != 0) {
-    m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to delete copy group [%s]", copyGroup.c_str());
-    setErrorCodeAndString(VT_HDS_ERROR_COMMAND_FAILED,
-                          "Failed to delete copy group [" + copyGroup + "].");
-    return 1;
+    return fail(VT_HDS_ERROR_COMMAND_FAILED, "Failed to delete copy group [" + copyGroup + "].",
+                "Failed to delete copy group [%s]", copyGroup.c_str());
   }
   m_pSnapInfo->log(1, VT_HDS_LOG_MODULE, "Successfully deleted copy group [%s]", copyGroup.c_str());
   return 0;
@@ -118,9 +113,7 @@ int RaidcomCommandHandler::getPoolList(std::vector<hdsPool_t>& pools) {
   std::string output;
   int exitCode = 0;
   if (executeCommand(command, " -key opt " + m_sInstanceArgs, output, exitCode, false) != 0) {
-    m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to get pool list.");
-    setErrorCodeAndString(VT_HDS_ERROR_COMMAND_FAILED, "Failed to get pool list.");
-    return 1;
+    return fail(VT_HDS_ERROR_COMMAND_FAILED, "Failed to get pool list.");
   }
   parseGetPoolOutput(output, pools);
   return 0;
@@ -136,10 +129,8 @@ int RaidcomCommandHandler::getPairInfoForHostGroup(
   std::string output;
   int exitCode = 0;
   if (executeCommand(VT_HDS_RAIDSCAN_CMD_NAME, arguments, output, exitCode, false) != 0) {
-    m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to get pair info using raidscan command.");
-    setErrorCodeAndString(VT_HDS_ERROR_COMMAND_FAILED,
-                          "Failed to get pair list using raidscan command.");
-    return 1;
+    return fail(VT_HDS_ERROR_COMMAND_FAILED, "Failed to get pair list using raidscan command.",
+                "Failed to get pair info using raidscan command.");
   }
   parseRaidscanPairOutput(output, ldevs, pairs);
   return 0;
@@ -157,11 +148,9 @@ int RaidcomCommandHandler::getRemotePairInfoForHostGroup(
     std::string output;
     int exitCode = 0;
     if (executeCommand(VT_HDS_RAIDSCAN_CMD_NAME, arguments, output, exitCode, false) != 0) {
-      m_pSnapInfo->log(2, VT_HDS_LOG_MODULE,
-                       "Failed to get replication pair info using raidscan command.");
-      setErrorCodeAndString(VT_HDS_ERROR_COMMAND_FAILED,
-                            "Failed to get replication pair list using raidscan command.");
-      return 1;
+      return fail(VT_HDS_ERROR_COMMAND_FAILED,
+                  "Failed to get replication pair list using raidscan command.",
+                  "Failed to get replication pair info using raidscan command.");
     }
     parseRaidscanRemotePairOutput(output, mirrorUnit, ldevs, pairs);
   }
@@ -260,12 +249,10 @@ int RaidcomCommandHandler::addtoResourceGroup(std::string const& resourceId, HDS
   std::string output;
   int exitCode = 0;
   if (executeCommand(command, arguments, output, exitCode, false) != 0) {
-    m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to add resource [%s] to resource group [%s]",
-                     resourceId.c_str(), m_sResourceGroupName.c_str());
-    setErrorCodeAndString(
-        VT_HDS_ERROR_COMMAND_FAILED,
-        "Failed add resource " + resourceId + " to resource group " + m_sResourceGroupName);
-    return 1;
+    return fail(VT_HDS_ERROR_COMMAND_FAILED,
+                "Failed add resource " + resourceId + " to resource group " + m_sResourceGroupName,
+                "Failed to add resource [%s] to resource group [%s]", resourceId.c_str(),
+                m_sResourceGroupName.c_str());
   }
   m_pSnapInfo->log(0, VT_HDS_LOG_MODULE, "Successfully added resource [%s] to resource group [%s]",
                    resourceId.c_str(), m_sResourceGroupName.c_str());
@@ -281,12 +268,10 @@ int RaidcomCommandHandler::deleteFromResourceGroup(std::string const& resourceId
   std::string output;
   int exitCode = 0;
   if (executeCommand(command, arguments, output, exitCode, false) != 0) {
-    m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to add resource [%s] to resource group [%s]",
-                     resourceId.c_str(), m_sResourceGroupName.c_str());
-    setErrorCodeAndString(
-        VT_HDS_ERROR_COMMAND_FAILED,
-        "Failed add resource " + resourceId + " to resource group " + m_sResourceGroupName);
-    return 1;
+    return fail(VT_HDS_ERROR_COMMAND_FAILED,
+                "Failed add resource " + resourceId + " to resource group " + m_sResourceGroupName,
+                "Failed to add resource [%s] to resource group [%s]", resourceId.c_str(),
+                m_sResourceGroupName.c_str());
   }
   m_pSnapInfo->log(0, VT_HDS_LOG_MODULE, "Successfully added resource [%s] to resource group [%s]",
                    resourceId.c_str(), m_sResourceGroupName.c_str());
@@ -301,12 +286,11 @@ int RaidcomCommandHandler::maptoResourceGroup(std::string const& resourceId,
   std::string output;
   int exitCode = 0;
   if (executeCommand(command, arguments, output, exitCode, false) != 0) {
-    m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to arrange resource [%s] in resource group [%s]",
-                     resourceId.c_str(), m_sResourceGroupName.c_str());
-    setErrorCodeAndString(
+    return fail(
         VT_HDS_ERROR_COMMAND_FAILED,
-        "Failed to arrange resource " + resourceId + " in resource group " + m_sResourceGroupName);
-    return 1;
+        "Failed to arrange resource " + resourceId + " in resource group " + m_sResourceGroupName,
+        "Failed to arrange resource [%s] in resource group [%s]", resourceId.c_str(),
+        m_sResourceGroupName.c_str());
   }
   m_pSnapInfo->log(0, VT_HDS_LOG_MODULE,
                    "Successfully arranged resource [%s] in resource group [%s]", resourceId.c_str(),
@@ -323,13 +307,11 @@ int RaidcomCommandHandler::unmapfromResourceGroup(std::string const& resourceId,
   std::string output;
   int exitCode = 0;
   if (executeCommand(command, arguments, output, exitCode, false) != 0) {
-    m_pSnapInfo->log(2, VT_HDS_LOG_MODULE,
-                     "Failed to cancel the arrangement of resource [%s] in resource group [%s]",
-                     resourceId.c_str(), m_sResourceGroupName.c_str());
-    setErrorCodeAndString(VT_HDS_ERROR_COMMAND_FAILED,
-                          "Failed to cancel the arrangement of resource " + resourceId +
-                              " in resource group " + m_sResourceGroupName);
-    return 1;
+    return fail(VT_HDS_ERROR_COMMAND_FAILED,
+                "Failed to cancel the arrangement of resource " + resourceId +
+                    " in resource group " + m_sResourceGroupName,
+                "Failed to cancel the arrangement of resource [%s] in resource group [%s]",
+                resourceId.c_str(), m_sResourceGroupName.c_str());
   }
   m_pSnapInfo->log(0, VT_HDS_LOG_MODULE,
                    "Successfully canceled the arrangement of resource [%s] in resource group [%s]",
@@ -371,30 +353,25 @@ int RaidcomCommandHandler::unreserveFromVSM(const std::string& ldevId,
   // 65534 and above: the LDEV carries no virtual id, so there is no arrangement to cancel.
   if (std::atoi(virtualLdevId.c_str()) < 65534) {
     if (unmapfromResourceGroup(ldevId, virtualLdevId, type) != 0) {
-      m_pSnapInfo->log(2, VT_HDS_LOG_MODULE,
-                       "Failed to cancel resource arrangement of LDEV-[%s] in resource group-[%s]",
-                       ldevId.c_str(), m_sResourceGroupName.c_str());
-      setErrorCodeAndString(VT_HDS_ERROR_COMMAND_FAILED,
-                            "Failed to cancel resource arrangement of LDEV-[" + ldevId + "]");
-      return 1;
+      return fail(VT_HDS_ERROR_COMMAND_FAILED,
+                  "Failed to cancel resource arrangement of LDEV-[" + ldevId + "]",
+                  "Failed to cancel resource arrangement of LDEV-[%s] in resource group-[%s]",
+                  ldevId.c_str(), m_sResourceGroupName.c_str());
     }
   }
   if (deleteFromResourceGroup(ldevId, type) != 0) {
-    m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to remove LDEV-[%s] from resource group-[%s]",
-                     ldevId.c_str(), m_sResourceGroupName.c_str());
-    setErrorCodeAndString(VT_HDS_ERROR_COMMAND_FAILED, "Failed to remove LDEV-[" + ldevId +
-                                                           "] from resource group-[" +
-                                                           m_sResourceGroupName + "]");
-    return 1;
+    return fail(
+        VT_HDS_ERROR_COMMAND_FAILED,
+        "Failed to remove LDEV-[" + ldevId + "] from resource group-[" + m_sResourceGroupName + "]",
+        "Failed to remove LDEV-[%s] from resource group-[%s]", ldevId.c_str(),
+        m_sResourceGroupName.c_str());
   }
   // Back in meta_resource the LDEV is known under its own id.
   if (maptoResourceGroup(ldevId, ldevId, type) != 0) {
-    m_pSnapInfo->log(2, VT_HDS_LOG_MODULE,
-                     "Failed to set resource arrangement of LDEV-[%s] in resource group-[%s]",
-                     ldevId.c_str(), m_sResourceGroupName.c_str());
-    setErrorCodeAndString(VT_HDS_ERROR_COMMAND_FAILED,
-                          "Failed to set resource arrangement of LDEV-[" + ldevId + "]");
-    return 1;
+    return fail(VT_HDS_ERROR_COMMAND_FAILED,
+                "Failed to set resource arrangement of LDEV-[" + ldevId + "]",
+                "Failed to set resource arrangement of LDEV-[%s] in resource group-[%s]",
+                ldevId.c_str(), m_sResourceGroupName.c_str());
   }
   return 0;
 }

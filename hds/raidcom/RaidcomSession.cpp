@@ -30,6 +30,8 @@ using hds::raidcom::kLoginFailedText;
 using hds::raidcom::loadLoginCount;
 using hds::raidcom::logSettingsProblem;
 
+// How every HORCM file this handler writes begins.
+const char* const kHorcmFileMark = "#HORCM file create by ";
 const char* const kCustomInstanceSetting =
     "HORCM instance number to be used for Raidcom commands (CCI engines)";
 
@@ -109,33 +111,24 @@ int RaidcomCommandHandler::initialize(std::string const& serialNumber,
   m_iReady = 0;
 
   if (serialNumber.empty()) {
-    m_iErrorCode = VT_HDS_ERROR_MISSING_INPUT;
-    m_sErrorString = "Serial number not passed to raidcom handler.";
-    m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "%s", m_sErrorString.c_str());
-    return 1;
+    return fail(VT_HDS_ERROR_MISSING_INPUT, "Serial number not passed to raidcom handler.");
   }
   if (m_sCustomHorcmInstance.empty() && commandDevices.empty()) {
-    m_iErrorCode = VT_HDS_ERROR_MISSING_INPUT;
-    m_sErrorString = std::string(
-                         "Command device list not passed to raidcom handler. Either provision a "
-                         "command device from storage array-[") +
-                     serialNumber +
-                     "] to this host or provide a custom HORCM instance at Array Management snap "
-                     "configuration-[" +
-                     kCustomInstanceSetting + "] for the array";
-    m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "%s", m_sErrorString.c_str());
-    return 1;
+    return fail(VT_HDS_ERROR_MISSING_INPUT,
+                std::string("Command device list not passed to raidcom handler. Either provision a "
+                            "command device from storage array-[") +
+                    serialNumber +
+                    "] to this host or provide a custom HORCM instance at Array Management snap "
+                    "configuration-[" +
+                    kCustomInstanceSetting + "] for the array");
   }
 
   m_oCommandDevices = commandDevices;
   formatCommandDeviceName();
 
   if (m_sUserName.empty() || m_sPassword.empty()) {
-    m_pSnapInfo->log(2, VT_HDS_LOG_MODULE,
-                     "Command handler initialization failed, userName or password not set.");
-    m_iErrorCode = VT_HDS_ERROR_LOGIN_FAILED;
-    m_sErrorString = "User name or password is invalid.";
-    return 1;
+    return fail(VT_HDS_ERROR_LOGIN_FAILED, "User name or password is invalid.",
+                "Command handler initialization failed, userName or password not set.");
   }
   if (m_sResourceGroupName.empty()) m_sResourceGroupName = VT_HDS_META_RESOURCE_NAME;
 
@@ -164,10 +157,8 @@ int RaidcomCommandHandler::initialize(std::string const& serialNumber,
   if (m_iOperationType != 2) {
     VTHDSLock loginLock(*m_pSnapInfo);
     if (!loginLock.lock(VT_HDS_RAIDCOM_LOGIN_LOCK, 0)) {
-      m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to get mutex. Unable to acquire login lock.");
-      m_iErrorCode = VT_HDS_ERROR_LOGIN_FAILED;
-      m_sErrorString = kLoginFailedText;
-      return 1;
+      return fail(VT_HDS_ERROR_LOGIN_FAILED, kLoginFailedText,
+                  "Failed to get mutex. Unable to acquire login lock.");
     }
     hds::raidcom::LoginLockScope insideLoginLock;
 
@@ -178,11 +169,8 @@ int RaidcomCommandHandler::initialize(std::string const& serialNumber,
       count = 0;
       if (!storeLoginCount(serialNumber, 0)) {
         logSettingsProblem(*m_pSnapInfo);
-        m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to set login count for array [%s]",
-                         serialNumber.c_str());
-        m_iErrorCode = VT_HDS_ERROR_LOGIN_FAILED;
-        m_sErrorString = kLoginFailedText;
-        return 1;
+        return fail(VT_HDS_ERROR_LOGIN_FAILED, kLoginFailedText,
+                    "Failed to set login count for array [%s]", serialNumber.c_str());
       }
     }
 
@@ -231,6 +219,30 @@ int RaidcomCommandHandler::initialize(std::string const& serialNumber,
   return 0;
 }
 
+int RaidcomCommandHandler::endSession() {
+  if (m_bResourceGroupLocked && unlockResource() != 0) return 1;
+  if (!m_bLoggedIn) return 0;
+  // Whatever the logout gives, the session is no longer counted; the destructor must not log out
+  // a second time.
+  m_bLoggedIn = false;
+  return performLogout();
+}
+
+void RaidcomCommandHandler::leaveResourceLock() { m_bResourceGroupLocked = false; }
+
+void RaidcomCommandHandler::abandonSession() {
+  m_bResourceGroupLocked = false;
+  m_bLoggedIn = false;
+}
+
+bool RaidcomCommandHandler::horcmFileSerials(int instance, std::set<std::string>& serials) {
+  std::string text;
+  if (CZoFile::ReadWholeFile(horcmFilePath(std::to_string(instance)), text).IsError()) return false;
+  if (text.rfind(kHorcmFileMark, 0) != 0) return false;
+  parseHorcmFileSerials(text, serials);
+  return true;
+}
+
 int RaidcomCommandHandler::createRaidcomHorcmFiles(std::string const& serialNumber,
                                                    bool replaceExisting) {
   // The host name comes from a setting and is written as a value of the file.
@@ -259,27 +271,21 @@ int RaidcomCommandHandler::createRaidcomHorcmFiles(std::string const& serialNumb
     if (unlink(candidate.c_str()) != 0 && errno == ENOENT) {
       if (chmod(candidate.c_str(), 0666) == 0 && unlink(candidate.c_str()) != 0 &&
           errno == ENOENT) {
-        m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Unable to delete horcm file [%s].",
-                         candidate.c_str());
-        m_iErrorCode = VT_HDS_ERROR_COMMAND_FAILED;
-        m_sErrorString = "Unable to delete horcm file " + candidate;
-        return 1;
+        return fail(VT_HDS_ERROR_COMMAND_FAILED, "Unable to delete horcm file " + candidate,
+                    "Unable to delete horcm file [%s].", candidate.c_str());
       }
     }
     break;
   }
 
   if (m_sHorcmInstance.empty()) {
-    m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Couldn't find a free horcm instance to use");
-    m_sErrorString = "Failed to create horcm file.";
-    m_iErrorCode = VT_HDS_ERROR_COMMAND_FAILED;
-    return 1;
+    return fail(VT_HDS_ERROR_COMMAND_FAILED, "Failed to create horcm file.",
+                "Couldn't find a free horcm instance to use");
   }
 
   std::string text;
-  text +=
-      "#HORCM file create by Tessaly Kestrel. Do not alter the file content or delete the "
-      "file.\n";
+  text += kHorcmFileMark;
+  text += "Tessaly Kestrel. Do not alter the file content or delete the file.\n";
   text += "HORCM_MON\n";
   text += "#ip_address                  service         poll(10ms)     timeout(10ms)\n";
   text += m_sLocalHostName + "\t\t" + m_sHorcmInstance + "\t1000           3000\n";
@@ -293,11 +299,9 @@ int RaidcomCommandHandler::createRaidcomHorcmFiles(std::string const& serialNumb
   CZoFile file;
   CZoError error = file.Open(fileName, O_WRONLY | O_CREAT, 0777);
   if (error.IsError()) {
-    m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Unable to open horcm file [%s]. Due to error [%s]",
-                     fileName.c_str(), error.AsString().c_str());
-    m_iErrorCode = VT_HDS_ERROR_COMMAND_FAILED;
-    m_sErrorString = "Unable to open horcm file " + fileName;
-    return 1;
+    return fail(VT_HDS_ERROR_COMMAND_FAILED, "Unable to open horcm file " + fileName,
+                "Unable to open horcm file [%s]. Due to error [%s]", fileName.c_str(),
+                error.AsString().c_str());
   }
   error = file.Write(text.data(), text.size());
   if (error.IsError()) {
@@ -317,11 +321,9 @@ int RaidcomCommandHandler::readRaidcomHorcmFiles(int instance, std::set<std::str
   std::string content;
   const CZoError error = CZoFile::ReadWholeFile(fileName, content);
   if (error.IsError()) {
-    m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to read horcm file [%s]. Error [%s]",
-                     fileName.c_str(), error.AsString().c_str());
-    m_sErrorString = "Failed to read horcm file" + fileName;
-    m_iErrorCode = VT_HDS_ERROR_COMMAND_FAILED;
-    return 1;
+    return fail(VT_HDS_ERROR_COMMAND_FAILED, "Failed to read horcm file" + fileName,
+                "Failed to read horcm file [%s]. Error [%s]", fileName.c_str(),
+                error.AsString().c_str());
   }
   parseHorcmFileSerials(content, serials);
   return 0;
