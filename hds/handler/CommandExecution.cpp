@@ -144,13 +144,11 @@ int CommandHandler::executeScriptFile(const std::string& scriptContent, std::str
 
   error = script.Write(scriptContent.data(), scriptContent.size());
   if (error.IsError()) {
-    m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to write to script file [%s] . Error [%s]",
-                     path.c_str(), error.AsString().c_str());
-    m_iErrorCode = VT_HDS_ERROR_COMMAND_FAILED;
-    m_sErrorString = "Failed to write to script file [" + path + "]";
     script.Flush();
     script.Close();
-    return 1;
+    return fail(VT_HDS_ERROR_COMMAND_FAILED, "Failed to write to script file [" + path + "]",
+                "Failed to write to script file [%s] . Error [%s]", path.c_str(),
+                error.AsString().c_str());
   }
   script.Flush();
   script.Close();

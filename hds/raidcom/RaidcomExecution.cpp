@@ -84,12 +84,10 @@ int RaidcomCommandHandler::executeCommand(std::string const& command, std::strin
     }
     error = file.Write(output.data(), output.size());
     if (error.IsError()) {
-      m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to write to output file [%s] . Error [%s]",
-                       fileName.c_str(), error.AsString().c_str());
-      m_sErrorString = "Failed to write to file [" + fileName + "]";
-      m_iErrorCode = VT_HDS_ERROR_COMMAND_FAILED;
       file.Close();
-      return 1;
+      return fail(VT_HDS_ERROR_COMMAND_FAILED, "Failed to write to file [" + fileName + "]",
+                  "Failed to write to output file [%s] . Error [%s]", fileName.c_str(),
+                  error.AsString().c_str());
     }
     file.Close();
   }

@@ -305,12 +305,10 @@ int RaidcomCommandHandler::createRaidcomHorcmFiles(std::string const& serialNumb
   }
   error = file.Write(text.data(), text.size());
   if (error.IsError()) {
-    m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Unable to write to horcm file [%s]. Due to error [%s]",
-                     fileName.c_str(), error.AsString().c_str());
-    m_iErrorCode = VT_HDS_ERROR_COMMAND_FAILED;
-    m_sErrorString = "Unable to write to horcm file " + fileName;
     file.Close();
-    return 1;
+    return fail(VT_HDS_ERROR_COMMAND_FAILED, "Unable to write to horcm file " + fileName,
+                "Unable to write to horcm file [%s]. Due to error [%s]", fileName.c_str(),
+                error.AsString().c_str());
   }
   file.Close();
   return 0;
