@@ -1,4 +1,4 @@
-// The listings the raidcom session reads, fed arbitrary text.
+// The HORCM files and resource listings the raidcom session reads, fed arbitrary text.
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -11,9 +11,5 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   parseHorcmFileSerials(text, serials);
   std::map<std::string, ResourceGroupStatus> groups;
   parseGetResourceOutput(text, groups);
-  bool hasError = false;
-  std::string statusText;
-  std::string statusLine;
-  parseCommandStatusOutput(text, hasError, statusText, statusLine);
   return 0;
 }

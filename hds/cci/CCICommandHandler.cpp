@@ -12,10 +12,14 @@
 
 #include "hds/common/HDSConstants.h"
 #include "hds/common/internal/HDSText.h"
+#include "hds/handler/internal/InstanceArgs.h"
 #include "hds/helper/CommandHelper.h"
 #include "hds/platform/CZoFile.h"
 
 namespace {
+
+using hds::handler::instanceArguments;
+using hds::handler::InstanceMode;
 
 const char* const kNoHorcmFile = "N/A";
 
@@ -218,11 +222,9 @@ int CCICommandHandler::readHorcmFile() {
   std::string content;
   const CZoError error = CZoFile::ReadWholeFile(path, content);
   if (error.IsError()) {
-    m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to read horcm file [%s]. Error [%s]",
-                     path.c_str(), error.AsString().c_str());
-    m_sErrorString = "Failed to read horcm file" + path;
-    m_iErrorCode = VT_HDS_ERROR_COMMAND_FAILED;
-    return 1;
+    return fail(VT_HDS_ERROR_COMMAND_FAILED, "Failed to read horcm file" + path,
+                "Failed to read horcm file [%s]. Error [%s]", path.c_str(),
+                error.AsString().c_str());
   }
   // The serial numbers named by the command device lines are read but not kept: reading the
   // file back only proves that the instance's configuration is still there and readable.
@@ -252,11 +254,8 @@ int CCICommandHandler::pairCreate(bool groupMode, const std::string& devName) {
   std::string output;
   int exitCode = 0;
   if (executeCommand(VT_HDS_CCI_PAIR_CREATE_CMD, arguments, output, exitCode) != 0) {
-    m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to create pair on copy group [%s].",
-                     label.c_str());
-    m_iErrorCode = VT_HDS_ERROR_COMMAND_FAILED;
-    m_sErrorString = "Failed to create pair on copy group [" + label + "].";
-    return 1;
+    return fail(VT_HDS_ERROR_COMMAND_FAILED, "Failed to create pair on copy group [" + label + "].",
+                "Failed to create pair on copy group [%s].", label.c_str());
   }
   m_pSnapInfo->log(1, VT_HDS_LOG_MODULE, "Successfully created pairs on copy group [%s].",
                    label.c_str());
@@ -276,11 +275,8 @@ int CCICommandHandler::pairResync(const std::string& devName, bool restore, bool
   std::string output;
   int exitCode = 0;
   if (executeCommand(VT_HDS_CCI_PAIR_RESYNC_CMD, arguments, output, exitCode) != 0) {
-    m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to resync pair in copy group [%s].",
-                     label.c_str());
-    m_iErrorCode = VT_HDS_ERROR_COMMAND_FAILED;
-    m_sErrorString = "Failed to resync pair in copy group [" + label + "].";
-    return 1;
+    return fail(VT_HDS_ERROR_COMMAND_FAILED, "Failed to resync pair in copy group [" + label + "].",
+                "Failed to resync pair in copy group [%s].", label.c_str());
   }
   m_pSnapInfo->log(1, VT_HDS_LOG_MODULE, "Successfully resync'd pairs in copy group [%s].",
                    label.c_str());
@@ -299,11 +295,8 @@ int CCICommandHandler::pairSplit(const std::string& devName, bool simplex, bool 
   std::string output;
   int exitCode = 0;
   if (executeCommand(VT_HDS_CCI_PAIR_SPLIT_CMD, arguments, output, exitCode) != 0) {
-    m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to [%s] pair on copy group [%s].", word,
-                     label.c_str());
-    m_iErrorCode = VT_HDS_ERROR_COMMAND_FAILED;
-    m_sErrorString = "Failed to split pair on copy group [" + label + "].";
-    return 1;
+    return fail(VT_HDS_ERROR_COMMAND_FAILED, "Failed to split pair on copy group [" + label + "].",
+                "Failed to [%s] pair on copy group [%s].", word, label.c_str());
   }
   m_pSnapInfo->log(1, VT_HDS_LOG_MODULE, "Successfully [%s] mirrors in copy group [%s].", word,
                    label.c_str());
@@ -361,11 +354,9 @@ int CCICommandHandler::pairDisplay(std::vector<hdsCopyGroupInfo>& pairs) {
   std::string output;
   int exitCode = 0;
   if (executeCommand(VT_HDS_CCI_PAIR_DISPLAY_CMD, arguments, output, exitCode) != 0) {
-    m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to get pair status on copy group [%s].",
-                     m_sCopyGroupName.c_str());
-    m_iErrorCode = VT_HDS_ERROR_COMMAND_FAILED;
-    m_sErrorString = "Failed to get pair status of copy group [" + m_sCopyGroupName + "].";
-    return 1;
+    return fail(VT_HDS_ERROR_COMMAND_FAILED,
+                "Failed to get pair status of copy group [" + m_sCopyGroupName + "].",
+                "Failed to get pair status on copy group [%s].", m_sCopyGroupName.c_str());
   }
   m_pSnapInfo->log(0, VT_HDS_LOG_MODULE, "OUTPUT : [%s].", output.c_str());
   parsePairDisplayOutput(output, pairs);
@@ -411,16 +402,14 @@ int CCICommandHandler::pairEvtWait(std::string status, int timeout, const std::s
 }
 
 int CCICommandHandler::getQmarker(const std::string& copyGroup, std::string& qMarker) {
-  const std::string arguments =
-      " -g " + quoteArgument(copyGroup) + " -nowait -t 99999 -IH" + quoteArgument(m_sHorcmInstance);
+  const std::string arguments = " -g " + quoteArgument(copyGroup) + " -nowait -t 99999 " +
+                                instanceArguments(InstanceMode::Horc, m_sHorcmInstance);
   std::string output;
   int exitCode = 0;
   if (executeCommand(VT_HDS_CCI_PAIR_SYNC_WAIT_CMD, arguments, output, exitCode) != 0) {
-    m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to find Qmarker for copy group [%s].",
-                     copyGroup.c_str());
-    m_iErrorCode = VT_HDS_ERROR_COMMAND_FAILED;
-    m_sErrorString = "Failed to latest Qmarker of copy group [" + copyGroup + "].";
-    return 1;
+    return fail(VT_HDS_ERROR_COMMAND_FAILED,
+                "Failed to latest Qmarker of copy group [" + copyGroup + "].",
+                "Failed to find Qmarker for copy group [%s].", copyGroup.c_str());
   }
   m_pSnapInfo->log(0, VT_HDS_LOG_MODULE, "OUTPUT : [%s].", output.c_str());
   // Without a data line there is no marker to report, and the caller's stays as it was.
@@ -437,7 +426,7 @@ int CCICommandHandler::pairSyncWait(const std::string& copyGroup, const std::str
   committed = false;
   const std::string arguments = " -g " + quoteArgument(copyGroup) + " -q " +
                                 quoteArgument(qMarker) + " -t " + CommandHelper::itoa(timeout) +
-                                " -IH" + quoteArgument(m_sHorcmInstance);
+                                " " + instanceArguments(InstanceMode::Horc, m_sHorcmInstance);
   m_pSnapInfo->log(1, VT_HDS_LOG_MODULE, "Waiting for Q-Marker [%s] to reach RCU.",
                    qMarker.c_str());
   std::string output;
@@ -445,11 +434,9 @@ int CCICommandHandler::pairSyncWait(const std::string& copyGroup, const std::str
   const int result = executeCommand(VT_HDS_CCI_PAIR_SYNC_WAIT_CMD, arguments, output, exitCode);
   // Exit status 1 is the tool's "not committed yet", not an error.
   if (result != 0 && exitCode != 1) {
-    m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to check Q-Marker [%s] commit.",
-                     qMarker.c_str());
-    m_iErrorCode = VT_HDS_ERROR_COMMAND_FAILED;
-    m_sErrorString = "Failed to check Q-Marker [" + qMarker + "]" + "commit.";
-    return 1;
+    return fail(VT_HDS_ERROR_COMMAND_FAILED,
+                "Failed to check Q-Marker [" + qMarker + "]" + "commit.",
+                "Failed to check Q-Marker [%s] commit.", qMarker.c_str());
   }
   if (exitCode == 0) {
     committed = true;

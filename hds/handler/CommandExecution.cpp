@@ -91,13 +91,12 @@ int CommandHandler::executeCommand(const std::string& commandName, const std::st
   const std::string printable = helper.buildCommandToPrint(commandLine, "");
 
   std::string error;
-  if (helper.RunCommandWithTimeout(commandLine, output, exitCode, error, m_iCommandTimeout) != 0) {
-    m_pSnapInfo->log(2, VT_HDS_LOG_MODULE,
-                     "Failed to execute command [%s]. Error [%s]. Output [%s]", printable.c_str(),
-                     error.c_str(), output.c_str());
-    m_iErrorCode = VT_HDS_ERROR_COMMAND_FAILED;
-    m_sErrorString = "Failed to execute command '" + printable + "'. Error [" + error + "].";
-    return 1;
+  if (helper.RunCommandWithTimeout(commandLine, printable, output, exitCode, error,
+                                   m_iCommandTimeout) != 0) {
+    return fail(VT_HDS_ERROR_COMMAND_FAILED,
+                "Failed to execute command '" + printable + "'. Error [" + error + "].",
+                "Failed to execute command [%s]. Error [%s]. Output [%s]", printable.c_str(),
+                error.c_str(), output.c_str());
   }
   if (exitCode != 0) {
     // 1 and 227 are how CCI tools report expected conditions that callers inspect and accept.
@@ -138,22 +137,18 @@ int CommandHandler::executeScriptFile(const std::string& scriptContent, std::str
     }
   }
   if (error.IsError()) {
-    m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to open script file [%s] . Error [%s]",
-                     path.c_str(), error.AsString().c_str());
-    m_iErrorCode = VT_HDS_ERROR_COMMAND_FAILED;
-    m_sErrorString = "Failed to create script file [" + path + "]";
-    return 1;
+    return fail(VT_HDS_ERROR_COMMAND_FAILED, "Failed to create script file [" + path + "]",
+                "Failed to open script file [%s] . Error [%s]", path.c_str(),
+                error.AsString().c_str());
   }
 
   error = script.Write(scriptContent.data(), scriptContent.size());
   if (error.IsError()) {
-    m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to write to script file [%s] . Error [%s]",
-                     path.c_str(), error.AsString().c_str());
-    m_iErrorCode = VT_HDS_ERROR_COMMAND_FAILED;
-    m_sErrorString = "Failed to write to script file [" + path + "]";
     script.Flush();
     script.Close();
-    return 1;
+    return fail(VT_HDS_ERROR_COMMAND_FAILED, "Failed to write to script file [" + path + "]",
+                "Failed to write to script file [%s] . Error [%s]", path.c_str(),
+                error.AsString().c_str());
   }
   script.Flush();
   script.Close();
@@ -162,18 +157,14 @@ int CommandHandler::executeScriptFile(const std::string& scriptContent, std::str
   std::string runError;
   if (helper.RunCommandWithTimeout(hds::text::quoteArgument(path), output, exitCode, runError,
                                    m_iCommandTimeout) != 0) {
-    m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to execute script [%s]. Error [%s]. Output [%s]",
-                     path.c_str(), runError.c_str(), output.c_str());
-    m_iErrorCode = VT_HDS_ERROR_COMMAND_FAILED;
-    m_sErrorString = kScriptFailedText;
-    return 1;
+    return fail(VT_HDS_ERROR_COMMAND_FAILED, kScriptFailedText,
+                "Failed to execute script [%s]. Error [%s]. Output [%s]", path.c_str(),
+                runError.c_str(), output.c_str());
   }
   if (exitCode != 0) {
-    m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Script [%s] returned exitCode [%d]. Output [%s]",
-                     path.c_str(), exitCode, output.c_str());
-    m_iErrorCode = VT_HDS_ERROR_COMMAND_FAILED;
-    m_sErrorString = kScriptFailedText;
-    return 1;
+    return fail(VT_HDS_ERROR_COMMAND_FAILED, kScriptFailedText,
+                "Script [%s] returned exitCode [%d]. Output [%s]", path.c_str(), exitCode,
+                output.c_str());
   }
   // raidcom reports on stderr, and the runner hands that text back only with a non-zero exit,
   // which for a script is its last line's. A line that failed earlier in the script shows only
@@ -182,11 +173,8 @@ int CommandHandler::executeScriptFile(const std::string& scriptContent, std::str
   if (!didTheCommandFail(output, errorPart) && didTheCommandFail(runError, errorPart))
     output += runError;
   if (!errorPart.empty()) {
-    m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Script [%s] output has error [%s]", path.c_str(),
-                     output.c_str());
-    m_iErrorCode = VT_HDS_ERROR_COMMAND_FAILED;
-    m_sErrorString = kScriptFailedText;
-    return 1;
+    return fail(VT_HDS_ERROR_COMMAND_FAILED, kScriptFailedText, "Script [%s] output has error [%s]",
+                path.c_str(), output.c_str());
   }
   deleteCommandFiles(path);
   return 0;

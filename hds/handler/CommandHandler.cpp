@@ -4,12 +4,15 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <mutex>
 
 #include "hds/common/HDSConstants.h"
 #include "hds/common/internal/HDSText.h"
+#include "hds/handler/internal/HandlerParsers.h"
+#include "hds/handler/internal/InstanceArgs.h"
 #include "hds/platform/VTClient.h"
 #include "hds/platform/VTPI_Base.h"
 #include "hds/platform/VTPlatformInfo.h"
@@ -73,6 +76,21 @@ bool readClientString(const char* section, const char* key, std::string& value) 
   return true;
 }
 
+// The one reading of the installed CCI version: in the configured format when one is set, else
+// in the shape the text has. Every capability check compares against what this gives.
+VersionQuad installedCciVersion(const std::string& text) {
+  VersionQuad version;
+  std::string format;
+  if (readClientString(VT_HDS_REG_SECTION, kVersionFormatKey, format)) {
+    version.scan(text, format.c_str());
+  } else if (text.find('-') != std::string::npos) {
+    version.scan(text, kDashedVersionFormat);
+  } else if (text.find('.') != std::string::npos) {
+    version.scan(text, kDottedVersionFormat);
+  }
+  return version;
+}
+
 }  // namespace
 
 CommandHandler::CommandHandler(VTSO::SnapInfo& snapInfo, const HDSCLIInitParam& param)
@@ -116,6 +134,21 @@ void CommandHandler::setErrorCodeAndString(int errorCode, const std::string& err
   m_sErrorString = errorString;
 }
 
+int CommandHandler::fail(int errorCode, const std::string& errorText) {
+  m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "%s", errorText.c_str());
+  setErrorCodeAndString(errorCode, errorText);
+  return 1;
+}
+
+int CommandHandler::fail(int errorCode, const std::string& errorText, const char* logFormat, ...) {
+  va_list args;
+  va_start(args, logFormat);
+  m_pSnapInfo->vlog(2, VT_HDS_LOG_MODULE, logFormat, args);
+  va_end(args);
+  setErrorCodeAndString(errorCode, errorText);
+  return 1;
+}
+
 int CommandHandler::initialize() {
   if (m_iReady != 1) return 1;
   m_iReady = 0;
@@ -149,46 +182,27 @@ int CommandHandler::initializeProcessWide() {
   // would then fail far from the cause (the CCI directory, a wrong time-out).
   std::string settingsProblem;
   if (!VTPlatformInfo::checkSettingsFile(settingsProblem)) {
-    m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "%s", settingsProblem.c_str());
-    m_iErrorCode = VT_HDS_ERROR_COMMAND_FAILED;
-    m_sErrorString = settingsProblem + ".";
-    return 1;
+    return fail(VT_HDS_ERROR_COMMAND_FAILED, settingsProblem + ".", "%s", settingsProblem.c_str());
   }
 
   if (m_sCCIInstallPath.empty()) {
-    // The client setting wins over the array-level one when it is set.
-    std::string directory;
-    char arrayValue[1024] = {};
-    if (m_pSnapInfo->getSnapConfigString(SMCONFIG_NAME_HORCM_INSTALLATION_PATH, arrayValue,
-                                         sizeof(arrayValue))) {
-      arrayValue[sizeof(arrayValue) - 1] = '\0';
-      directory = arrayValue;
-    }
-    std::string clientValue;
-    if (readClientString(VT_HDS_REG_SECTION, "sVTHDSHorcmDirectory", clientValue) &&
-        !clientValue.empty()) {
-      directory = clientValue;
-    }
-    if (directory.empty()) directory = VT_HDS_DEFAULT_CCI_PATH;
+    std::string directory = cciDirectory(*m_pSnapInfo);
 
     if (access(directory.c_str(), F_OK) != 0) {
-      m_pSnapInfo->log(
-          2, VT_HDS_LOG_MODULE,
+      return fail(
+          VT_HDS_ERROR_COMMAND_FAILED,
+          "Hitachi CCI CLI not found in " + directory +
+              ". Ensure that the Hitachi CCI CLI is installed on this client. If it is already "
+              "installed in other folder, please set path in snap configuration [" +
+              SMCONFIG_NAME_HORCM_INSTALLATION_PATH + "] for Hitachi storage array [" +
+              m_sSerialNumber +
+              "] in array management either at array level or at client level. Please refer to "
+              "Vantrel documentation on Hitachi storage array for more details.",
           "Hitachi CCI CLI not found in [%s]. Ensure that the Hitachi CCI CLI is installed on "
           "this client. If it is already installed in other folder, please set path in snap "
           "configuration [%s] for Hitachi storage array [%s] in array management either at "
           "array level or at client level.",
           directory.c_str(), SMCONFIG_NAME_HORCM_INSTALLATION_PATH, m_sSerialNumber.c_str());
-      m_iErrorCode = VT_HDS_ERROR_COMMAND_FAILED;
-      m_sErrorString =
-          "Hitachi CCI CLI not found in " + directory +
-          ". Ensure that the Hitachi CCI CLI is installed on this client. If it is already "
-          "installed in other folder, please set path in snap configuration [" +
-          SMCONFIG_NAME_HORCM_INSTALLATION_PATH + "] for Hitachi storage array [" +
-          m_sSerialNumber +
-          "] in array management either at array level or at client level. Please refer to "
-          "Vantrel documentation on Hitachi storage array for more details.";
-      return 1;
     }
     if (directory.back() != '/') directory += '/';
     m_pSnapInfo->log(0, VT_HDS_LOG_MODULE, "Running CCI commands from [%s]", directory.c_str());
@@ -244,27 +258,17 @@ int CommandHandler::getCCIVersionInstalled(std::string& version) {
     return 1;
   }
 
-  // "Ver&Rev: 01-29-03/05": the version is the 11 characters after the label, its colon and
-  // one blank.
-  const size_t label = output.find("Ver&Rev");
-  if (label == std::string::npos) {
-    m_pSnapInfo->log(2, VT_HDS_LOG_MODULE,
-                     "Failed to get CCI version installed. 'raidqry -h' output doesn't have "
-                     "'Ver&Rev' string.");
-    m_iErrorCode = VT_HDS_ERROR_COMMAND_FAILED;
-    m_sErrorString =
+  std::string found;
+  if (!hds::handler::parseCciVersionOutput(output, found)) {
+    return fail(
+        VT_HDS_ERROR_COMMAND_FAILED,
         "Failed to get version of CCI command installed. Please check output of 'raidqry -h' "
-        "command";
-    return 1;
+        "command",
+        "Failed to get CCI version installed. 'raidqry -h' output doesn't have "
+        "'Ver&Rev' string.");
   }
   // A label followed only by blanks gives an empty version: the handler still works, and the
-  // capability checks report the newer commands as unsupported. The next line of the help page
-  // is no part of the version.
-  const size_t lineEnd = std::min(output.find('\n', label), output.size());
-  std::string found;
-  for (size_t i = label + 9; i < std::min(label + 20, lineEnd); ++i) {
-    if (!std::isspace(static_cast<unsigned char>(output[i]))) found += output[i];
-  }
+  // capability checks report the newer commands as unsupported.
   m_sCCIVersion = found;
   version = m_sCCIVersion;
   m_pSnapInfo->log(0, VT_HDS_LOG_MODULE, "CCI version [%s] is installed.", m_sCCIVersion.c_str());
@@ -272,19 +276,14 @@ int CommandHandler::getCCIVersionInstalled(std::string& version) {
 }
 
 bool CommandHandler::isHTISupported() {
-  VersionQuad version;
-  std::string format;
-  if (readClientString(VT_HDS_REG_SECTION, kVersionFormatKey, format)) {
-    version.scan(m_sCCIVersion, format.c_str());
-  } else if (m_sCCIVersion.find('-') != std::string::npos) {
-    version.scan(m_sCCIVersion, kDashedVersionFormat);
-  } else if (m_sCCIVersion.find('.') != std::string::npos) {
-    version.scan(m_sCCIVersion, kDottedVersionFormat);
-  }
-  return version.atLeast(1, 29, 3, 5);
+  return installedCciVersion(m_sCCIVersion).atLeast(1, 29, 3, 5);
 }
 
 bool CommandHandler::isSISupported() { return isHTISupported(); }
+
+bool CommandHandler::isResourceKeyOptionSupported() {
+  return installedCciVersion(m_sCCIVersion).part[1] > 31;
+}
 
 bool CommandHandler::isMultiLevelSnapSupported(const std::string& microcodeVersion) {
   VersionQuad version;
@@ -314,8 +313,37 @@ std::string CommandHandler::horcmFilePath(const std::string& instance) {
   return VTPI_Base::getHorcmDirectory() + "horcm" + instance + ".conf";
 }
 
+std::string CommandHandler::horcmFileInstance(const std::string& fileName) {
+  const std::string prefix = "horcm";
+  const std::string suffix = ".conf";
+  if (fileName.size() <= prefix.size() + suffix.size() ||
+      fileName.compare(0, prefix.size(), prefix) != 0 ||
+      fileName.compare(fileName.size() - suffix.size(), suffix.size(), suffix) != 0) {
+    return std::string();
+  }
+  return fileName.substr(prefix.size(), fileName.size() - prefix.size() - suffix.size());
+}
+
+std::string CommandHandler::cciDirectory(VTSO::SnapInfo& snapInfo) {
+  // The client setting wins over the array-level one when it is set.
+  std::string directory;
+  char arrayValue[1024] = {};
+  if (snapInfo.getSnapConfigString(SMCONFIG_NAME_HORCM_INSTALLATION_PATH, arrayValue,
+                                   sizeof(arrayValue))) {
+    arrayValue[sizeof(arrayValue) - 1] = '\0';
+    directory = arrayValue;
+  }
+  std::string clientValue;
+  if (readClientString(VT_HDS_REG_SECTION, "sVTHDSHorcmDirectory", clientValue) &&
+      !clientValue.empty()) {
+    directory = clientValue;
+  }
+  if (directory.empty()) directory = VT_HDS_DEFAULT_CCI_PATH;
+  return directory;
+}
+
 std::string CommandHandler::formInstanceOption(const std::string& instance) {
-  return " -IM" + hds::text::quoteArgument(instance);
+  return " " + hds::handler::instanceArguments(hds::handler::InstanceMode::Raidcom, instance);
 }
 
 std::string CommandHandler::shellCCIInstallPath() {

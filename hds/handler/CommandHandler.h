@@ -110,6 +110,8 @@ class HDS_API CommandHandler {
   // later, read with the format in "sVTHDSCCIVersionFormat" when that is set.
   bool isHTISupported();
   bool isSISupported();
+  // Whether "raidcom get resource -key opt" prints the model column (CCI 01-32 on).
+  bool isResourceKeyOptionSupported();
   // Whether the array's microcode supports cascaded snapshots (80-05-01/00 on). A version that
   // is neither dashed nor dotted needs "sVTHDSCCIVersionFormat"; without it: false, with 62601 and
   // a text (the only answer that sets the error fields).
@@ -130,10 +132,24 @@ class HDS_API CommandHandler {
 
   // <HORCM directory>horcm<instance>.conf (VTPI_Base::getHorcmDirectory()).
   static std::string horcmFilePath(const std::string& instance);
+  // The instance whose configuration file has this name ("horcm3532.conf" gives "3532"); "" for
+  // any other name.
+  static std::string horcmFileInstance(const std::string& fileName);
+  // The CCI directory the handlers run the tools from: the client setting sVTHDSHorcmDirectory
+  // when set, else the array-level snap configuration of snapInfo, else the default. Whether it
+  // exists is not checked; the handler adds the final "/" itself.
+  static std::string cciDirectory(VTSO::SnapInfo& snapInfo);
   // The option that directs a CCI command to a HORCM instance: " -IM" + instance.
   static std::string formInstanceOption(const std::string& instance);
 
  protected:
+  // The shape of a failure: logs the error text at level 2, sets it with the code as the
+  // handler's error and returns 1.
+  int fail(int errorCode, const std::string& errorText);
+  // The same where the log line says more than, or other than, the error text.
+  int fail(int errorCode, const std::string& errorText, const char* logFormat, ...)
+      __attribute__((format(printf, 4, 5)));
+
   // The CCI directory as the start of a shell command line, quoted when it needs it.
   static std::string shellCCIInstallPath();
   // Values that no quoting makes safe are refused before any command runs or file is written:

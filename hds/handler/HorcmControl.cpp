@@ -3,6 +3,7 @@
 #include "hds/common/HDSConstants.h"
 #include "hds/common/internal/HDSText.h"
 #include "hds/handler/CommandHandler.h"
+#include "hds/handler/internal/HandlerParsers.h"
 #include "hds/platform/VTPlatformInfo.h"
 
 int CommandHandler::horcmStart(const char* instance) {
@@ -85,16 +86,9 @@ int CommandHandler::CheckIfCommandDeviceExist() {
     return 1;
   }
 
-  const size_t serial = output.find(m_sSerialNumber);
-  if (serial != std::string::npos) {
-    // A command device is named like \\.\CMD-412345:/dev/sdc, up to the end of its line.
-    const size_t name = output.find("\\\\", serial);
-    if (name != std::string::npos) {
-      size_t end = output.find('\n', name);
-      if (end == std::string::npos) end = output.size();
-      if (end > name && output[end - 1] == '\r') --end;
-      if (end > name) m_oCommandDevices.push_back(output.substr(name, end - name));
-    }
+  std::string device;
+  if (hds::handler::parseFindCommandDeviceOutput(output, m_sSerialNumber, device)) {
+    if (!device.empty()) m_oCommandDevices.push_back(device);
     return 0;
   }
 

@@ -109,8 +109,13 @@ std::string CommandHelper::buildCommandToPrint(const std::string& commandLine,
 
 int CommandHelper::RunCommandWithTimeout(const std::string& commandLine, std::string& output,
                                          int& exitCode, std::string& error, int timeoutSec) {
-  const std::string printable = buildCommandToPrint(commandLine, "");
+  return RunCommandWithTimeout(commandLine, buildCommandToPrint(commandLine, ""), output, exitCode,
+                               error, timeoutSec);
+}
 
+int CommandHelper::RunCommandWithTimeout(const std::string& commandLine,
+                                         const std::string& printable, std::string& output,
+                                         int& exitCode, std::string& error, int timeoutSec) {
   CallReport report(printable);
   VtProcess process;
   process.TrapIO(true, true);

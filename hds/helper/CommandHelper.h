@@ -26,6 +26,10 @@ class HDS_API CommandHelper {
   // are left as they were.
   int RunCommandWithTimeout(const std::string& commandLine, std::string& output, int& exitCode,
                             std::string& error, int timeoutSec);
+  // The same with the loggable form of the command line (buildCommandToPrint) made by the
+  // caller, which then forms it, and reads the settings for it, once per call.
+  int RunCommandWithTimeout(const std::string& commandLine, const std::string& printable,
+                            std::string& output, int& exitCode, std::string& error, int timeoutSec);
   // The same; outputFile is not used.
   int RunCommandWithFileOutput(const std::string& commandLine, std::string& output, int& exitCode,
                                std::string& error, int timeoutSec, const std::string& outputFile);

@@ -6,11 +6,11 @@
 #include "hds/common/HDSConstants.h"
 #include "hds/platform/VTPlatformInfo.h"
 
-namespace {
-
-std::string countKey(std::string const& serialNumber) {
+std::string loginCountKey(std::string const& serialNumber) {
   return std::string(VT_HDS_RAIDCOM_LOCK_COUNT) + "_" + serialNumber;
 }
+
+namespace {
 
 std::string bootKey(std::string const& serialNumber) {
   return "sVTHDSRaidcomLockBoot_" + serialNumber;
@@ -24,7 +24,7 @@ std::string generationKey(std::string const& serialNumber) {
 
 bool readLoginCount(std::string const& serialNumber, int& count, int* voidedCount) {
   if (voidedCount != nullptr) *voidedCount = -1;
-  if (!VTPlatformInfo::getRegInt(VT_HDS_REG_SECTION_LOCAL, countKey(serialNumber).c_str(),
+  if (!VTPlatformInfo::getRegInt(VT_HDS_REG_SECTION_LOCAL, loginCountKey(serialNumber).c_str(),
                                  &count)) {
     return false;
   }
@@ -45,7 +45,7 @@ bool readLoginCount(std::string const& serialNumber, int& count, int* voidedCoun
 
 bool storeLoginCount(std::string const& serialNumber, int count, bool restart) {
   std::vector<std::pair<std::string, std::string>> values = {
-      {countKey(serialNumber), std::to_string(count)}};
+      {loginCountKey(serialNumber), std::to_string(count)}};
   if (count <= 0 || restart) {
     values.emplace_back(generationKey(serialNumber),
                         std::to_string(readLoginGeneration(serialNumber) + 1));

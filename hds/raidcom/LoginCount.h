@@ -10,6 +10,9 @@
 
 #include "hds/common/HDSExport.h"
 
+// The settings key the count of the array is stored under.
+HDS_API std::string loginCountKey(std::string const& serialNumber);
+
 // The stored count; false when it is absent or unreadable. A count kept in an earlier boot of
 // the host is void: count becomes 0 and voidedCount (when given) receives the stored value, else
 // -1. A count without a boot beside it is trusted.

@@ -75,6 +75,22 @@ class HDS_API RaidcomCommandHandler : public CommandHandler {
   // The -time, in seconds, of resource locks and command status reads ("sVTHDSRaidcomTimeoutInSecs"
   // in "~iHarbor", default 30); one value for the process, set by the latest initialize.
   int getArrayLockTimeoutVal();
+  // The arrays whose sessions the HORCM file this handler wrote for an instance serves; false
+  // when the instance has no such file (absent, unreadable, or written by another program).
+  static bool horcmFileSerials(int instance, std::set<std::string>& serials);
+
+  // ---- Ending the session before destruction
+  // Releases the resource group lock when this handler holds it, then logs out when this is the
+  // last session of the array on the host: 0 when both went well. Either way the destructor asks
+  // nothing more of the array for what this call gave back; a lock that could not be released
+  // stays for the destructor to try again.
+  int endSession();
+  // The resource group lock stays on the array for the other sessions of this host; this handler
+  // no longer counts as holding it, so its end does not release it.
+  void leaveResourceLock();
+  // Neither the resource group lock nor the session is given back when the handler goes: both
+  // stay for whoever recovers them later.
+  void abandonSession();
 
   // ---- Login and the shared login count
   // Under the login lock, counts this session in the array's login count (kept in the settings

@@ -10,6 +10,8 @@
 
 namespace {
 
+using hds::raidcom::raidcom;
+
 using hds::raidcom::quoteArgument;
 
 const char* const kGetLdev = " get ldev ";
@@ -44,7 +46,7 @@ std::string controlUnitArguments(std::string const& value) {
 
 int RaidcomCommandHandler::getLdevlList(std::vector<hdsLdev_t>& ldevs,
                                         std::map<int, std::string> const& filters) {
-  const std::string command = std::string(VT_HDS_RAIDCOM_CMD_NAME) + kGetLdev;
+  const std::string command = raidcom(kGetLdev);
   std::string arguments;
   bool listFilter = false;
   for (const auto& form : kListFilters) {
@@ -84,7 +86,7 @@ int RaidcomCommandHandler::getLdevlList(std::vector<hdsLdev_t>& ldevs,
 }
 
 int RaidcomCommandHandler::getLdevInfo(std::vector<hdsLdev_t>& ldevs) {
-  const std::string command = std::string(VT_HDS_RAIDCOM_CMD_NAME) + kGetLdev;
+  const std::string command = raidcom(kGetLdev);
   const std::map<int, std::string> noFilters;
   size_t refreshed = 0;
   for (hdsLdev_t& ldev : ldevs) {
@@ -147,9 +149,8 @@ int RaidcomCommandHandler::getMaxLdevNumber(int& maxLdev) {
   std::snprintf(probe, sizeof(probe), "%d ", candidate);
   std::string output;
   int exitCode = 0;
-  if (executeCommand(std::string(VT_HDS_RAIDCOM_CMD_NAME) + kGetLdev,
-                     std::string(" -ldev_id ") + probe + m_sInstanceArgs, output, exitCode,
-                     false) != 0) {
+  if (executeCommand(raidcom(kGetLdev), std::string(" -ldev_id ") + probe + m_sInstanceArgs, output,
+                     exitCode, false) != 0) {
     m_pSnapInfo->log(0, VT_HDS_LOG_MODULE,
                      "Failed to query ldev [%d]. Will use [%d] as maximum ldev number.", kWidest,
                      kFallback);

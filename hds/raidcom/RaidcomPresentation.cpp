@@ -12,6 +12,8 @@
 
 namespace {
 
+using hds::raidcom::raidcom;
+
 using hds::raidcom::hostGroupReference;
 using hds::raidcom::quoteArgument;
 
@@ -52,29 +54,24 @@ const hdsHostGroup_t* matchHostGroup(hdsPort_t const& rec, std::string const& ho
 // ---- Ports
 
 int RaidcomCommandHandler::getPortList(std::vector<hdsPort_t>& ports) {
-  const std::string command = std::string(VT_HDS_RAIDCOM_CMD_NAME) + " get port ";
+  const std::string command = raidcom(" get port ");
   std::string output;
   int exitCode = 0;
   if (executeCommand(command, m_sInstanceArgs, output, exitCode, false) != 0) {
-    m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to get port list.");
-    setErrorCodeAndString(VT_HDS_ERROR_COMMAND_FAILED, "Failed to get port list");
-    return 1;
+    return fail(VT_HDS_ERROR_COMMAND_FAILED, "Failed to get port list", "Failed to get port list.");
   }
   parseGetPortOutput(output, ports);
   return 0;
 }
 
 int RaidcomCommandHandler::getPortLoginWWNList(std::string const& port, hdsPort_t& portRec) {
-  const std::string command = std::string(VT_HDS_RAIDCOM_CMD_NAME) + " get port ";
+  const std::string command = raidcom(" get port ");
   const std::string arguments = " -port " + quoteArgument(port) + " " + m_sInstanceArgs;
   std::string output;
   int exitCode = 0;
   if (executeCommand(command, arguments, output, exitCode, false) != 0) {
-    m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to get host group list for port [%s]",
-                     port.c_str());
-    setErrorCodeAndString(VT_HDS_ERROR_COMMAND_FAILED,
-                          "Failed to get host group list for port " + port);
-    return 1;
+    return fail(VT_HDS_ERROR_COMMAND_FAILED, "Failed to get host group list for port " + port,
+                "Failed to get host group list for port [%s]", port.c_str());
   }
   parseGetPortLoginOutput(output, portRec);
   m_pSnapInfo->log(0, VT_HDS_LOG_MODULE, "Port [%s] has [%d] WWN.", port.c_str(),
@@ -107,25 +104,19 @@ int RaidcomCommandHandler::getPortHostGroupList(std::string const& port,
     auto own = groups.find(m_sResourceGroupName);
     if (own == groups.end()) {
       // Without its number the listing would show host groups of other machines as well.
-      m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to get host group list for port [%s]",
-                       port.c_str());
-      setErrorCodeAndString(VT_HDS_ERROR_COMMAND_FAILED,
-                            "Failed to get host group list for port " + port);
-      return 1;
+      return fail(VT_HDS_ERROR_COMMAND_FAILED, "Failed to get host group list for port " + port,
+                  "Failed to get host group list for port [%s]", port.c_str());
     }
     arguments +=
         " -resource " + std::to_string(own->second.resourceGroupId) + " " + m_sInstanceArgs;
   }
 
-  const std::string command = std::string(VT_HDS_RAIDCOM_CMD_NAME) + " get host_grp ";
+  const std::string command = raidcom(" get host_grp ");
   std::string output;
   int exitCode = 0;
   if (executeCommand(command, arguments, output, exitCode, false) != 0) {
-    m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to get host group list for port [%s]",
-                     port.c_str());
-    setErrorCodeAndString(VT_HDS_ERROR_COMMAND_FAILED,
-                          "Failed to get host group list for port " + port);
-    return 1;
+    return fail(VT_HDS_ERROR_COMMAND_FAILED, "Failed to get host group list for port " + port,
+                "Failed to get host group list for port [%s]", port.c_str());
   }
   if (portRec.portName.empty()) portRec.portName = port;
   const size_t firstNew = portRec.hostGroups.size();
@@ -165,18 +156,16 @@ int RaidcomCommandHandler::getPortHostGroupList(std::string const& port,
 }
 
 int RaidcomCommandHandler::createHostGroup(std::string const& port, std::string const& hostGroup) {
-  const std::string command = std::string(VT_HDS_RAIDCOM_CMD_NAME) + " add host_grp ";
+  const std::string command = raidcom(" add host_grp ");
   const std::string arguments = " -port " + quoteArgument(port) + " -host_grp_name " +
                                 quoteArgument(hostGroup) + m_sInstanceArgs;
   std::string output;
   int exitCode = 0;
   if (executeCommand(command, arguments, output, exitCode, false) != 0) {
-    m_pSnapInfo->log(2, VT_HDS_LOG_MODULE,
-                     "Failed to create host group for port [%s], host group [%s]", port.c_str(),
-                     hostGroup.c_str());
-    setErrorCodeAndString(VT_HDS_ERROR_COMMAND_FAILED,
-                          "Failed to create host group " + port + " " + hostGroup);
-    return 1;
+    return fail(VT_HDS_ERROR_COMMAND_FAILED,
+                "Failed to create host group " + port + " " + hostGroup,
+                "Failed to create host group for port [%s], host group [%s]", port.c_str(),
+                hostGroup.c_str());
   }
 
   // A host group outside the handler's resource group is invisible to the handler's later
@@ -184,12 +173,10 @@ int RaidcomCommandHandler::createHostGroup(std::string const& port, std::string 
   if (m_sResourceGroupName != VT_HDS_META_RESOURCE_NAME &&
       addtoResourceGroup(port + " " + hostGroup, VT_HDS_RESOURCE_TYPE_PORT) != 0) {
     deleteHostGroup(port, hostGroup);
-    m_pSnapInfo->log(2, VT_HDS_LOG_MODULE,
-                     "Failed to move host group [%s-%s] to resource group [%s]", port.c_str(),
-                     hostGroup.c_str(), m_sResourceGroupName.c_str());
-    setErrorCodeAndString(VT_HDS_ERROR_COMMAND_FAILED,
-                          "Failed to create host group " + port + " " + hostGroup);
-    return 1;
+    return fail(VT_HDS_ERROR_COMMAND_FAILED,
+                "Failed to create host group " + port + " " + hostGroup,
+                "Failed to move host group [%s-%s] to resource group [%s]", port.c_str(),
+                hostGroup.c_str(), m_sResourceGroupName.c_str());
   }
   m_pSnapInfo->log(0, VT_HDS_LOG_MODULE, "Successfully created host group [%s] on port [%s].",
                    hostGroup.c_str(), port.c_str());
@@ -197,16 +184,14 @@ int RaidcomCommandHandler::createHostGroup(std::string const& port, std::string 
 }
 
 int RaidcomCommandHandler::deleteHostGroup(std::string const& port, std::string const& hostGroup) {
-  const std::string command = std::string(VT_HDS_RAIDCOM_CMD_NAME) + " delete host_grp ";
+  const std::string command = raidcom(" delete host_grp ");
   const std::string arguments = " -port " + hostGroupReference(port, hostGroup) + m_sInstanceArgs;
   std::string output;
   int exitCode = 0;
   if (executeCommand(command, arguments, output, exitCode, false) != 0) {
-    m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to delete host group [%s] for port [%s]",
-                     hostGroup.c_str(), port.c_str());
-    setErrorCodeAndString(VT_HDS_ERROR_COMMAND_FAILED,
-                          "Failed to delete host group " + port + " " + hostGroup);
-    return 1;
+    return fail(VT_HDS_ERROR_COMMAND_FAILED,
+                "Failed to delete host group " + port + " " + hostGroup,
+                "Failed to delete host group [%s] for port [%s]", hostGroup.c_str(), port.c_str());
   }
   m_pSnapInfo->log(0, VT_HDS_LOG_MODULE, "Successfully deleted host group [%s] on port [%s].",
                    hostGroup.c_str(), port.c_str());
@@ -215,18 +200,16 @@ int RaidcomCommandHandler::deleteHostGroup(std::string const& port, std::string 
 
 int RaidcomCommandHandler::addWWNToHostGroup(std::string const& port, std::string const& hostGroup,
                                              std::string const& wwn) {
-  const std::string command = std::string(VT_HDS_RAIDCOM_CMD_NAME) + " add hba_wwn ";
+  const std::string command = raidcom(" add hba_wwn ");
   const std::string arguments = " -port " + hostGroupReference(port, hostGroup) + " -hba_wwn " +
                                 quoteArgument(wwn) + m_sInstanceArgs;
   std::string output;
   int exitCode = 0;
   if (executeCommand(command, arguments, output, exitCode, false) != 0) {
-    m_pSnapInfo->log(2, VT_HDS_LOG_MODULE,
-                     "Failed to add WWN [%s] to host group for port [%s], host group [%s]",
-                     wwn.c_str(), port.c_str(), hostGroup.c_str());
-    setErrorCodeAndString(VT_HDS_ERROR_COMMAND_FAILED,
-                          "Failed add WWN " + wwn + " to host group " + port + " " + hostGroup);
-    return 1;
+    return fail(VT_HDS_ERROR_COMMAND_FAILED,
+                "Failed add WWN " + wwn + " to host group " + port + " " + hostGroup,
+                "Failed to add WWN [%s] to host group for port [%s], host group [%s]", wwn.c_str(),
+                port.c_str(), hostGroup.c_str());
   }
   m_pSnapInfo->log(0, VT_HDS_LOG_MODULE,
                    "Successfully added WWN [%s] to host group [%s] on port [%s].", wwn.c_str(),
@@ -236,16 +219,14 @@ int RaidcomCommandHandler::addWWNToHostGroup(std::string const& port, std::strin
 
 int RaidcomCommandHandler::getHostGroupInfo(std::string const& port, std::string const& hostGroup,
                                             hdsHostGroup_t& hg) {
-  const std::string command = std::string(VT_HDS_RAIDCOM_CMD_NAME) + " get hba_wwn ";
+  const std::string command = raidcom(" get hba_wwn ");
   const std::string arguments = " -port " + quoteArgument(port + "-" + hostGroup) + m_sInstanceArgs;
   std::string output;
   int exitCode = 0;
   if (executeCommand(command, arguments, output, exitCode, false) != 0) {
-    m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to get host group info for [%s-%s]",
-                     port.c_str(), hostGroup.c_str());
-    setErrorCodeAndString(VT_HDS_ERROR_COMMAND_FAILED,
-                          "Failed to get host group info for " + port + "-" + hostGroup);
-    return 1;
+    return fail(VT_HDS_ERROR_COMMAND_FAILED,
+                "Failed to get host group info for " + port + "-" + hostGroup,
+                "Failed to get host group info for [%s-%s]", port.c_str(), hostGroup.c_str());
   }
   parseGetHbaWwnOutput(output, hg);
   m_pSnapInfo->log(0, VT_HDS_LOG_MODULE, "host group [%s-%s] has [%d] WWN.", port.c_str(),
@@ -272,11 +253,9 @@ int RaidcomCommandHandler::findHostGroup(std::string const& port, std::string& h
     match = matchHostGroup(rec, hostGroup);
   }
   if (match == nullptr) {
-    m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Host group [%s] doesn't exist in port [%s] ",
-                     hostGroup.c_str(), port.c_str());
-    setErrorCodeAndString(VT_HDS_ERROR_COMMAND_FAILED,
-                          "Failed to find host group " + hostGroup + " in port " + port);
-    return 1;
+    return fail(VT_HDS_ERROR_COMMAND_FAILED,
+                "Failed to find host group " + hostGroup + " in port " + port,
+                "Host group [%s] doesn't exist in port [%s] ", hostGroup.c_str(), port.c_str());
   }
   m_pSnapInfo->log(0, VT_HDS_LOG_MODULE, "Found host group [%s] in port [%s] ", hostGroup.c_str(),
                    port.c_str());
@@ -286,19 +265,15 @@ int RaidcomCommandHandler::findHostGroup(std::string const& port, std::string& h
 
 int RaidcomCommandHandler::getHostGroupOfCommandDevice(std::string& hostGroup) {
   if (m_oCommandDevices.empty()) {
-    m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to get command device.");
-    setErrorCodeAndString(VT_HDS_ERROR_COMMAND_FAILED, "Failed to get command device.");
-    return 1;
+    return fail(VT_HDS_ERROR_COMMAND_FAILED, "Failed to get command device.");
   }
   const std::string arguments =
       " -CLI -pdg " + quoteArgument(m_oCommandDevices.front()) + m_sInstanceArgs;
   std::string output;
   int exitCode = 0;
   if (executeCommand(VT_HDS_RAIDSCAN_CMD_NAME, arguments, output, exitCode, false) != 0) {
-    m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to get host group info using raidscan command.");
-    setErrorCodeAndString(VT_HDS_ERROR_COMMAND_FAILED,
-                          "Failed to get host group using raidscan command.");
-    return 1;
+    return fail(VT_HDS_ERROR_COMMAND_FAILED, "Failed to get host group using raidscan command.",
+                "Failed to get host group info using raidscan command.");
   }
   parseRaidscanPdgOutput(output, hostGroup);
   return 0;
@@ -308,7 +283,7 @@ int RaidcomCommandHandler::getHostGroupOfCommandDevice(std::string& hostGroup) {
 
 int RaidcomCommandHandler::mapLdevToHostGroup(std::string const& ldev, std::string const& P,
                                               std::string const& G) {
-  const std::string command = std::string(VT_HDS_RAIDCOM_CMD_NAME) + " add lun ";
+  const std::string command = raidcom(" add lun ");
   const std::string arguments = " -port " + quoteArgument(P + "-" + G) + " -ldev_id " +
                                 quoteArgument(ldev) + " " + m_sInstanceArgs;
   std::string output;
@@ -320,11 +295,9 @@ int RaidcomCommandHandler::mapLdevToHostGroup(std::string const& ldev, std::stri
       setErrorCodeAndString(0, std::string());
       return 0;
     }
-    m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to map ldev [%s] to host group [%s-%s]",
-                     ldev.c_str(), P.c_str(), G.c_str());
-    setErrorCodeAndString(VT_HDS_ERROR_COMMAND_FAILED,
-                          "Failed to map ldev " + ldev + " to host group " + P + " " + G);
-    return 1;
+    return fail(
+        VT_HDS_ERROR_COMMAND_FAILED, "Failed to map ldev " + ldev + " to host group " + P + " " + G,
+        "Failed to map ldev [%s] to host group [%s-%s]", ldev.c_str(), P.c_str(), G.c_str());
   }
   m_pSnapInfo->log(0, VT_HDS_LOG_MODULE, "Successfully mapped ldev [%s] to host group [%s-%s].",
                    ldev.c_str(), P.c_str(), G.c_str());
@@ -333,18 +306,17 @@ int RaidcomCommandHandler::mapLdevToHostGroup(std::string const& ldev, std::stri
 
 int RaidcomCommandHandler::mapDeviceGroupToHostGroup(std::string const& deviceGroup,
                                                      std::string const& P, std::string const& G) {
-  const std::string command = std::string(VT_HDS_RAIDCOM_CMD_NAME) + " add lun ";
+  const std::string command = raidcom(" add lun ");
   const std::string arguments = " -port " + quoteArgument(P + "-" + G) +
                                 " -grp_opt ldev -device_grp_name " + quoteArgument(deviceGroup) +
                                 " " + m_sInstanceArgs;
   std::string output;
   int exitCode = 0;
   if (executeCommand(command, arguments, output, exitCode, false) != 0) {
-    m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to map device group [%s] to host group [%s-%s]",
-                     deviceGroup.c_str(), P.c_str(), G.c_str());
-    setErrorCodeAndString(VT_HDS_ERROR_COMMAND_FAILED, "Failed to map device group " + deviceGroup +
-                                                           " to host group " + P + " " + G);
-    return 1;
+    return fail(VT_HDS_ERROR_COMMAND_FAILED,
+                "Failed to map device group " + deviceGroup + " to host group " + P + " " + G,
+                "Failed to map device group [%s] to host group [%s-%s]", deviceGroup.c_str(),
+                P.c_str(), G.c_str());
   }
   m_pSnapInfo->log(0, VT_HDS_LOG_MODULE,
                    "Successfully mapped device group [%s] to host group [%s-%s]",
@@ -354,7 +326,7 @@ int RaidcomCommandHandler::mapDeviceGroupToHostGroup(std::string const& deviceGr
 
 int RaidcomCommandHandler::unmapLdevFromHostGroup(std::string const& ldev, std::string const& P,
                                                   std::string const& G) {
-  const std::string command = std::string(VT_HDS_RAIDCOM_CMD_NAME) + " delete lun ";
+  const std::string command = raidcom(" delete lun ");
   const std::string arguments = " -port " + quoteArgument(P + "-" + G) + " -ldev_id " +
                                 quoteArgument(ldev) + " " + m_sInstanceArgs;
   std::string output;
@@ -396,7 +368,7 @@ int RaidcomCommandHandler::unmapLdevFromHostGroup(std::string const& ldev, std::
 int RaidcomCommandHandler::unmapDeviceGroupFromHostGroup(std::string const& deviceGroup,
                                                          std::string const& P,
                                                          std::string const& G) {
-  const std::string command = std::string(VT_HDS_RAIDCOM_CMD_NAME) + " delete lun ";
+  const std::string command = raidcom(" delete lun ");
   const std::string arguments = " -port " + quoteArgument(P + "-" + G) +
                                 " -grp_opt ldev -device_grp_name " + quoteArgument(deviceGroup) +
                                 " " + m_sInstanceArgs;
@@ -412,11 +384,9 @@ int RaidcomCommandHandler::unmapDeviceGroupFromHostGroup(std::string const& devi
       setErrorCodeAndString(VT_HDS_CCI_SVOL_BUSY, text);
       return 1;
     }
-    m_pSnapInfo->log(2, VT_HDS_LOG_MODULE,
-                     "Failed to unmap device group [%s] to host group [%s-%s].",
-                     deviceGroup.c_str(), P.c_str(), G.c_str());
-    setErrorCodeAndString(VT_HDS_ERROR_COMMAND_FAILED, text);
-    return 1;
+    return fail(VT_HDS_ERROR_COMMAND_FAILED, text,
+                "Failed to unmap device group [%s] to host group [%s-%s].", deviceGroup.c_str(),
+                P.c_str(), G.c_str());
   }
   m_pSnapInfo->log(1, VT_HDS_LOG_MODULE,
                    "Successfully unmapped device group [%s] from host group [%s-%s].",
@@ -428,16 +398,13 @@ int RaidcomCommandHandler::getLunsForHostGroup(std::string const& P, std::string
                                                std::vector<hdsLun_t>& luns) {
   const std::string reference = hds::text::isDigits(G) ? quoteArgument(P + "-" + G)
                                                        : quoteArgument(P) + " " + quoteArgument(G);
-  const std::string command = std::string(VT_HDS_RAIDCOM_CMD_NAME) + " get lun ";
+  const std::string command = raidcom(" get lun ");
   const std::string arguments = " -port " + reference + " " + m_sInstanceArgs;
   std::string output;
   int exitCode = 0;
   if (executeCommand(command, arguments, output, exitCode, false) != 0) {
-    m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to get luns on port [%s], host group [%s].",
-                     P.c_str(), G.c_str());
-    setErrorCodeAndString(VT_HDS_ERROR_COMMAND_FAILED,
-                          "Failed to get luns on host group " + P + "-" + G);
-    return 1;
+    return fail(VT_HDS_ERROR_COMMAND_FAILED, "Failed to get luns on host group " + P + "-" + G,
+                "Failed to get luns on port [%s], host group [%s].", P.c_str(), G.c_str());
   }
   const size_t known = luns.size();
   parseGetLunOutput(output, luns);

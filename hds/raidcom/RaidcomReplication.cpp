@@ -14,14 +14,14 @@
 
 namespace {
 
+using hds::raidcom::raidcom;
+
 using hds::raidcom::quoteArgument;
 
 const int kVirtualizeAttempts = 5;
 const unsigned long kRetryPauseMs = 2000;
 // Virtual LDEV ids from here on mean "no virtual id" and are never mapped.
 const int kFirstUnusableVirtualId = 65534;
-
-std::string raidcom(const char* verb) { return std::string(VT_HDS_RAIDCOM_CMD_NAME) + verb; }
 
 // The P-VOL id of a pair map key "<P-VOL>-><S-VOL>"; a key without the separator is all P-VOL.
 std::string pvolOf(std::string const& pairKey) {
@@ -183,11 +183,9 @@ unsigned int RaidcomCommandHandler::deleteSvol(std::string const& ldevId) {
     if (getLdevInfo(query) != 0) return 1;
     const std::string virtualId = query[0].virtualLdevId;
     if (!virtualId.empty() && unreserveFromVSM(ldevId, virtualId, VT_HDS_RESOURCE_TYPE_LDEV) != 0) {
-      m_pSnapInfo->log(2, VT_HDS_LOG_MODULE,
-                       "Failed to unreserve ldev [%s] from resource group [%s]", ldevId.c_str(),
-                       m_sResourceGroupName.c_str());
-      setErrorCodeAndString(VT_HDS_ERROR_COMMAND_FAILED, "Failed to unreserve ldev");
-      return 1;
+      return fail(VT_HDS_ERROR_COMMAND_FAILED, "Failed to unreserve ldev",
+                  "Failed to unreserve ldev [%s] from resource group [%s]", ldevId.c_str(),
+                  m_sResourceGroupName.c_str());
     }
   }
 
@@ -200,9 +198,8 @@ unsigned int RaidcomCommandHandler::deleteSvol(std::string const& ldevId) {
       setErrorCodeAndString(0, "");
       return 0;
     }
-    m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to delete ldev [%s]", ldevId.c_str());
-    setErrorCodeAndString(VT_HDS_ERROR_COMMAND_FAILED, "Failed to delete ldev.");
-    return 1;
+    return fail(VT_HDS_ERROR_COMMAND_FAILED, "Failed to delete ldev.", "Failed to delete ldev [%s]",
+                ldevId.c_str());
   }
   m_pSnapInfo->log(1, VT_HDS_LOG_MODULE, "Successfully deleted SVOl [%s].", ldevId.c_str());
   return 0;
@@ -217,11 +214,9 @@ unsigned int RaidcomCommandHandler::deleteAllSvolsInDeviceGroup(std::string cons
           raidcom(" delete ldev "),
           " -grp_opt ldev -device_grp_name " + quoteArgument(deviceGroup) + m_sInstanceArgs, output,
           exitCode, true) != 0) {
-    m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to delete ldev from device group [%s]",
-                     deviceGroup.c_str());
-    setErrorCodeAndString(VT_HDS_ERROR_COMMAND_FAILED,
-                          "Failed to delete SVOLS belonging to device group " + deviceGroup);
-    return 1;
+    return fail(VT_HDS_ERROR_COMMAND_FAILED,
+                "Failed to delete SVOLS belonging to device group " + deviceGroup,
+                "Failed to delete ldev from device group [%s]", deviceGroup.c_str());
   }
   m_pSnapInfo->log(1, VT_HDS_LOG_MODULE, "Successfully deleted all SVOLs in device group [%s]",
                    deviceGroup.c_str());
@@ -235,10 +230,8 @@ unsigned int RaidcomCommandHandler::formatSvols(std::string const& deviceGroup) 
                      " -operation fmt -grp_opt ldev -device_grp_name " +
                          quoteArgument(deviceGroup) + m_sInstanceArgs,
                      output, exitCode, true) != 0) {
-    m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to format SVOls in device group [%s].",
-                     deviceGroup.c_str());
-    setErrorCodeAndString(VT_HDS_ERROR_COMMAND_FAILED, "Failed to format SVOLs.");
-    return 1;
+    return fail(VT_HDS_ERROR_COMMAND_FAILED, "Failed to format SVOLs.",
+                "Failed to format SVOls in device group [%s].", deviceGroup.c_str());
   }
   m_pSnapInfo->log(0, VT_HDS_LOG_MODULE, "Successfully formated SVOLs in device group [%s]",
                    deviceGroup.c_str());
@@ -259,9 +252,7 @@ unsigned int RaidcomCommandHandler::modifySvolStatus(std::map<std::string, hdsLd
   std::string output;
   int exitCode = 0;
   if (executeScriptFile(script, output, exitCode) != 0) {
-    m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to block SVOL.");
-    setErrorCodeAndString(VT_HDS_ERROR_COMMAND_FAILED, "Failed to block SVOL.");
-    return 1;
+    return fail(VT_HDS_ERROR_COMMAND_FAILED, "Failed to block SVOL.");
   }
   m_pSnapInfo->log(0, VT_HDS_LOG_MODULE,
                    "Successfully modified SVOLs status to BLOCKED for [%d] vols",
@@ -291,9 +282,7 @@ unsigned int RaidcomCommandHandler::modifySvolLabel(std::map<std::string, hdsLde
   if (executeScriptFile(wanted, output, exitCode) != 0) {
     // Some lines may have run; putting every name back is the best that can be done.
     executeScriptFile(undo, output, exitCode);
-    m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to modify SVOL labels.");
-    setErrorCodeAndString(VT_HDS_ERROR_COMMAND_FAILED, "Failed to modify SVOL labels.");
-    return 1;
+    return fail(VT_HDS_ERROR_COMMAND_FAILED, "Failed to modify SVOL labels.");
   }
   m_pSnapInfo->log(0, VT_HDS_LOG_MODULE, "Successfully modified SVOLs label for [%d] vols",
                    static_cast<int>(ldevs.size()));
@@ -352,12 +341,10 @@ int RaidcomCommandHandler::addVolsToDeviceGroup(std::map<std::string, hdsLdev_t>
       deleteDeviceGroup(pairs, svolGroup, false);
       std::string cause;
       if (output.find("CAUSE :") != std::string::npos) cause = causeIn(output) + "-";
-      m_pSnapInfo->log(2, VT_HDS_LOG_MODULE,
-                       "Failed to add [%d] SVOLs to device group [%s] Error [%s]", count,
-                       svolGroup.c_str(), cause.c_str());
-      setErrorCodeAndString(VT_HDS_ERROR_COMMAND_FAILED,
-                            cause + "Failed to add SVOLs to device group " + svolGroup);
-      return 1;
+      return fail(VT_HDS_ERROR_COMMAND_FAILED,
+                  cause + "Failed to add SVOLs to device group " + svolGroup,
+                  "Failed to add [%d] SVOLs to device group [%s] Error [%s]", count,
+                  svolGroup.c_str(), cause.c_str());
     }
   }
   m_pSnapInfo->log(1, VT_HDS_LOG_MODULE, "Successfully added [%d] SVOLs to device group [%s]",
@@ -371,11 +358,8 @@ int RaidcomCommandHandler::addVolsToDeviceGroup(std::map<std::string, hdsLdev_t>
     if (executeScriptFile(pvolScript, output, exitCode) != 0) {
       deleteDeviceGroup(pairs, pvolGroup, true);
       deleteDeviceGroup(pairs, svolGroup, false);
-      m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to add [%d] PVOLs to device group [%s]", count,
-                       pvolGroup.c_str());
-      setErrorCodeAndString(VT_HDS_ERROR_COMMAND_FAILED,
-                            "Failed to add PVOLs to device group " + pvolGroup);
-      return 1;
+      return fail(VT_HDS_ERROR_COMMAND_FAILED, "Failed to add PVOLs to device group " + pvolGroup,
+                  "Failed to add [%d] PVOLs to device group [%s]", count, pvolGroup.c_str());
     }
   }
   m_pSnapInfo->log(1, VT_HDS_LOG_MODULE, "Successfully added [%d] PVOLs to device group [%s]",
@@ -388,10 +372,8 @@ int RaidcomCommandHandler::getDeviceGroupList(std::vector<std::string>& groups) 
   int exitCode = 0;
   if (executeCommand(raidcom(" get device_grp "), " " + m_sInstanceArgs, output, exitCode, false) !=
       0) {
-    m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to get device group list");
-    setErrorCodeAndString(VT_HDS_ERROR_COMMAND_FAILED,
-                          "Failed to get devices in device group list");
-    return 1;
+    return fail(VT_HDS_ERROR_COMMAND_FAILED, "Failed to get devices in device group list",
+                "Failed to get device group list");
   }
   const size_t known = groups.size();
   parseGetDeviceGroupListOutput(output, groups);
@@ -410,10 +392,8 @@ int RaidcomCommandHandler::getVolsInDeviceGroup(std::vector<hdsLdev_t>& ldevs,
   if (executeCommand(raidcom(" get device_grp "),
                      " -device_grp_name " + quoteArgument(group) + " " + m_sInstanceArgs, output,
                      exitCode, false) != 0) {
-    m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to get device group [%s] info", group.c_str());
-    setErrorCodeAndString(VT_HDS_ERROR_COMMAND_FAILED,
-                          "Failed to get devices in device group" + group);
-    return 1;
+    return fail(VT_HDS_ERROR_COMMAND_FAILED, "Failed to get devices in device group" + group,
+                "Failed to get device group [%s] info", group.c_str());
   }
   return parseGetDeviceGroupOutput(output, ldevs) ? 0 : 1;
 }
@@ -434,11 +414,9 @@ int RaidcomCommandHandler::deleteLdevFromDeviceGroup(std::string const& ldevId,
       setErrorCodeAndString(0, "");
       return 0;
     }
-    m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to delete ldev [%s] from device group [%s]",
-                     ldevId.c_str(), group.c_str());
-    setErrorCodeAndString(VT_HDS_ERROR_COMMAND_FAILED, "Failed to delete ldev " + ldevId +
-                                                           " from device group " + group + ".] ");
-    return 1;
+    return fail(VT_HDS_ERROR_COMMAND_FAILED,
+                "Failed to delete ldev " + ldevId + " from device group " + group + ".] ",
+                "Failed to delete ldev [%s] from device group [%s]", ldevId.c_str(), group.c_str());
   }
   m_pSnapInfo->log(1, VT_HDS_LOG_MODULE, "Successfully delete SVOl [%s] from deviceGrp [%s].",
                    ldevId.c_str(), group.c_str());
@@ -467,11 +445,8 @@ int RaidcomCommandHandler::deleteDeviceGroup(std::map<std::string, hdsLdev_t> co
   std::string output;
   int exitCode = 0;
   if (executeScriptFile(script, output, exitCode) != 0) {
-    m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to delete ldev from device group [%s]",
-                     group.c_str());
-    setErrorCodeAndString(VT_HDS_ERROR_COMMAND_FAILED,
-                          "Failed to delete ldev from device group " + group);
-    return 1;
+    return fail(VT_HDS_ERROR_COMMAND_FAILED, "Failed to delete ldev from device group " + group,
+                "Failed to delete ldev from device group [%s]", group.c_str());
   }
   m_pSnapInfo->log(0, VT_HDS_LOG_MODULE, "Successfully deleted device group [%s]", group.c_str());
   return 0;
@@ -488,11 +463,8 @@ int RaidcomCommandHandler::deleteDeviceGroup(std::string const& group) {
   std::string output;
   int exitCode = 0;
   if (executeScriptFile(script, output, exitCode) != 0) {
-    m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to delete ldev from device group [%s]",
-                     group.c_str());
-    setErrorCodeAndString(VT_HDS_ERROR_COMMAND_FAILED,
-                          "Failed to delete ldev from device group " + group);
-    return 1;
+    return fail(VT_HDS_ERROR_COMMAND_FAILED, "Failed to delete ldev from device group " + group,
+                "Failed to delete ldev from device group [%s]", group.c_str());
   }
   m_pSnapInfo->log(0, VT_HDS_LOG_MODULE, "Successfully deleted device group [%s]", group.c_str());
   return 0;
@@ -526,9 +498,7 @@ int RaidcomCommandHandler::addToSnapshotGroup(std::map<std::string, hdsLdev_t> c
         if (lastLineEnd != std::string::npos) cause.erase(lastLineEnd);
         if (!cause.empty()) text += " Error-[" + cause + "]";
       }
-      setErrorCodeAndString(VT_HDS_ERROR_COMMAND_FAILED, text);
-      m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "%s", text.c_str());
-      return 1;
+      return fail(VT_HDS_ERROR_COMMAND_FAILED, text);
     }
   }
   m_pSnapInfo->log(0, VT_HDS_LOG_MODULE, "Successfully added [%zu] SVOLs to snapshot group [%s]",
@@ -548,10 +518,8 @@ int RaidcomCommandHandler::operateOnSnapshotGroup(std::string const& group,
     arguments = " -snapshotgroup " + quoteArgument(group);
     target = "snapshotgroup " + group;
   } else {
-    m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Both snapshot group and svol are empty.");
-    setErrorCodeAndString(VT_HDS_ERROR_COMMAND_FAILED,
-                          "Failed to perform operation on snapshot group.");
-    return 1;
+    return fail(VT_HDS_ERROR_COMMAND_FAILED, "Failed to perform operation on snapshot group.",
+                "Both snapshot group and svol are empty.");
   }
   arguments += " -snapshot_data " + operation + m_sInstanceArgs;
   m_pSnapInfo->log(0, VT_HDS_LOG_MODULE, "Going to %s snapshot data on %s.", operation.c_str(),
@@ -560,11 +528,9 @@ int RaidcomCommandHandler::operateOnSnapshotGroup(std::string const& group,
   std::string output;
   int exitCode = 0;
   if (executeCommand(raidcom(" modify snapshot "), arguments, output, exitCode, false) != 0) {
-    m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to [%s] snapshot group %s.", operation.c_str(),
-                     target.c_str());
-    setErrorCodeAndString(VT_HDS_ERROR_COMMAND_FAILED,
-                          "Failed to " + operation + " snapshot data on " + target + ".");
-    return 1;
+    return fail(VT_HDS_ERROR_COMMAND_FAILED,
+                "Failed to " + operation + " snapshot data on " + target + ".",
+                "Failed to [%s] snapshot group %s.", operation.c_str(), target.c_str());
   }
   m_pSnapInfo->log(0, VT_HDS_LOG_MODULE, "[%s] successfully on %s.", operation.c_str(),
                    target.c_str());
@@ -579,9 +545,8 @@ int RaidcomCommandHandler::getSnapshotGroupList(std::vector<hdsSnapshotGroupInfo
   std::string output;
   int exitCode = 0;
   if (executeCommand(raidcom(" get snapshot "), arguments, output, exitCode, false) != 0) {
-    m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to get snapshot group list");
-    setErrorCodeAndString(VT_HDS_ERROR_COMMAND_FAILED, "Failed to get snapshot group list.");
-    return 1;
+    return fail(VT_HDS_ERROR_COMMAND_FAILED, "Failed to get snapshot group list.",
+                "Failed to get snapshot group list");
   }
   const size_t known = pairs.size();
   parseGetSnapshotGroupOutput(output, pairs);
@@ -600,9 +565,8 @@ int RaidcomCommandHandler::getSnapshotGroupInfo(std::vector<hdsSnapshotGroupInfo
   if (executeCommand(raidcom(" get snapshot "),
                      " -snapshotgroup " + quoteArgument(group) + " " + m_sInstanceArgs, output,
                      exitCode, false) != 0) {
-    m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to get snapshot group list");
-    setErrorCodeAndString(VT_HDS_ERROR_COMMAND_FAILED, "Failed to get snapshot group list.");
-    return 1;
+    return fail(VT_HDS_ERROR_COMMAND_FAILED, "Failed to get snapshot group list.",
+                "Failed to get snapshot group list");
   }
   const size_t known = pairs.size();
   parseGetSnapshotGroupOutput(output, pairs);
@@ -621,9 +585,8 @@ int RaidcomCommandHandler::deleteSnapshot(std::string const& ldevId) {
   if (executeCommand(raidcom(" delete snapshot "),
                      " -ldev_id " + quoteArgument(ldevId) + " " + m_sInstanceArgs, output, exitCode,
                      false) != 0) {
-    m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to delete snapshot [%s]", ldevId.c_str());
-    setErrorCodeAndString(VT_HDS_ERROR_COMMAND_FAILED, "Failed to delete snapshot " + ldevId + ".");
-    return 1;
+    return fail(VT_HDS_ERROR_COMMAND_FAILED, "Failed to delete snapshot " + ldevId + ".",
+                "Failed to delete snapshot [%s]", ldevId.c_str());
   }
   m_pSnapInfo->log(1, VT_HDS_LOG_MODULE, "Successfully deleted snapshot [%s]", ldevId.c_str());
   return 0;

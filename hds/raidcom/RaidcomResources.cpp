@@ -6,12 +6,18 @@
 #include <string>
 
 #include "hds/common/HDSConstants.h"
+#include "hds/handler/internal/InstanceArgs.h"
 #include "hds/helper/CommandHelper.h"
 #include "hds/raidcom/RaidcomCommandHandler.h"
 #include "hds/raidcom/internal/RaidcomArgs.h"
 #include "hds/raidcom/internal/RaidcomParsers.h"
 
 namespace {
+
+using hds::handler::instanceArguments;
+using hds::handler::InstanceMode;
+
+using hds::raidcom::raidcom;
 
 using hds::raidcom::portArgument;
 using hds::raidcom::quoteArgument;
@@ -57,7 +63,7 @@ int RaidcomCommandHandler::addCopyGroup(std::string const& copyGroup,
                                         std::string const& pvolDeviceGroup,
                                         std::string const& svolDeviceGroup, int mirrorId) {
   m_pSnapInfo->log(0, VT_HDS_LOG_MODULE, "Going to add copy group [%s]", copyGroup.c_str());
-  const std::string command = std::string(VT_HDS_RAIDCOM_CMD_NAME) + " add copy_grp ";
+  const std::string command = raidcom(" add copy_grp ");
   const std::string arguments = " -copy_grp_name " + quoteArgument(copyGroup) + " " +
                                 quoteArgument(pvolDeviceGroup) + " " +
                                 quoteArgument(svolDeviceGroup) + " " + " -mirror_id " +
@@ -65,9 +71,8 @@ int RaidcomCommandHandler::addCopyGroup(std::string const& copyGroup,
   std::string output;
   int exitCode = 0;
   if (executeCommand(command, arguments, output, exitCode, false) != 0) {
-    m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to add copy group [%s].", copyGroup.c_str());
-    setErrorCodeAndString(VT_HDS_ERROR_COMMAND_FAILED, "Failed to add copy group " + copyGroup);
-    return 1;
+    return fail(VT_HDS_ERROR_COMMAND_FAILED, "Failed to add copy group " + copyGroup,
+                "Failed to add copy group [%s].", copyGroup.c_str());
   }
   m_pSnapInfo->log(0, VT_HDS_LOG_MODULE,
                    "Successfully added copy group [%s] with PVOL [%s] and svol [%s]",
@@ -78,13 +83,11 @@ int RaidcomCommandHandler::addCopyGroup(std::string const& copyGroup,
 int RaidcomCommandHandler::getCopyGroup(std::vector<hdsCopyGroup_t>& groups,
                                         std::string const& copyGroup) {
   groups.clear();
-  const std::string command = std::string(VT_HDS_RAIDCOM_CMD_NAME) + " get copy_grp ";
+  const std::string command = raidcom(" get copy_grp ");
   std::string output;
   int exitCode = 0;
   if (executeCommand(command, m_sInstanceArgs, output, exitCode, false) != 0) {
-    m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to get copy group list.");
-    setErrorCodeAndString(VT_HDS_ERROR_COMMAND_FAILED, "Failed to get copy group list.");
-    return 1;
+    return fail(VT_HDS_ERROR_COMMAND_FAILED, "Failed to get copy group list.");
   }
   parseGetCopyGroupOutput(output, copyGroup, groups);
   return 0;
@@ -92,29 +95,25 @@ int RaidcomCommandHandler::getCopyGroup(std::vector<hdsCopyGroup_t>& groups,
 
 int RaidcomCommandHandler::deleteCopyGroup(std::string const& copyGroup) {
   m_pSnapInfo->log(0, VT_HDS_LOG_MODULE, "Going to delete copy group [%s]", copyGroup.c_str());
-  const std::string command = std::string(VT_HDS_RAIDCOM_CMD_NAME) + " delete copy_grp ";
+  const std::string command = raidcom(" delete copy_grp ");
   const std::string arguments =
       " -copy_grp_name " + quoteArgument(copyGroup) + " " + m_sInstanceArgs;
   std::string output;
   int exitCode = 0;
   if (executeCommand(command, arguments, output, exitCode, false) != 0) {
-    m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to delete copy group [%s]", copyGroup.c_str());
-    setErrorCodeAndString(VT_HDS_ERROR_COMMAND_FAILED,
-                          "Failed to delete copy group [" + copyGroup + "].");
-    return 1;
+    return fail(VT_HDS_ERROR_COMMAND_FAILED, "Failed to delete copy group [" + copyGroup + "].",
+                "Failed to delete copy group [%s]", copyGroup.c_str());
   }
   m_pSnapInfo->log(1, VT_HDS_LOG_MODULE, "Successfully deleted copy group [%s]", copyGroup.c_str());
   return 0;
 }
 
 int RaidcomCommandHandler::getPoolList(std::vector<hdsPool_t>& pools) {
-  const std::string command = std::string(VT_HDS_RAIDCOM_CMD_NAME) + " get pool ";
+  const std::string command = raidcom(" get pool ");
   std::string output;
   int exitCode = 0;
   if (executeCommand(command, " -key opt " + m_sInstanceArgs, output, exitCode, false) != 0) {
-    m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to get pool list.");
-    setErrorCodeAndString(VT_HDS_ERROR_COMMAND_FAILED, "Failed to get pool list.");
-    return 1;
+    return fail(VT_HDS_ERROR_COMMAND_FAILED, "Failed to get pool list.");
   }
   parseGetPoolOutput(output, pools);
   return 0;
@@ -130,10 +129,8 @@ int RaidcomCommandHandler::getPairInfoForHostGroup(
   std::string output;
   int exitCode = 0;
   if (executeCommand(VT_HDS_RAIDSCAN_CMD_NAME, arguments, output, exitCode, false) != 0) {
-    m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to get pair info using raidscan command.");
-    setErrorCodeAndString(VT_HDS_ERROR_COMMAND_FAILED,
-                          "Failed to get pair list using raidscan command.");
-    return 1;
+    return fail(VT_HDS_ERROR_COMMAND_FAILED, "Failed to get pair list using raidscan command.",
+                "Failed to get pair info using raidscan command.");
   }
   parseRaidscanPairOutput(output, ldevs, pairs);
   return 0;
@@ -146,16 +143,14 @@ int RaidcomCommandHandler::getRemotePairInfoForHostGroup(
   // Remote pairs are seen through the instance in HORC mode (-IH) rather than -IM.
   for (int mirrorUnit = 0; mirrorUnit < kRemoteMirrorUnits; ++mirrorUnit) {
     const std::string arguments =
-        " -p " + portArgument(portOrHostGroup) + " -CLI -m " + std::to_string(mirrorUnit) + " -IH" +
-        quoteArgument(m_sHorcmInstance) + " -s " + quoteArgument(m_sSerialNumber);
+        " -p " + portArgument(portOrHostGroup) + " -CLI -m " + std::to_string(mirrorUnit) + " " +
+        instanceArguments(InstanceMode::Horc, m_sHorcmInstance, m_sSerialNumber);
     std::string output;
     int exitCode = 0;
     if (executeCommand(VT_HDS_RAIDSCAN_CMD_NAME, arguments, output, exitCode, false) != 0) {
-      m_pSnapInfo->log(2, VT_HDS_LOG_MODULE,
-                       "Failed to get replication pair info using raidscan command.");
-      setErrorCodeAndString(VT_HDS_ERROR_COMMAND_FAILED,
-                            "Failed to get replication pair list using raidscan command.");
-      return 1;
+      return fail(VT_HDS_ERROR_COMMAND_FAILED,
+                  "Failed to get replication pair list using raidscan command.",
+                  "Failed to get replication pair info using raidscan command.");
     }
     parseRaidscanRemotePairOutput(output, mirrorUnit, ldevs, pairs);
   }
@@ -248,18 +243,16 @@ int RaidcomCommandHandler::getRemoteReplicationInfo(
 // ---- Resource group membership
 
 int RaidcomCommandHandler::addtoResourceGroup(std::string const& resourceId, HDSResourceType type) {
-  const std::string command = std::string(VT_HDS_RAIDCOM_CMD_NAME) + " add resource ";
+  const std::string command = raidcom(" add resource ");
   const std::string arguments = " -resource_name " + quoteArgument(m_sResourceGroupName) +
                                 membershipArgument(resourceId, type) + " " + m_sInstanceArgs;
   std::string output;
   int exitCode = 0;
   if (executeCommand(command, arguments, output, exitCode, false) != 0) {
-    m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to add resource [%s] to resource group [%s]",
-                     resourceId.c_str(), m_sResourceGroupName.c_str());
-    setErrorCodeAndString(
-        VT_HDS_ERROR_COMMAND_FAILED,
-        "Failed add resource " + resourceId + " to resource group " + m_sResourceGroupName);
-    return 1;
+    return fail(VT_HDS_ERROR_COMMAND_FAILED,
+                "Failed add resource " + resourceId + " to resource group " + m_sResourceGroupName,
+                "Failed to add resource [%s] to resource group [%s]", resourceId.c_str(),
+                m_sResourceGroupName.c_str());
   }
   m_pSnapInfo->log(0, VT_HDS_LOG_MODULE, "Successfully added resource [%s] to resource group [%s]",
                    resourceId.c_str(), m_sResourceGroupName.c_str());
@@ -269,18 +262,16 @@ int RaidcomCommandHandler::addtoResourceGroup(std::string const& resourceId, HDS
 // Reports itself in the words of the addition: callers and log readers know both as one step.
 int RaidcomCommandHandler::deleteFromResourceGroup(std::string const& resourceId,
                                                    HDSResourceType type) {
-  const std::string command = std::string(VT_HDS_RAIDCOM_CMD_NAME) + " delete resource ";
+  const std::string command = raidcom(" delete resource ");
   const std::string arguments = " -resource_name " + quoteArgument(m_sResourceGroupName) +
                                 membershipArgument(resourceId, type) + " " + m_sInstanceArgs;
   std::string output;
   int exitCode = 0;
   if (executeCommand(command, arguments, output, exitCode, false) != 0) {
-    m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to add resource [%s] to resource group [%s]",
-                     resourceId.c_str(), m_sResourceGroupName.c_str());
-    setErrorCodeAndString(
-        VT_HDS_ERROR_COMMAND_FAILED,
-        "Failed add resource " + resourceId + " to resource group " + m_sResourceGroupName);
-    return 1;
+    return fail(VT_HDS_ERROR_COMMAND_FAILED,
+                "Failed add resource " + resourceId + " to resource group " + m_sResourceGroupName,
+                "Failed to add resource [%s] to resource group [%s]", resourceId.c_str(),
+                m_sResourceGroupName.c_str());
   }
   m_pSnapInfo->log(0, VT_HDS_LOG_MODULE, "Successfully added resource [%s] to resource group [%s]",
                    resourceId.c_str(), m_sResourceGroupName.c_str());
@@ -289,18 +280,17 @@ int RaidcomCommandHandler::deleteFromResourceGroup(std::string const& resourceId
 
 int RaidcomCommandHandler::maptoResourceGroup(std::string const& resourceId,
                                               std::string const& virtualId, HDSResourceType type) {
-  const std::string command = std::string(VT_HDS_RAIDCOM_CMD_NAME) + " map resource ";
+  const std::string command = raidcom(" map resource ");
   const std::string arguments =
       arrangementArgument(resourceId, virtualId, type, false) + " " + m_sInstanceArgs;
   std::string output;
   int exitCode = 0;
   if (executeCommand(command, arguments, output, exitCode, false) != 0) {
-    m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to arrange resource [%s] in resource group [%s]",
-                     resourceId.c_str(), m_sResourceGroupName.c_str());
-    setErrorCodeAndString(
+    return fail(
         VT_HDS_ERROR_COMMAND_FAILED,
-        "Failed to arrange resource " + resourceId + " in resource group " + m_sResourceGroupName);
-    return 1;
+        "Failed to arrange resource " + resourceId + " in resource group " + m_sResourceGroupName,
+        "Failed to arrange resource [%s] in resource group [%s]", resourceId.c_str(),
+        m_sResourceGroupName.c_str());
   }
   m_pSnapInfo->log(0, VT_HDS_LOG_MODULE,
                    "Successfully arranged resource [%s] in resource group [%s]", resourceId.c_str(),
@@ -311,19 +301,17 @@ int RaidcomCommandHandler::maptoResourceGroup(std::string const& resourceId,
 int RaidcomCommandHandler::unmapfromResourceGroup(std::string const& resourceId,
                                                   std::string const& virtualId,
                                                   HDSResourceType type) {
-  const std::string command = std::string(VT_HDS_RAIDCOM_CMD_NAME) + " unmap resource ";
+  const std::string command = raidcom(" unmap resource ");
   const std::string arguments =
       arrangementArgument(resourceId, virtualId, type, true) + " " + m_sInstanceArgs;
   std::string output;
   int exitCode = 0;
   if (executeCommand(command, arguments, output, exitCode, false) != 0) {
-    m_pSnapInfo->log(2, VT_HDS_LOG_MODULE,
-                     "Failed to cancel the arrangement of resource [%s] in resource group [%s]",
-                     resourceId.c_str(), m_sResourceGroupName.c_str());
-    setErrorCodeAndString(VT_HDS_ERROR_COMMAND_FAILED,
-                          "Failed to cancel the arrangement of resource " + resourceId +
-                              " in resource group " + m_sResourceGroupName);
-    return 1;
+    return fail(VT_HDS_ERROR_COMMAND_FAILED,
+                "Failed to cancel the arrangement of resource " + resourceId +
+                    " in resource group " + m_sResourceGroupName,
+                "Failed to cancel the arrangement of resource [%s] in resource group [%s]",
+                resourceId.c_str(), m_sResourceGroupName.c_str());
   }
   m_pSnapInfo->log(0, VT_HDS_LOG_MODULE,
                    "Successfully canceled the arrangement of resource [%s] in resource group [%s]",
@@ -334,16 +322,15 @@ int RaidcomCommandHandler::unmapfromResourceGroup(std::string const& resourceId,
 int RaidcomCommandHandler::getResourceGroupInfo(std::map<std::string, ResourceGroupStatus>& groups,
                                                 bool withKeyOption) {
   const std::string savedArgs = m_sInstanceArgs;
-  m_sInstanceArgs = "-IM" + quoteArgument(m_sHorcmInstance);
-  if (getResourceGroup(groups, withKeyOption) != 0) {
-    // The suffix is left without the serial on this path; later commands of this handler then
-    // address the instance's array alone, which is the only one a raidcom instance serves.
-    return 1;
-  }
+  m_sInstanceArgs = instanceArguments(InstanceMode::Raidcom, m_sHorcmInstance);
+  const int result = getResourceGroup(groups, withKeyOption);
+  // Put back on both paths: every later argument part of this handler relies on the blank and
+  // the serial the query went without, a clean-up after a failed query included.
+  m_sInstanceArgs = savedArgs;
+  if (result != 0) return 1;
   for (auto& entry : groups) {
     if (entry.second.status.size() > 5) entry.second.status.resize(6);
   }
-  m_sInstanceArgs = savedArgs;
   return 0;
 }
 
@@ -366,30 +353,25 @@ int RaidcomCommandHandler::unreserveFromVSM(const std::string& ldevId,
   // 65534 and above: the LDEV carries no virtual id, so there is no arrangement to cancel.
   if (std::atoi(virtualLdevId.c_str()) < 65534) {
     if (unmapfromResourceGroup(ldevId, virtualLdevId, type) != 0) {
-      m_pSnapInfo->log(2, VT_HDS_LOG_MODULE,
-                       "Failed to cancel resource arrangement of LDEV-[%s] in resource group-[%s]",
-                       ldevId.c_str(), m_sResourceGroupName.c_str());
-      setErrorCodeAndString(VT_HDS_ERROR_COMMAND_FAILED,
-                            "Failed to cancel resource arrangement of LDEV-[" + ldevId + "]");
-      return 1;
+      return fail(VT_HDS_ERROR_COMMAND_FAILED,
+                  "Failed to cancel resource arrangement of LDEV-[" + ldevId + "]",
+                  "Failed to cancel resource arrangement of LDEV-[%s] in resource group-[%s]",
+                  ldevId.c_str(), m_sResourceGroupName.c_str());
     }
   }
   if (deleteFromResourceGroup(ldevId, type) != 0) {
-    m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to remove LDEV-[%s] from resource group-[%s]",
-                     ldevId.c_str(), m_sResourceGroupName.c_str());
-    setErrorCodeAndString(VT_HDS_ERROR_COMMAND_FAILED, "Failed to remove LDEV-[" + ldevId +
-                                                           "] from resource group-[" +
-                                                           m_sResourceGroupName + "]");
-    return 1;
+    return fail(
+        VT_HDS_ERROR_COMMAND_FAILED,
+        "Failed to remove LDEV-[" + ldevId + "] from resource group-[" + m_sResourceGroupName + "]",
+        "Failed to remove LDEV-[%s] from resource group-[%s]", ldevId.c_str(),
+        m_sResourceGroupName.c_str());
   }
   // Back in meta_resource the LDEV is known under its own id.
   if (maptoResourceGroup(ldevId, ldevId, type) != 0) {
-    m_pSnapInfo->log(2, VT_HDS_LOG_MODULE,
-                     "Failed to set resource arrangement of LDEV-[%s] in resource group-[%s]",
-                     ldevId.c_str(), m_sResourceGroupName.c_str());
-    setErrorCodeAndString(VT_HDS_ERROR_COMMAND_FAILED,
-                          "Failed to set resource arrangement of LDEV-[" + ldevId + "]");
-    return 1;
+    return fail(VT_HDS_ERROR_COMMAND_FAILED,
+                "Failed to set resource arrangement of LDEV-[" + ldevId + "]",
+                "Failed to set resource arrangement of LDEV-[%s] in resource group-[%s]",
+                ldevId.c_str(), m_sResourceGroupName.c_str());
   }
   return 0;
 }

@@ -84,3 +84,27 @@ bool parseCommandStatusOutput(std::string const& output, bool& hasError, std::st
   }
   return true;
 }
+
+bool parseRaidqryOutput(std::string const& output, hdsRaidqry_t& info) {
+  const size_t headerEnd = output.find('\n');
+  size_t pos = headerEnd == std::string::npos ? output.size() : headerEnd + 1;
+  hdsRaidqry_t read;
+  std::string* const fields[] = {
+      nullptr,      &read.group,        &read.hostName,    &read.horcmVersion,
+      &read.unitId, &read.serialNumber, &read.microVersion};
+  // The columns are separated by blanks alone, as raidqry prints them.
+  auto next = [&output, &pos](std::string& value) {
+    if (pos >= output.size()) return false;
+    value = std::string(hds::text::nextColumn(output, pos, Separator::Blank));
+    return !value.empty();
+  };
+  std::string value;
+  for (std::string* field : fields) {
+    if (!next(value)) return false;
+    if (field != nullptr) *field = value;
+  }
+  if (!next(value)) return false;
+  read.cacheSizeMB = std::atoi(value.c_str());
+  info = read;
+  return true;
+}

@@ -1,6 +1,8 @@
-// The listings the raidcom session reads: HORCM file markers, resource groups, command status.
+// The listings the raidcom session reads: HORCM file markers, resource groups, command status,
+// raidqry and the command device scan.
 #include <gtest/gtest.h>
 
+#include "hds/handler/internal/HandlerParsers.h"
 #include "hds/raidcom/internal/RaidcomParsers.h"
 
 namespace {
@@ -67,6 +69,41 @@ TEST(CommandStatus, ErrorCountAndDescription) {
   // The status line must end in a line feed to count.
   EXPECT_FALSE(parseCommandStatusOutput("HANDLE SSB1\n00c3 - - 1 412345 x", hasError, text, line));
   EXPECT_FALSE(parseCommandStatusOutput("", hasError, text, line));
+}
+
+TEST(ToolScans, WholeRecordsOrAClearNo) {
+  hdsRaidqry_t info;
+  EXPECT_TRUE(parseRaidqryOutput(
+      "  No  Group    Hostname     HORCM_ver   Uid   Serial#   Micro_ver     Cache(MB)\n"
+      "   1    --- mediahost01   01-74-03/00     0   412345    93-07-22/00      524288\n",
+      info));
+  EXPECT_EQ(info.hostName + "|" + info.serialNumber + "|" + info.microVersion,
+            "mediahost01|412345|93-07-22/00");
+  EXPECT_EQ(info.cacheSizeMB, 524288);
+  // A cut or foreign text leaves the record as it was rather than half overwritten.
+  for (const char* bad : {"", "No Group Hostname\n", "No Group\n   1 --- otherhost 01-74\n"}) {
+    EXPECT_FALSE(parseRaidqryOutput(bad, info)) << bad;
+    EXPECT_EQ(info.hostName, "mediahost01") << bad;
+  }
+
+  std::string version = "x";
+  EXPECT_TRUE(hds::handler::parseCciVersionOutput(
+      "Model  : RAID-Manager/Linux/x64\nVer&Rev: 01-39-03/03\nUsage  : raidqry\n", version));
+  EXPECT_EQ(version, "01-39-03/03");
+  EXPECT_TRUE(hds::handler::parseCciVersionOutput("Ver&Rev:   \n01-39-03/03\n", version));
+  EXPECT_EQ(version, "");
+  EXPECT_FALSE(hds::handler::parseCciVersionOutput("raidqry: not found\n", version));
+
+  std::string device = "stale";
+  EXPECT_TRUE(hds::handler::parseFindCommandDeviceOutput(
+      "cmddev of Ser# 412346 = \\\\.\\CMD-412346:/dev/sdd\r\n"
+      "cmddev of Ser# 412345 = \\\\.\\CMD-412345:/dev/sdc\r\n",
+      "412345", device));
+  EXPECT_EQ(device, "\\\\.\\CMD-412345:/dev/sdc");
+  EXPECT_TRUE(hds::handler::parseFindCommandDeviceOutput("cmddev of Ser# 412345 = /dev/sdc\n",
+                                                         "412345", device));
+  EXPECT_EQ(device, "");
+  EXPECT_FALSE(hds::handler::parseFindCommandDeviceOutput("", "412345", device));
 }
 
 }  // namespace

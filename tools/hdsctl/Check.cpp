@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <fstream>
 #include <iostream>
 #include <iterator>
 #include <memory>
@@ -20,7 +19,7 @@
 #include "hds/platform/VTPlatformInfo.h"
 #include "hds/platform/VtNamedMutex.h"
 #include "hds/raidcom/LoginCount.h"
-#include "hds/raidcom/internal/RaidcomParsers.h"
+#include "hds/raidcom/RaidcomCommandHandler.h"
 #include "tools/hdsctl/Commands.h"
 #include "tools/hdsctl/Output.h"
 
@@ -68,19 +67,9 @@ std::string withSlash(std::string dir) {
   return dir;
 }
 
-// The directory the handlers will run the CCI from: the client setting, else the array-level
-// one, else the default. The library keeps its choice to itself, so the rule is repeated here.
-std::string cciDirectory(const ArrayOptions& array) {
-  char buf[1024] = {};
-  if (VTPlatformInfo::getString(VT_HDS_REG_SECTION, "sVTHDSHorcmDirectory", buf, sizeof(buf)) &&
-      buf[0] != '\0') {
-    return buf;
-  }
-  return array.cciDir.empty() ? VT_HDS_DEFAULT_CCI_PATH : array.cciDir;
-}
-
 void checkCci(Report& report, LogSink& log, const ArrayOptions& array) {
-  std::string dir = cciDirectory(array);
+  // The array-level setting is what --cci-dir gave (see applyCciDirOption).
+  std::string dir = CommandHandler::cciDirectory(log.snapInfo());
   if (!isDirectory(dir)) {
     report.fail("CCI directory", dir +
                                      " does not exist (install the CCI there, or point "
@@ -203,7 +192,7 @@ void checkLoginCount(Report& report, const std::string& serial) {
     report.skip("login count", "give --serial to check the array's session count");
     return;
   }
-  std::string key = std::string(VT_HDS_RAIDCOM_LOCK_COUNT) + "_" + serial;
+  std::string key = loginCountKey(serial);
   int count = 0;
   int voided = -1;
   if (!readLoginCount(serial, count, &voided)) {
@@ -238,12 +227,8 @@ void checkHorcmFiles(Report& report, LogSink& log, bool prune) {
   std::vector<std::string> unused;
   std::vector<int> instances;
   for (int n = VT_HDS_RAIDCOM_HORCM_INST_START; n >= VT_HDS_RAIDCOM_HORCM_INST_END; --n) {
-    const std::string path = CommandHandler::horcmFilePath(std::to_string(n));
-    std::ifstream in(path);
-    std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    if (!in || text.rfind("#HORCM file create by ", 0) != 0) continue;
     std::set<std::string> serials;
-    parseHorcmFileSerials(text, serials);
+    if (!RaidcomCommandHandler::horcmFileSerials(n, serials)) continue;
     bool live = false;
     for (const std::string& serial : serials) {
       int count = 0;

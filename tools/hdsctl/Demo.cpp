@@ -113,11 +113,8 @@ void stopHorcmInstances(Context& ctx, const std::string& horcmDir) {
   if (dir == nullptr) return;
   std::vector<std::string> instances;
   while (dirent* e = readdir(dir)) {
-    std::string name = e->d_name;
-    if (name.size() > 10 && name.compare(0, 5, "horcm") == 0 &&
-        name.compare(name.size() - 5, 5, ".conf") == 0) {
-      instances.push_back(name.substr(5, name.size() - 10));
-    }
+    std::string instance = CommandHandler::horcmFileInstance(e->d_name);
+    if (!instance.empty()) instances.push_back(instance);
   }
   closedir(dir);
   if (instances.empty()) return;

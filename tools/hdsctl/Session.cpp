@@ -143,43 +143,6 @@ void applyCciDirOption(LogSink& log, const ArrayOptions& options) {
   }
 }
 
-// The handler with its end made explicit, so that a failed logout can be reported, and with its
-// command suffix kept well formed.
-class SessionHandler : public RaidcomCommandHandler {
- public:
-  using RaidcomCommandHandler::RaidcomCommandHandler;
-
-  // A failed resource group query leaves the suffix at "-IM<instance>", without the serial and
-  // without the blank that every later argument part needs before it, so a clean-up after such
-  // a failure would send malformed commands. The session puts it back before every use.
-  void rememberInstanceArgs() { m_sReadyInstanceArgs = m_sInstanceArgs; }
-  void restoreInstanceArgs() {
-    if (!m_sReadyInstanceArgs.empty()) m_sInstanceArgs = m_sReadyInstanceArgs;
-  }
-
-  // The lock stays on the array for the other sessions of this host; this handler no longer
-  // counts as holding it, so its end does not release it.
-  void leaveResourceLock() { m_bResourceGroupLocked = false; }
-
-  // Neither the lock nor the session is given back when the handler goes.
-  void abandon() {
-    m_bResourceGroupLocked = false;
-    m_bLoggedIn = false;
-  }
-
-  int end() {
-    if (m_bResourceGroupLocked && unlockResource() != 0) return 1;
-    if (!m_bLoggedIn) return 0;
-    // Whatever the logout gives, the session is no longer counted; the destructor must not log
-    // out a second time.
-    m_bLoggedIn = false;
-    return performLogout();
-  }
-
- private:
-  std::string m_sReadyInstanceArgs;
-};
-
 ArraySession::ArraySession(LogSink& log, const ArrayOptions& options) : m_sSerial(options.serial) {
   if (options.serial.empty()) throw UsageError("--serial (or HDSCTL_SERIAL) is required");
   if (options.user.empty()) throw UsageError("--user (or HDSCTL_USER) is required");
@@ -196,7 +159,7 @@ ArraySession::ArraySession(LogSink& log, const ArrayOptions& options) : m_sSeria
   param.password = options.password;
   param.resourceGroupName = options.resourceGroup;
   param.commandDevices = options.commandDevices;
-  m_pHandler.reset(new SessionHandler(log.snapInfo(), param));
+  m_pHandler.reset(new RaidcomCommandHandler(log.snapInfo(), param));
   int code = 0;
   std::string text;
   m_pHandler->getErrorCodeAndString(code, text);
@@ -205,7 +168,6 @@ ArraySession::ArraySession(LogSink& log, const ArrayOptions& options) : m_sSeria
     m_pHandler.reset();
     throw Failure("cannot open a raidcom session on array " + options.serial + ": " + error);
   }
-  m_pHandler->rememberInstanceArgs();
   // The library waits up to 50 rounds of 5 s for a resource group it does not find; a misspelt
   // name fails here at once instead. The default group exists on every array.
   if (!options.resourceGroup.empty()) {
@@ -239,18 +201,14 @@ int ArraySession::loginCount() {
 
 void ArraySession::leaveResourceLock() { m_pHandler->leaveResourceLock(); }
 
-void ArraySession::abandon() { m_pHandler->abandon(); }
+void ArraySession::abandon() { m_pHandler->abandonSession(); }
 
 ArraySession::~ArraySession() = default;
 
-RaidcomCommandHandler& ArraySession::handler() {
-  m_pHandler->restoreInstanceArgs();
-  return *m_pHandler;
-}
+RaidcomCommandHandler& ArraySession::handler() { return *m_pHandler; }
 
 void ArraySession::close() {
-  m_pHandler->restoreInstanceArgs();
-  require(m_pHandler->end(), "cannot close the session on array " + m_sSerial);
+  require(m_pHandler->endSession(), "cannot close the session on array " + m_sSerial);
 }
 
 void ArraySession::require(int rc, const std::string& what) {

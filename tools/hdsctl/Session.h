@@ -67,8 +67,6 @@ class LogSink {
 // last error the library logged.
 std::string handlerError(RaidcomCommandHandler& handler);
 
-class SessionHandler;
-
 // One raidcom session on the array for the life of the object: construction logs in (or joins
 // the session that other processes of this host hold), destruction releases the resource group
 // lock when it is held and logs out when this is the last session.
@@ -99,7 +97,7 @@ class ArraySession {
   void close();
 
  private:
-  std::unique_ptr<SessionHandler> m_pHandler;
+  std::unique_ptr<RaidcomCommandHandler> m_pHandler;
   std::string m_sSerial;
 };
 

@@ -6,12 +6,19 @@
 
 #include <string>
 
+#include "hds/common/HDSConstants.h"
 #include "hds/common/internal/HDSText.h"
 
 namespace hds {
 namespace raidcom {
 
 using hds::text::quoteArgument;
+
+// The command part of a raidcom call: the program name and the verb as the caller spells it
+// (" get ldev " gives "raidcom  get ldev ", doubled blank and all, as the array's logs know it).
+inline std::string raidcom(std::string const& verb) {
+  return std::string(VT_HDS_RAIDCOM_CMD_NAME) + verb;
+}
 
 // A "-port" or "-p" value: a port ("CL1-A"), a port with a host group number ("CL1-A-3"), or a
 // port, a blank and a host group name, the name possibly holding blanks of its own.

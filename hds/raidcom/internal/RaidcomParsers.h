@@ -9,7 +9,6 @@
 #include <string>
 #include <vector>
 
-#include "hds/common/HDSExport.h"
 #include "hds/common/HDSRecords.h"
 
 // ---- LdevParsers.cpp: LDEV queries
@@ -64,7 +63,7 @@ void parseRaidscanRemotePairOutput(std::string const& output, int mirrorUnit,
 // ---- SessionParsers.cpp: HORCM file, resource groups, command status
 
 // Serial numbers named by the "\\.\CMD-<serial>" markers of a raidcom HORCM file.
-HDS_API void parseHorcmFileSerials(std::string const& fileText, std::set<std::string>& serials);
+void parseHorcmFileSerials(std::string const& fileText, std::set<std::string>& serials);
 
 // "raidcom get resource" (with or without -key opt), keyed by resource group name. Lines that
 // carry fewer than six columns are skipped.
@@ -76,3 +75,7 @@ void parseGetResourceOutput(std::string const& output,
 // left as they are when the count is 0.
 bool parseCommandStatusOutput(std::string const& output, bool& hasError, std::string& statusText,
                               std::string& statusLine);
+
+// "raidqry -l": the first line after the header, its eight columns read in order. False, with
+// info untouched, when the text has no such line with eight columns.
+bool parseRaidqryOutput(std::string const& output, hdsRaidqry_t& info);
