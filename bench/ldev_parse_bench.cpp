@@ -23,6 +23,8 @@
 
 #include "hds/raidcom/internal/RaidcomParsers.h"
 
+using namespace hds::raidcom;
+
 // ---- Heap accounting: every allocation carries its size in a header.
 
 namespace {

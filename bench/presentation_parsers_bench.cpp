@@ -8,6 +8,8 @@
 
 #include "hds/raidcom/internal/RaidcomParsers.h"
 
+using namespace hds::raidcom;
+
 namespace {
 
 std::string hostGroupListing() {

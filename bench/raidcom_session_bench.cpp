@@ -16,6 +16,8 @@
 #include "hds/raidcom/RaidcomCommandHandler.h"
 #include "hds/raidcom/internal/RaidcomParsers.h"
 
+using namespace hds::raidcom;
+
 namespace {
 
 void writeTextFile(const std::string& path, const std::string& text, mode_t mode) {

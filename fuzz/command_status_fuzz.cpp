@@ -5,6 +5,8 @@
 
 #include "hds/raidcom/internal/RaidcomParsers.h"
 
+using namespace hds::raidcom;
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string text(reinterpret_cast<const char*>(data), size);
   bool hasError = false;

@@ -8,6 +8,8 @@
 #include "hds/common/HDSConstants.h"
 #include "hds/raidcom/internal/RaidcomParsers.h"
 
+using namespace hds::raidcom;
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string input(reinterpret_cast<const char*>(data), size);
   std::vector<hdsLdev_t> ldevs;

@@ -5,6 +5,8 @@
 
 #include "hds/raidcom/internal/RaidcomParsers.h"
 
+using namespace hds::raidcom;
+
 namespace {
 
 // LDEV ids that a mutated raidscan line can hit: short numbers, as the seeds carry them.

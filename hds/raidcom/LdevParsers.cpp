@@ -11,6 +11,8 @@
 #include "hds/common/internal/HDSText.h"
 #include "hds/raidcom/internal/RaidcomParsers.h"
 
+namespace hds::raidcom {
+
 namespace {
 
 using hds::text::LastLine;
@@ -263,3 +265,5 @@ bool parseGetLdevFrontEndOutput(std::string const& output, std::vector<hdsLdev_t
   }
   return true;
 }
+
+}  // namespace hds::raidcom

@@ -10,6 +10,8 @@
 #include "hds/common/internal/HDSText.h"
 #include "hds/raidcom/internal/RaidcomParsers.h"
 
+namespace hds::raidcom {
+
 namespace {
 
 namespace text = hds::text;
@@ -136,3 +138,5 @@ bool parseRaidscanPdgOutput(std::string const& output, std::string& hostGroup) {
   }
   return false;
 }
+
+}  // namespace hds::raidcom

@@ -17,6 +17,8 @@
 #include "hds/raidcom/internal/RaidcomParsers.h"
 #include "hds/raidcom/internal/RaidcomSessionState.h"
 
+using namespace hds::raidcom;
+
 namespace {
 
 using hds::raidcom::raidcom;

@@ -8,6 +8,8 @@
 #include "hds/raidcom/internal/RaidcomArgs.h"
 #include "hds/raidcom/internal/RaidcomParsers.h"
 
+using namespace hds::raidcom;
+
 namespace {
 
 using hds::raidcom::raidcom;

@@ -11,6 +11,8 @@
 #include "hds/raidcom/internal/RaidcomArgs.h"
 #include "hds/raidcom/internal/RaidcomParsers.h"
 
+using namespace hds::raidcom;
+
 std::map<std::string, int> RaidcomCommandHandler::m_oArrayLockRefCntMap;
 
 namespace {

@@ -18,6 +18,8 @@
 #include "hds/raidcom/internal/RaidcomParsers.h"
 #include "hds/raidcom/internal/RaidcomSessionState.h"
 
+using namespace hds::raidcom;
+
 std::atomic<int> RaidcomCommandHandler::m_iCmdRetryWait{VT_HDS_RAIDCOM_TIMEOUT_IN_SEC};
 std::atomic<int> RaidcomCommandHandler::m_iCmdRetryCnt{VT_HDS_RAIDCOM_RETRY_COUNT};
 

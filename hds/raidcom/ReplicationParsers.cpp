@@ -9,6 +9,8 @@
 #include "hds/common/internal/HDSText.h"
 #include "hds/raidcom/internal/RaidcomParsers.h"
 
+namespace hds::raidcom {
+
 namespace {
 
 namespace text = hds::text;
@@ -65,3 +67,5 @@ void parseGetSnapshotGroupOutput(std::string const& output,
     pairs.push_back(std::move(info));
   }
 }
+
+}  // namespace hds::raidcom

@@ -11,6 +11,8 @@
 #include "hds/common/internal/HDSText.h"
 #include "hds/raidcom/internal/RaidcomParsers.h"
 
+namespace hds::raidcom {
+
 namespace {
 
 namespace text = hds::text;
@@ -119,3 +121,5 @@ void parseRaidscanRemotePairOutput(std::string const& output, int mirrorUnit,
     pairs[mirrorUnit].push_back(rec);
   });
 }
+
+}  // namespace hds::raidcom

@@ -4,6 +4,8 @@
 #include "hds/common/internal/HDSText.h"
 #include "hds/raidcom/internal/RaidcomParsers.h"
 
+namespace hds::raidcom {
+
 namespace {
 
 using hds::text::Separator;
@@ -108,3 +110,5 @@ bool parseRaidqryOutput(std::string const& output, hdsRaidqry_t& info) {
   info = read;
   return true;
 }
+
+}  // namespace hds::raidcom

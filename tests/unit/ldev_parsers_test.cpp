@@ -7,6 +7,8 @@
 #include "hds/common/HDSConstants.h"
 #include "hds/raidcom/internal/RaidcomParsers.h"
 
+using namespace hds::raidcom;
+
 namespace {
 
 // A DP volume inside a virtual storage machine, an undefined number, and a parity-group LDEV of an

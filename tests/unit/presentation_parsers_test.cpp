@@ -9,6 +9,8 @@
 #include "hds/raidcom/internal/RaidcomArgs.h"
 #include "hds/raidcom/internal/RaidcomParsers.h"
 
+using namespace hds::raidcom;
+
 namespace {
 
 hdsLdev_t ldev(const std::string& id) {

@@ -5,6 +5,8 @@
 #include "hds/handler/internal/HandlerParsers.h"
 #include "hds/raidcom/internal/RaidcomParsers.h"
 
+using namespace hds::raidcom;
+
 namespace {
 
 TEST(HorcmFileSerials, FiveAndSixDigitMarkersCommentedOrNot) {

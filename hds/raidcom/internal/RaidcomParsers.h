@@ -11,6 +11,8 @@
 
 #include "hds/common/HDSRecords.h"
 
+namespace hds::raidcom {
+
 // ---- LdevParsers.cpp: LDEV queries
 
 int volumeAttributemap(std::string const& volAttr);
@@ -79,3 +81,5 @@ bool parseCommandStatusOutput(std::string const& output, bool& hasError, std::st
 // "raidqry -l": the first line after the header, its eight columns read in order. False, with
 // info untouched, when the text has no such line with eight columns.
 bool parseRaidqryOutput(std::string const& output, hdsRaidqry_t& info);
+
+}  // namespace hds::raidcom
