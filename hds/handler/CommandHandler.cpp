@@ -281,8 +281,12 @@ bool CommandHandler::isHTISupported() {
 
 bool CommandHandler::isSISupported() { return isHTISupported(); }
 
+// The CCI minor version is the two characters after "01-", whatever format the rest of the
+// version is read in; "-key opt" and "get host_grp -resource" arrived with 01-32.
 bool CommandHandler::isResourceKeyOptionSupported() {
-  return installedCciVersion(m_sCCIVersion).part[1] > 31;
+  const int kResourceOptionMinorVersion = 32;
+  return m_sCCIVersion.size() >= 5 &&
+         hds::text::toInt(m_sCCIVersion.substr(3, 2)) >= kResourceOptionMinorVersion;
 }
 
 bool CommandHandler::isMultiLevelSnapSupported(const std::string& microcodeVersion) {

@@ -110,7 +110,8 @@ class HDS_API CommandHandler {
   // later, read with the format in "sVTHDSCCIVersionFormat" when that is set.
   bool isHTISupported();
   bool isSISupported();
-  // Whether "raidcom get resource -key opt" prints the model column (CCI 01-32 on).
+  // Whether "raidcom get resource -key opt" prints the model column and "get host_grp" takes
+  // -resource: CCI minor version (the two characters after "01-") 32 or later.
   bool isResourceKeyOptionSupported();
   // Whether the array's microcode supports cascaded snapshots (80-05-01/00 on). A version that
   // is neither dashed nor dotted needs "sVTHDSCCIVersionFormat"; without it: false, with 62601 and

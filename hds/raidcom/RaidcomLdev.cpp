@@ -1,5 +1,4 @@
 #include <cstdio>
-#include <cstdlib>
 #include <string>
 
 #include "hds/common/HDSArrayModels.h"
@@ -137,9 +136,7 @@ int RaidcomCommandHandler::getMaxLdevNumber(int& maxLdev) {
 
   int candidate = kWidest;
   // Older CCI cannot list the array type beside the resource groups ("-key opt").
-  const int minorVersion =
-      m_sCCIVersion.size() > 4 ? std::atoi(m_sCCIVersion.substr(3, 2).c_str()) : 0;
-  if (minorVersion >= 32) {
+  if (isResourceKeyOptionSupported()) {
     std::map<std::string, ResourceGroupStatus> groups;
     getResourceGroup(groups, true);
     const auto meta = groups.find(VT_HDS_META_RESOURCE_NAME);

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cctype>
-#include <cstdlib>
 #include <string>
 
 #include "hds/common/HDSConstants.h"
@@ -19,21 +18,10 @@ using hds::raidcom::raidcom;
 using hds::raidcom::hostGroupReference;
 using hds::raidcom::quoteArgument;
 
-// First CCI release whose get host_grp takes -resource and whose get resource takes -key opt.
-const int kResourceOptionMinorVersion = 32;
-
 std::string upperCase(std::string text) {
   std::transform(text.begin(), text.end(), text.begin(),
                  [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
   return text;
-}
-
-bool hasResourceOption(std::string const& cciVersion) {
-  if (cciVersion.size() < 5 || !std::isdigit(static_cast<unsigned char>(cciVersion[3])) ||
-      !std::isdigit(static_cast<unsigned char>(cciVersion[4]))) {
-    return false;
-  }
-  return std::atoi(cciVersion.substr(3, 2).c_str()) >= kResourceOptionMinorVersion;
 }
 
 // With -key opt the status field of a resource group holds its virtual serial, cut to six
@@ -88,7 +76,7 @@ int RaidcomCommandHandler::getPortLoginWWNList(std::string const& port, hdsPort_
 int RaidcomCommandHandler::getPortHostGroupList(std::string const& port,
                                                 std::string const& hostGroup, hdsPort_t& portRec,
                                                 bool withWWNs, std::string const& wwn, bool vsm) {
-  const bool resourceOption = hasResourceOption(m_sCCIVersion);
+  const bool resourceOption = isResourceKeyOptionSupported();
   std::map<std::string, ResourceGroupStatus> groups;
   if (getResourceGroupInfo(groups, resourceOption) != 0) return 1;
 
