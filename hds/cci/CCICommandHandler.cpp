@@ -342,7 +342,7 @@ void parsePairDisplayOutput(const std::string& output, std::vector<hdsCopyGroupI
       continue;
     }
     pair.pairStatus = next();
-    pair.copyPercent = std::atoi(next().c_str());
+    pair.copyPercent = hds::text::toInt(next());
     pair.partnerLdevId = next();
     pairs.push_back(pair);
   }

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "hds/common/HDSConstants.h"
+#include "hds/common/internal/HDSText.h"
 #include "hds/helper/CommandHelper.h"
 #include "hds/platform/VTPlatformInfo.h"
 #include "hds/platform/ZoSleep.h"
@@ -120,7 +121,7 @@ unsigned int RaidcomCommandHandler::createSvol(std::map<std::string, hdsLdev_t> 
     const char* const kVirtualizeLog =
         "Failed to virtualize LDEV-[%s] in resource group-[%s]. Retry-[%d/%d]...";
     const std::string virtualizeError = "Failed to virtualize LDEV-[" + id + "]";
-    const bool low = std::atoi(ldev.virtualLdevId.c_str()) < kFirstUnusableVirtualId;
+    const bool low = hds::text::toInt(ldev.virtualLdevId) < kFirstUnusableVirtualId;
     CreatedLdev& done = created.back();
 
     if (m_bVSM && low) {

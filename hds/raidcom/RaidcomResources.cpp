@@ -6,6 +6,7 @@
 #include <string>
 
 #include "hds/common/HDSConstants.h"
+#include "hds/common/internal/HDSText.h"
 #include "hds/handler/internal/InstanceArgs.h"
 #include "hds/helper/CommandHelper.h"
 #include "hds/raidcom/RaidcomCommandHandler.h"
@@ -353,7 +354,7 @@ int RaidcomCommandHandler::unreserveFromVSM(const std::string& ldevId,
   }
 
   // 65534 and above: the LDEV carries no virtual id, so there is no arrangement to cancel.
-  if (std::atoi(virtualLdevId.c_str()) < 65534) {
+  if (hds::text::toInt(virtualLdevId) < 65534) {
     if (unmapfromResourceGroup(ldevId, virtualLdevId, type) != 0) {
       return fail(VT_HDS_ERROR_COMMAND_FAILED,
                   "Failed to cancel resource arrangement of LDEV-[" + ldevId + "]",

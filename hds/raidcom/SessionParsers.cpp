@@ -106,7 +106,7 @@ bool parseRaidqryOutput(std::string const& output, hdsRaidqry_t& info) {
     if (field != nullptr) *field = value;
   }
   if (!next(value)) return false;
-  read.cacheSizeMB = std::atoi(value.c_str());
+  read.cacheSizeMB = hds::text::toInt(value);
   info = read;
   return true;
 }
