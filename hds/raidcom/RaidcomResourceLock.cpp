@@ -26,6 +26,14 @@ const unsigned long kArrayLockRoundPauseMs = 5000;
 const char* const kStatusLocked = "Locked";
 const char* const kStatusUnlocked = "Unlocked";
 
+// Locking and unlocking on the array go through one host-wide lock, so that the processes of
+// this host never race on the array's lock state and the per-process share count.
+bool takeHostGroupLock(VTHDSLock& lock, VTSO::SnapInfo& snapInfo, std::string const& group) {
+  if (lock.lock(kResourceGroupLock, 0)) return true;
+  snapInfo.log(2, VT_HDS_LOG_MODULE, "Failed to lock resource [%s].", group.c_str());
+  return false;
+}
+
 }  // namespace
 
 int RaidcomCommandHandler::lockUnlockResourceGroup(bool unlock) {
@@ -76,9 +84,7 @@ int RaidcomCommandHandler::getResourceGroup(std::map<std::string, ResourceGroupS
 
 int RaidcomCommandHandler::lockResource() {
   VTHDSLock groupLock(*m_pSnapInfo);
-  if (!groupLock.lock(kResourceGroupLock, 0)) {
-    m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to lock resource [%s].",
-                     m_sResourceGroupName.c_str());
+  if (!takeHostGroupLock(groupLock, *m_pSnapInfo, m_sResourceGroupName)) {
     m_iErrorCode = VT_HDS_ERROR_COMMAND_FAILED;
     return 1;
   }
@@ -179,9 +185,7 @@ int RaidcomCommandHandler::lockResource() {
 
 int RaidcomCommandHandler::unlockResource() {
   VTHDSLock groupLock(*m_pSnapInfo);
-  if (!groupLock.lock(kResourceGroupLock, 0)) {
-    m_pSnapInfo->log(2, VT_HDS_LOG_MODULE, "Failed to lock resource [%s].",
-                     m_sResourceGroupName.c_str());
+  if (!takeHostGroupLock(groupLock, *m_pSnapInfo, m_sResourceGroupName)) {
     m_iErrorCode = VT_HDS_ERROR_COMMAND_FAILED;
     return 1;
   }
