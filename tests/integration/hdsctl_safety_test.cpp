@@ -1,5 +1,6 @@
 // hdsctl where an operator's slip would cost data or a running job: which array and options it
 // acts on, what it agrees to remove, and when it gives the resource group lock back.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -14,6 +15,9 @@
 #include "tests/support/ToolRun.h"
 
 namespace {
+
+using ::testing::HasSubstr;
+using ::testing::Not;
 
 using hdstest::arrayState;
 using hdstest::hdsctlPath;
@@ -49,8 +53,8 @@ TEST(HdsctlSafety, CommandLineBeatsEachVariableAndNoChildSeesThePassword) {
   SimArray sim(env);
   addSecondArray(sim);
   useSimArray(env, sim);
-  EXPECT_NE(hdsctl({"--help"}).out.find("an option on the command line beats its variable"),
-            std::string::npos);
+  EXPECT_THAT(hdsctl({"--help"}).out,
+              HasSubstr("an option on the command line beats its variable"));
 
   // The variables name 412345; the command line names 499999, and wins.
   ASSERT_EQ(hdsctl({"pools"}).exitCode, 0);
@@ -72,7 +76,7 @@ TEST(HdsctlSafety, CommandLineBeatsEachVariableAndNoChildSeesThePassword) {
                          "array": {"serial": "499999", "command_devices": ["/dev/sdd"]}})");
   r = hdsctl({"job", job});
   EXPECT_EQ(r.exitCode, 0) << text(r);
-  EXPECT_NE(r.out.find("every object the job made on array 499999"), std::string::npos) << r.out;
+  EXPECT_THAT(r.out, HasSubstr("every object the job made on array 499999"));
 
   // Each variable set wrong breaks the command, and the option set right mends it.
   struct Case {
@@ -112,9 +116,9 @@ TEST(HdsctlSafety, CommandLineBeatsEachVariableAndNoChildSeesThePassword) {
                      "#!/bin/sh\nenv >> " + dump + "\nexec " + realDir + "raidcom \"$@\"\n", 0755);
   ASSERT_EQ(hdsctl({"pools"}).exitCode, 0);
   std::string seen = hdstest::readFile(dump);
-  EXPECT_NE(seen.find("HDSCTL_SERIAL=412345"), std::string::npos) << seen;
-  EXPECT_EQ(seen.find("HDSCTL_PASSWORD"), std::string::npos);
-  EXPECT_EQ(seen.find(SimArray::kPassword), std::string::npos);
+  EXPECT_THAT(seen, HasSubstr("HDSCTL_SERIAL=412345"));
+  EXPECT_THAT(seen, Not(HasSubstr("HDSCTL_PASSWORD")));
+  EXPECT_THAT(seen, Not(HasSubstr(SimArray::kPassword)));
 }
 
 TEST(HdsctlSafety, DestructiveCommandsActOnlyOnSvolsUnlessForced) {
@@ -145,8 +149,8 @@ TEST(HdsctlSafety, DestructiveCommandsActOnlyOnSvolsUnlessForced) {
   for (const Refusal& c : refusals) {
     ToolResult r = hdsctl(c.args);
     EXPECT_EQ(r.exitCode, 1) << c.args[1] << ": " << text(r);
-    EXPECT_NE(r.err.find(c.says), std::string::npos) << r.err;
-    EXPECT_NE(r.err.find("--force"), std::string::npos) << r.err;
+    EXPECT_THAT(r.err, HasSubstr(c.says));
+    EXPECT_THAT(r.err, HasSubstr("--force"));
   }
   EXPECT_EQ(arrayState(sim), made);
 
@@ -160,7 +164,7 @@ TEST(HdsctlSafety, DestructiveCommandsActOnlyOnSvolsUnlessForced) {
 
   ToolResult r = hdsctl({"svol", "delete", "115", "--force"});
   EXPECT_EQ(r.exitCode, 0) << text(r);
-  EXPECT_NE(r.err.find("--force: LDEV 115 (label data_115"), std::string::npos) << r.err;
+  EXPECT_THAT(r.err, HasSubstr("--force: LDEV 115 (label data_115"));
   EXPECT_NE(arrayState(sim), before);
 }
 
@@ -183,12 +187,10 @@ TEST(HdsctlSafety, TheLockStaysWithTheSessionsThatUseIt) {
   ASSERT_EQ(resourceGroup()["status"], "Locked");
   ToolResult r = hdsctl({"unlock"});
   EXPECT_EQ(r.exitCode, 1);
-  EXPECT_NE(r.err.find("1 other session(s) of this host use array 412345 (login count 2)"),
-            std::string::npos)
-      << r.err;
+  EXPECT_THAT(r.err, HasSubstr("1 other session(s) of this host use array 412345 (login count 2)"));
   r = hdsctl({"lock", "--hold", "0"});
   EXPECT_EQ(r.exitCode, 0) << r.err;
-  EXPECT_NE(r.out.find("left resource group meta_resource locked"), std::string::npos) << r.out;
+  EXPECT_THAT(r.out, HasSubstr("left resource group meta_resource locked"));
   EXPECT_EQ(resourceGroup()["status"], "Locked");
   // The holder is the last session: it releases the lock.
   kill(holder.pid(), SIGINT);
@@ -201,8 +203,7 @@ TEST(HdsctlSafety, TheLockStaysWithTheSessionsThatUseIt) {
   sim.lockResourceGroup("meta_resource", "maint", "Storage Navigator");
   r = hdsctl({"unlock"});
   EXPECT_EQ(r.exitCode, 1);
-  EXPECT_NE(r.err.find("user maint from host Storage Navigator holds it"), std::string::npos)
-      << r.err;
+  EXPECT_THAT(r.err, HasSubstr("user maint from host Storage Navigator holds it"));
   env.setEnv("CCISIM_HOSTNAME", "backuphost");
   sim.lockResourceGroup("meta_resource", "admin", "backuphost");
   env.writeSettings("[iHarbor]\nsVTHDSHorcmDirectory = " + sim.cciDir() +
@@ -223,19 +224,14 @@ TEST(HdsctlSafety, FailuresNameTheirCause) {
   EXPECT_EQ(r.exitCode, 1);
   EXPECT_EQ(r.err,
             "hdsctl: array 412345 has no resource group meta_resourse; it has meta_resource\n");
-  EXPECT_NE(hdstest::readFile(env.settingsFile()).find("sVTHDSRaidcomLockCount_412345=0"),
-            std::string::npos);
+  EXPECT_THAT(hdstest::readFile(env.settingsFile()), HasSubstr("sVTHDSRaidcomLockCount_412345=0"));
 
   // The library fails on an empty raidqry answer without an error text of its own.
-  hdstest::SimFault empty;
-  empty.tool = "raidqry";
-  empty.match = "-l";
-  empty.exitCode = 0;
-  sim.addFault(empty);
+  sim.addFault(hdstest::answering("-l", "", 1, "raidqry"));
   r = hdsctl({"lock", "--hold", "0"});
   EXPECT_EQ(r.exitCode, 1);
-  EXPECT_EQ(r.err.find("error 0"), std::string::npos) << r.err;
-  EXPECT_NE(r.err.find("cannot lock resource group meta_resource: "), std::string::npos) << r.err;
+  EXPECT_THAT(r.err, Not(HasSubstr("error 0")));
+  EXPECT_THAT(r.err, HasSubstr("cannot lock resource group meta_resource: "));
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 // each must succeed or end with the step and error that stopped it, and in the end the array is
 // as it was, no session or process is left and the login count is back at 0. And a job killed
 // outright holds up no job after it.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 
@@ -16,6 +17,9 @@
 #include "tests/support/ToolRun.h"
 
 namespace {
+
+using ::testing::HasSubstr;
+using ::testing::Not;
 
 using hdstest::ToolResult;
 using hdstest::ToolRun;
@@ -61,11 +65,9 @@ class JobStress : public ::testing::Test {
         continue;
       }
       EXPECT_EQ(r.exitCode, 1) << r.err;
-      EXPECT_NE(r.err.find("hdsctl: job s" + std::to_string(i) + " failed at step '"),
-                std::string::npos)
-          << r.err;
-      EXPECT_NE(r.err.find("(error 626"), std::string::npos) << r.err;
-      EXPECT_EQ(r.out.find("not removed"), std::string::npos) << r.out;
+      EXPECT_THAT(r.err, HasSubstr("hdsctl: job s" + std::to_string(i) + " failed at step '"));
+      EXPECT_THAT(r.err, HasSubstr("(error 626"));
+      EXPECT_THAT(r.out, Not(HasSubstr("not removed")));
     }
     return succeeded;
   }
@@ -73,10 +75,7 @@ class JobStress : public ::testing::Test {
   // Runs a job on P-VOL 100 and kills it outright inside its first LDEV creation, which the
   // array makes last delayMs.
   void killJobInItsFirstLdevCreation(int delayMs) {
-    hdstest::SimFault slow;
-    slow.match = "add ldev";
-    slow.delayMs = delayMs;
-    sim.addFault(slow);
+    sim.addFault(hdstest::delayed("add ldev", delayMs));
     ToolRun killed(
         {hdstest::hdsctlPath(), "job",
          jobFile("k", {{"name", "k"}, {"pool", 0}, {"pvols", {100}}, {"svols", {2000}}})});
@@ -170,16 +169,12 @@ TEST_F(JobStress, KilledJobHoldsUpNoJobAfterIt) {
   // session gives back what the job made, but not a session the count no longer holds, which
   // would count off (and log out) the live one.
   sim.admin({"journal", "--clear"});
-  hdstest::SimFault slow;
-  slow.match = "get ldev";
-  slow.delayMs = 3000;
-  sim.addFault(slow);
+  sim.addFault(hdstest::delayed("get ldev", 3000));
   ToolRun live({hdstest::hdsctlPath(), "ldevs"});
   hdstest::waitUntil([this] { return hdstest::hasCalled(sim, "get ldev"); });
   ToolResult recover = hdstest::runTool({hdstest::hdsctlPath(), "recover", "k"});
   EXPECT_EQ(recover.exitCode, 0) << recover.out << recover.err;
-  EXPECT_NE(recover.out.find("the login count started anew without it"), std::string::npos)
-      << recover.out;
+  EXPECT_THAT(recover.out, HasSubstr("the login count started anew without it"));
   EXPECT_EQ(loginCount(), 1) << "the live session's";
   EXPECT_EQ(live.finish().exitCode, 0);
   EXPECT_EQ(loginCount(), 0);

@@ -111,6 +111,23 @@ SimFault failing(const std::string& match, int exitCode, const std::string& err,
   return fault;
 }
 
+SimFault delayed(const std::string& match, int delayMs, int times, const std::string& tool) {
+  SimFault fault;
+  fault.tool = tool;
+  fault.match = match;
+  fault.delayMs = delayMs;
+  fault.times = times;
+  return fault;
+}
+
+SimFault answering(const std::string& match, const std::string& out, int times,
+                   const std::string& tool) {
+  SimFault fault = failing(match, 0, "", times);
+  fault.tool = tool;
+  fault.out = out;
+  return fault;
+}
+
 std::vector<SimJournalEntry> parseJournal(const std::string& jsonText) {
   std::vector<SimJournalEntry> entries;
   for (const auto& j : nlohmann::json::parse(jsonText)) {

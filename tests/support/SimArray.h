@@ -36,6 +36,12 @@ struct SimFault {
 // A raidcom fault that makes matching calls exit with exitCode and print err, `times` times.
 SimFault failing(const std::string& match, int exitCode, const std::string& err = "",
                  int times = 1);
+// Matching calls of `tool` that run delayMs longer, `times` times.
+SimFault delayed(const std::string& match, int delayMs, int times = 1,
+                 const std::string& tool = "raidcom");
+// Matching calls of `tool` that succeed at once and print `out`, `times` times.
+SimFault answering(const std::string& match, const std::string& out, int times = -1,
+                   const std::string& tool = "raidcom");
 
 // Output split into lines and a line split into its columns, by the library's own text kit.
 std::vector<std::string> outputLines(const std::string& text);
