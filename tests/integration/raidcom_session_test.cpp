@@ -2,7 +2,6 @@
 // by many processes, expired sessions, resource group locks, background command failures, and
 // what is left on disk. Scenarios that construct handlers run in child processes, because
 // handlers keep per-process caches.
-#include <dirent.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -29,21 +28,6 @@ using hdstest::SimArray;
 using hdstest::SimFault;
 using hdstest::SimJournalEntry;
 using hdstest::writeFile;
-
-void forEachFile(const std::string& dir, const std::function<void(const std::string&)>& fn) {
-  DIR* d = opendir(dir.c_str());
-  if (d == nullptr) return;
-  while (dirent* e = readdir(d)) {
-    const std::string name = e->d_name;
-    if (name == "." || name == "..") continue;
-    const std::string path = dir + "/" + name;
-    struct stat st;
-    if (lstat(path.c_str(), &st) != 0) continue;
-    if (S_ISDIR(st.st_mode)) forEachFile(path, fn);
-    if (S_ISREG(st.st_mode)) fn(path);
-  }
-  closedir(d);
-}
 
 bool isRaidcom(const SimJournalEntry& e, const std::string& first, const std::string& second = "") {
   return e.tool == "raidcom" && !e.args.empty() && e.args[0] == first &&
@@ -86,11 +70,8 @@ TEST_F(RaidcomSession, SixteenProcessesShareOneLogin) {
   });
   EXPECT_EQ(codes, std::vector<int>(16, 0));
   EXPECT_EQ(hdstest::loginCount(env), 0);
-  int filesNamingArray = 0;
-  forEachFile(env.horcmDir(), [&](const std::string& path) {
-    filesNamingArray += readFile(path).find("CMD-412345") != std::string::npos;
-  });
-  EXPECT_EQ(filesNamingArray, 1);
+  EXPECT_EQ(sim.shell("grep -l CMD-412345 " + env.horcmDir() + "*").out,
+            env.horcmDir() + "horcm3532.conf\n");
 
   // Sessions open and close strictly in turn, and every listing ran inside one.
   bool open = false;
@@ -306,14 +287,13 @@ TEST_F(RaidcomSession, DestructorReleasesLockAndSessionAfterAFailureAndLeaksNoPa
   EXPECT_EQ(count("-logout"), 1u);
   EXPECT_EQ(hdstest::loginCount(env), 0);
 
-  int files = 0;
-  forEachFile(env.root(), [&](const std::string& path) {
-    // The simulator's state is the array's side, which knows the password anyway.
-    if (path.find(env.simState()) == 0) return;
-    ++files;
-    EXPECT_EQ(readFile(path).find(SimArray::kPassword), std::string::npos) << path;
-  });
-  EXPECT_GT(files, 5);
+  // The simulator's state is the array's side, which knows the password anyway.
+  const std::vector<std::string> counts =
+      hdstest::outputLines(sim.shell("grep -rcF --exclude='ccisim.db*' " +
+                                     std::string(SimArray::kPassword) + " " + env.root())
+                               .out);
+  EXPECT_GT(counts.size(), 5u);
+  for (const std::string& count : counts) EXPECT_EQ(count.substr(count.rfind(':')), ":0") << count;
 }
 
 TEST_F(RaidcomSession, DelayedLogoutKeepsThePrepareSessionForTheCreateStep) {
