@@ -45,6 +45,11 @@ class JobStress : public ::testing::Test {
     hdstest::writeFile(file, job.dump());
     return file;
   }
+  // hdsctl's command line for a job of one pair.
+  std::vector<std::string> onePair(const std::string& name, int pvol, int svol) {
+    return {hdstest::hdsctlPath(), "job",
+            jobFile(name, {{"name", name}, {"pool", 0}, {"pvols", {pvol}}, {"svols", {svol}}})};
+  }
 
   // Starts every job at once; how many succeeded. A failure must name the job, its step and the
   // library's error, with nothing that its clean-up could not give back.
@@ -76,9 +81,7 @@ class JobStress : public ::testing::Test {
   // array makes last delayMs.
   void killJobInItsFirstLdevCreation(int delayMs) {
     sim.addFault(hdstest::delayed("add ldev", delayMs));
-    ToolRun killed(
-        {hdstest::hdsctlPath(), "job",
-         jobFile("k", {{"name", "k"}, {"pool", 0}, {"pvols", {100}}, {"svols", {2000}}})});
+    ToolRun killed(onePair("k", 100, 2000));
     hdstest::waitUntil([this] { return hdstest::hasCalled(sim, "add ldev"); });
     kill(killed.pid(), SIGKILL);
     EXPECT_EQ(killed.finish().exitCode, 128 + SIGKILL);
@@ -142,9 +145,7 @@ TEST_F(JobStress, KilledJobHoldsUpNoJobAfterIt) {
   killJobInItsFirstLdevCreation(3000);
 
   const Clock::time_point start = Clock::now();
-  ToolResult next = hdstest::runTool(
-      {hdstest::hdsctlPath(), "job",
-       jobFile("n", {{"name", "n"}, {"pool", 0}, {"pvols", {101}}, {"svols", {2001}}})});
+  ToolResult next = hdstest::runTool(onePair("n", 101, 2001));
   const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
   EXPECT_EQ(next.exitCode, 0) << next.out << next.err;
   // Waiting out a lock would take its five-second rounds.
@@ -158,9 +159,7 @@ TEST_F(JobStress, KilledJobHoldsUpNoJobAfterIt) {
     return hdstest::processesWithEnvironment("CCISIM_STATE=" + env.simState()).empty();
   });
   sim.expireSessions();
-  ToolResult after = hdstest::runTool(
-      {hdstest::hdsctlPath(), "job",
-       jobFile("a", {{"name", "a"}, {"pool", 0}, {"pvols", {102}}, {"svols", {2002}}})});
+  ToolResult after = hdstest::runTool(onePair("a", 102, 2002));
   EXPECT_EQ(after.exitCode, 0) << after.out << after.err;
   EXPECT_EQ(loginCount(), 0);
   EXPECT_FALSE(sessionOpen()) << "a session is open";
@@ -198,14 +197,12 @@ TEST_F(JobStress, KilledJobThenARebootLocksNoJobOut) {
   for (int i = 1; i <= 3; ++i) {
     const std::string name = "r" + std::to_string(i);
     const std::string log = env.root() + "/" + name + ".log";
-    ToolResult r = hdstest::runTool(
-        {hdstest::hdsctlPath(), "--log", log, "job",
-         jobFile(name,
-                 {{"name", name}, {"pool", 0}, {"pvols", {100 + i}}, {"svols", {2000 + i}}})});
+    std::vector<std::string> argv = onePair(name, 100 + i, 2000 + i);
+    argv.insert(argv.begin() + 1, {"--log", log});
+    ToolResult r = hdstest::runTool(argv);
     EXPECT_EQ(r.exitCode, 0) << r.out << r.err;
-    EXPECT_EQ(hdstest::readFile(log).find(
-                  "Login count [1] of array [412345] was kept before the host last started.") !=
-                  std::string::npos,
+    EXPECT_EQ(hdstest::readFile(log).find("Login count [1] of array [412345] was kept before "
+                                          "the host last started.") != std::string::npos,
               i == 1);
   }
   EXPECT_EQ(loginCount(), 0);

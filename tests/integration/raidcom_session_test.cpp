@@ -108,13 +108,7 @@ TEST_F(RaidcomSession, HorcmFileIsWrittenByTheFirstHandlerAndSharedByTheNext) {
     EXPECT_EQ(second.instance(), "3530");
     EXPECT_EQ(hdstest::loginCount(env), 2);
   });
-  EXPECT_EQ(readFile(env.horcmDir() + "horcm3530.conf"),
-            "#HORCM file create by Tessaly Kestrel. Do not alter the file content or delete the "
-            "file.\nHORCM_MON\n"
-            "#ip_address                  service         poll(10ms)     timeout(10ms)\n"
-            "testhost\t\t3530\t1000           3000\n\nHORCM_CMD\n"
-            "#dev_name               dev_name                dev_name\n"
-            "#\\\\.\\CMD-412345\n\\\\.\\CMD-412345:/dev/sdc \n");
+  EXPECT_EQ(readFile(env.horcmDir() + "horcm3530.conf"), SimArray::raidcomHorcmConf(3530));
   EXPECT_EQ(horcmStarts(), 1u);
   EXPECT_EQ(count("-login"), 1u);
   EXPECT_EQ(count("-logout"), 1u);

@@ -159,22 +159,26 @@ void SimArray::lockResourceGroup(const std::string& name, const std::string& own
   admin({"resource", "lock", name, "--owner", owner, "--host", host});
 }
 
-void SimArray::writeRaidcomHorcmConf(int instance,
-                                     const std::vector<std::string>& commandDevices) const {
-  std::string n = std::to_string(instance);
+std::string SimArray::raidcomHorcmConf(int instance,
+                                       const std::vector<std::string>& commandDevices) {
   std::string devices;
   for (const std::string& d :
        commandDevices.empty() ? std::vector<std::string>{kCommandDevice} : commandDevices) {
     devices += d + " ";
   }
-  writeFile(m_rEnv.horcmDir() + "horcm" + n + ".conf",
-            "#HORCM file create by Tessaly Kestrel. Do not alter the file content or delete the "
-            "file.\nHORCM_MON\n#ip_address                  service         poll(10ms)     "
-            "timeout(10ms)\ntesthost\t\t" +
-                n +
-                "\t1000           3000\n\nHORCM_CMD\n#dev_name               dev_name         "
-                "       dev_name\n#\\\\.\\CMD-" +
-                kSerial + "\n" + devices + "\n");
+  return "#HORCM file create by Tessaly Kestrel. Do not alter the file content or delete the "
+         "file.\nHORCM_MON\n#ip_address                  service         poll(10ms)     "
+         "timeout(10ms)\ntesthost\t\t" +
+         std::to_string(instance) +
+         "\t1000           3000\n\nHORCM_CMD\n#dev_name               dev_name         "
+         "       dev_name\n#\\\\.\\CMD-" +
+         kSerial + "\n" + devices + "\n";
+}
+
+void SimArray::writeRaidcomHorcmConf(int instance,
+                                     const std::vector<std::string>& commandDevices) const {
+  writeFile(m_rEnv.horcmDir() + "horcm" + std::to_string(instance) + ".conf",
+            raidcomHorcmConf(instance, commandDevices));
 }
 
 void SimArray::startRaidcomSession(int instance) const {

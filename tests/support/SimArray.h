@@ -103,8 +103,10 @@ class SimArray {
   void lockResourceGroup(const std::string& name, const std::string& owner,
                          const std::string& host) const;
 
-  // horcm<N>.conf in the HORCM directory as the raidcom handler writes it (monitor and
-  // command device sections only); with no command devices given, the array's own.
+  // horcm<N>.conf as the raidcom handler writes it (monitor and command device sections only;
+  // with no command devices given, the array's own), and that file put in the HORCM directory.
+  static std::string raidcomHorcmConf(int instance,
+                                      const std::vector<std::string>& commandDevices = {});
   void writeRaidcomHorcmConf(int instance,
                              const std::vector<std::string>& commandDevices = {}) const;
   // Writes that file, starts the instance and logs in as admin: ready for raidcom.
