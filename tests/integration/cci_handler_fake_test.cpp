@@ -186,8 +186,7 @@ TEST(CciPairCommands, CommandLinesAndFailures) {
          std::vector<hdsCopyGroupInfo> pairs;
          return h.pairDisplay(pairs);
        },
-       "pairdisplay   -g CG1 -fc -CLI  -IM3300", "Failed to get pair status of copy group [CG1]."},
-  };
+       "pairdisplay   -g CG1 -fc -CLI  -IM3300", "Failed to get pair status of copy group [CG1]."}};
   expectInChild([&calls] {
     Rig rig;
     for (const char* tool : {"paircreate", "pairresync", "pairsplit", "pairdisplay"}) {

@@ -131,8 +131,7 @@ TEST_F(CcisimListingTest, TablesReadBackByColumns) {
        "CL3-B-5 ef 0 0 12 0 412345 1 - 100 SMPL - - - ---- -"},
       {"pairdisplay", "-g CG1 -fc -CLI -IH3300", 1,
        "CG1 Pair_100 R CL3-B-5 0 13 1 412345 200 S-VOL PAIR 100 100 -", 2},
-      {"pairsyncwait", "-g CG1 -nowait -IH3300", 0, "0 0 0100000001 NOWAIT 0", 1},
-  };
+      {"pairsyncwait", "-g CG1 -nowait -IH3300", 0, "0 0 0100000001 NOWAIT 0", 1}};
   for (const Listing& l : listings) {
     std::vector<Words> table = rows(call(l.tool, l.args));
     if (l.rowCount != 0) {

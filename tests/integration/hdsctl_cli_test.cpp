@@ -136,8 +136,7 @@ TEST(HdsctlCli, WrongArgumentsGiveOneLineAndExitTwo) {
       {"svol_first", R"({"pool": 0, "pvols": [100], "svol_first": 999999999999})"},
       {"every P-VOL", R"({"pool": 0, "pvols": [65280]})"},
       {"pool", R"({"pool": -1, "pvols": [100]})"},
-      {"larger than 1 MiB", "{\"pool\": 0, \"pvols\": [100]}" + std::string(1 << 20, ' ')},
-  };
+      {"larger than 1 MiB", "{\"pool\": 0, \"pvols\": [100]}" + std::string(1 << 20, ' ')}};
   std::vector<std::pair<std::string, std::string>> named = {{"/dev/zero", "is not a regular file"},
                                                             {env.root(), "is not a regular file"}};
   for (const auto& c : outOfRange) {

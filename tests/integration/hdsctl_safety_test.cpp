@@ -90,8 +90,7 @@ TEST(HdsctlSafety, CommandLineBeatsEachVariableAndNoChildSeesThePassword) {
       {"HDSCTL_PASSWORD", "wrong", {"--password", "admin123"}},
       {"HDSCTL_HORCM_INSTANCE", "x1", {"--horcm-instance", instanceNumber(nearInstance)}},
       {"HDSCTL_RESOURCE_GROUP", "no_such_group", {"--resource-group", "meta_resource"}},
-      {"HDSCTL_CCI_DIR", "/nonexistent/cci", {"--cci-dir", sim.cciDir()}},
-  };
+      {"HDSCTL_CCI_DIR", "/nonexistent/cci", {"--cci-dir", sim.cciDir()}}};
   env.writeSettings("");  // the CCI directory comes from the options alone
   env.setEnv("HDSCTL_CCI_DIR", sim.cciDir().c_str());
   for (const Case& c : cases) {
@@ -144,8 +143,7 @@ TEST(HdsctlSafety, DestructiveCommandsActOnlyOnSvolsUnlessForced) {
       {{"svol", "delete", "300", "110"}, "LDEV 110 (label data_110, no snapshot pairs"},
       {{"snapshot", "delete", "100"}, "P-VOL in KS_SNAP_t with S-VOL 300"},
       {{"unmap", "--port", "CL1-A", "--host-group", "1", "--ldev", "4095"}, "LU paths CL1-A-1-0"},
-      {{"svol", "delete", "301"}, "LDEV 301 (not defined"},
-  };
+      {{"svol", "delete", "301"}, "LDEV 301 (not defined"}};
   for (const Refusal& c : refusals) {
     ToolResult r = hdsctl(c.args);
     EXPECT_EQ(r.exitCode, 1) << c.args[1] << ": " << text(r);

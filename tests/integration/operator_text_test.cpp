@@ -51,8 +51,7 @@ const std::vector<Field> kFields = {
     {"instance", [](HDSCLIInitParam& p, const std::string& v) { p.horcmInstance = "3532" + v; },
      "Invalid HORCM instance.", true},
     {"command device", [](HDSCLIInitParam& p, const std::string& v) { p.commandDevices = {v}; },
-     "Invalid command device name.", false},
-};
+     "Invalid command device name.", false}};
 
 class OperatorText : public ::testing::Test {
  protected:
