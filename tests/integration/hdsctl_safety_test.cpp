@@ -32,6 +32,11 @@ ToolResult hdsctl(const std::vector<std::string>& args) { return hdstest::runHds
 
 std::string text(const ToolResult& r) { return r.out + r.err; }
 
+void expectDone(const std::vector<std::string>& args) {
+  ToolResult r = hdsctl(args);
+  EXPECT_EQ(r.exitCode, 0) << text(r);
+}
+
 // A second array, 499999, reached through /dev/sdd, whose LDEVs are named far_<id>.
 void addSecondArray(const SimArray& sim) {
   json s = json::parse(SimArray::defaultScenario());
@@ -128,12 +133,8 @@ TEST(HdsctlSafety, DestructiveCommandsActOnlyOnSvolsUnlessForced) {
 
   // A data volume, a P-VOL's pairs and the command device's path are refused; a list with one
   // refused LDEV deletes none.
-  ASSERT_EQ(
-      hdsctl({"svol", "create", "300", "--pool", "0", "--like", "100", "--label", "KS_SVOL_100_t"})
-          .exitCode,
-      0);
-  ASSERT_EQ(hdsctl({"snapshot", "add", "KS_SNAP_t", "--pool", "0", "--pair", "100:300"}).exitCode,
-            0);
+  expectDone({"svol", "create", "300", "--pool", "0", "--like", "100", "--label", "KS_SVOL_100_t"});
+  expectDone({"snapshot", "add", "KS_SNAP_t", "--pool", "0", "--pair", "100:300"});
   std::string made = arrayState(sim);
   struct Refusal {
     std::vector<std::string> args;
@@ -153,11 +154,8 @@ TEST(HdsctlSafety, DestructiveCommandsActOnlyOnSvolsUnlessForced) {
   EXPECT_EQ(arrayState(sim), made);
 
   // What the job side makes goes without --force: the pairs by their S-VOL, the S-VOL by label.
-  for (const std::vector<std::string>& args :
-       {std::vector<std::string>{"snapshot", "delete", "300"}, {"svol", "delete", "300"}}) {
-    ToolResult r = hdsctl(args);
-    EXPECT_EQ(r.exitCode, 0) << text(r);
-  }
+  expectDone({"snapshot", "delete", "300"});
+  expectDone({"svol", "delete", "300"});
   EXPECT_EQ(arrayState(sim), before);
 
   ToolResult r = hdsctl({"svol", "delete", "115", "--force"});
