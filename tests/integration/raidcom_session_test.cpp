@@ -48,6 +48,15 @@ class RaidcomSession : public ::testing::Test {
     for (const SimJournalEntry& e : sim.journal()) n += isRaidcom(e, first, second);
     return n;
   }
+  // An asynchronous raidcom command ("modify ldev", "delete ldev") on LDEV 100.
+  static int onLdev100(RaidcomProbe& handler, const std::string& command,
+                       const std::string& more = "") {
+    std::string output;
+    int exitCode = 0;
+    return handler.executeCommand("raidcom  " + command + " ",
+                                  " -ldev_id 100" + more + handler.instanceArgs(), output, exitCode,
+                                  true);
+  }
   size_t horcmStarts() const {
     size_t n = 0;
     for (const SimJournalEntry& e : sim.journal()) n += e.tool == "horcmstart.sh";
@@ -228,13 +237,7 @@ TEST_F(RaidcomSession, AsynchronousCommandStatus) {
   settings("sVTHDSRaidcomMaxRetryCount=3\n");
   expectInChild([&] {
     RaidcomProbe handler(log, param());
-    std::string output;
-    int exitCode = 0;
-    auto rename = [&] {
-      return handler.executeCommand("raidcom  modify ldev ",
-                                    " -ldev_id 100 -ldev_name renamed" + handler.instanceArgs(),
-                                    output, exitCode, true);
-    };
+    auto rename = [&] { return onLdev100(handler, "modify ldev", " -ldev_name renamed"); };
     SimFault background;
     background.match = "modify ldev";
     background.statusSsb = "2E31,4016";
@@ -266,12 +269,7 @@ TEST_F(RaidcomSession, DestructorReleasesLockAndSessionAfterAFailureAndLeaksNoPa
       ASSERT_EQ(handler.lockResource(), 0) << handler.errorText();
       sim.expireSessions();
       sim.addFault(failing("delete ldev", 221));
-      std::string output;
-      int exitCode = 0;
-      EXPECT_EQ(
-          handler.executeCommand("raidcom  delete ldev ", " -ldev_id 100" + handler.instanceArgs(),
-                                 output, exitCode, true),
-          1);
+      EXPECT_EQ(onLdev100(handler, "delete ldev"), 1);
     }
     EXPECT_EQ(log.count(SimArray::kPassword), 0u) << log.dump();
   });
@@ -365,13 +363,7 @@ TEST_F(RaidcomSession, OutOfRangeRetrySettingsFallBackToTheirDefaults) {
     EXPECT_TRUE(log.contains(
         "Setting [sVTHDSRaidcomMaxRetryCount] has value [0], below 1. Using [50].", 1));
     // With no status round an asynchronous command could never be judged a success.
-    std::string output;
-    int exitCode = 0;
-    EXPECT_EQ(handler.executeCommand("raidcom  modify ldev ",
-                                     " -ldev_id 100 -ldev_name renamed" + handler.instanceArgs(),
-                                     output, exitCode, true),
-              0)
-        << handler.errorText();
+    EXPECT_EQ(onLdev100(handler, "modify ldev", " -ldev_name renamed"), 0) << handler.errorText();
   });
 }
 
