@@ -194,15 +194,14 @@ TEST_F(RaidcomSession, LoginCountDecidesWhoLogsInAndOut) {
 TEST_F(RaidcomSession, ExpiredLoginCostsExactlyOneRelogin) {
   expectInChild([&] {
     RaidcomProbe handler(log, param());
-    std::map<std::string, ResourceGroupStatus> groups;
     sim.expireSessions();
-    EXPECT_EQ(handler.getResourceGroup(groups, false), 0);
+    EXPECT_EQ(handler.listResourceGroups(), 0);
     EXPECT_EQ(count("-login"), 2u);
     // A forced login counts only its own session.
     EXPECT_EQ(hdstest::loginCount(env), 1);
 
     sim.addFault(failing("get resource", 202, "", 2));
-    EXPECT_EQ(handler.getResourceGroup(groups, false), 1);
+    EXPECT_EQ(handler.listResourceGroups(), 1);
     EXPECT_EQ(handler.errorCode(), 62601);
     EXPECT_EQ(handler.errorText(), "Command '" + env.cciDir() +
                                        "raidcom  get resource   -IM3532 -s 412345 returned exit "
@@ -296,8 +295,7 @@ TEST_F(RaidcomSession, DelayedLogoutKeepsThePrepareSessionForTheCreateStep) {
     p.horcmInstance = "3532";
     RaidcomProbe create(log, p);
     EXPECT_EQ(create.instanceArgs(), " -IM3532 -s 412345");
-    std::map<std::string, ResourceGroupStatus> groups;
-    EXPECT_EQ(create.getResourceGroup(groups, false), 0);
+    EXPECT_EQ(create.listResourceGroups(), 0);
   });
   EXPECT_EQ(count("-login"), 1u);
   EXPECT_EQ(count("-logout"), 1u);
@@ -308,17 +306,16 @@ TEST_F(RaidcomSession, StoppedInstanceIsStartedAgainOnce) {
   expectInChild([&] {
     RaidcomProbe handler(log, param());
     ASSERT_EQ(handler.errorCode(), 0) << handler.errorText();
-    std::map<std::string, ResourceGroupStatus> groups;
     // The instance went, and the session with it: one start, one login, and the listing again.
     sim.run("horcmshutdown.sh", {"3532"});
-    EXPECT_EQ(handler.getResourceGroup(groups, false), 0) << handler.errorText();
+    EXPECT_EQ(handler.listResourceGroups(), 0) << handler.errorText();
     EXPECT_TRUE(
         log.contains("Horcm instance [3532] is not running. Starting it again for command "
                      "[raidcom  get resource ].",
                      1));
     sim.addFault(failing("get resource", 251,
                          "raidcom: [EX_ATTHOR] Can't be attached to HORC manager\n", 2));
-    EXPECT_EQ(handler.getResourceGroup(groups, false), 1);
+    EXPECT_EQ(handler.listResourceGroups(), 1);
     EXPECT_EQ(handler.errorText(), "Command '" + env.cciDir() +
                                        "raidcom  get resource   -IM3532 -s 412345 returned exit "
                                        "code [251].");
