@@ -15,6 +15,14 @@ constexpr int kToolTimeoutSec = 60;
 
 ToolResult runArgv(const std::vector<std::string>& argv) { return runTool(argv, kToolTimeoutSec); }
 
+SimFault matching(const std::string& tool, const std::string& match, int times) {
+  SimFault fault;
+  fault.tool = tool;
+  fault.match = match;
+  fault.times = times;
+  return fault;
+}
+
 }  // namespace
 
 std::vector<std::string> outputLines(const std::string& text) {
@@ -103,27 +111,22 @@ void SimArray::addFault(const SimFault& f) const {
 }
 
 SimFault failing(const std::string& match, int exitCode, const std::string& err, int times) {
-  SimFault fault;
-  fault.match = match;
+  SimFault fault = matching("raidcom", match, times);
   fault.exitCode = exitCode;
   fault.err = err;
-  fault.times = times;
   return fault;
 }
 
 SimFault delayed(const std::string& match, int delayMs, int times, const std::string& tool) {
-  SimFault fault;
-  fault.tool = tool;
-  fault.match = match;
+  SimFault fault = matching(tool, match, times);
   fault.delayMs = delayMs;
-  fault.times = times;
   return fault;
 }
 
 SimFault answering(const std::string& match, const std::string& out, int times,
                    const std::string& tool) {
-  SimFault fault = failing(match, 0, "", times);
-  fault.tool = tool;
+  SimFault fault = matching(tool, match, times);
+  fault.exitCode = 0;
   fault.out = out;
   return fault;
 }
