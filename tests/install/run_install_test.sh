@@ -20,13 +20,16 @@ flags=${4:-}
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 fail() { echo "install test: $*" >&2; exit 1; }
+# Runs a command with its output kept in a log that is shown only when it fails.
+quiet() {
+  log=$1 message=$2
+  shift 2
+  "$@" >"$log" 2>&1 || { cat "$log" >&2; fail "$message"; }
+}
 
 prefix=$work/prefix
 if $deb; then
-  (cd "$build" && cpack -G DEB -B "$work/packages") >"$work/cpack.log" 2>&1 || {
-    cat "$work/cpack.log" >&2
-    fail "cpack failed"
-  }
+  (cd "$build" && quiet "$work/cpack.log" "cpack failed" cpack -G DEB -B "$work/packages")
   for p in libhdscmd1 libhdscmd-dev hdscmd-tools; do
     file=$(find "$work/packages" -maxdepth 1 -name "${p}_1.0.0_*.deb" | head -n 1)
     [ -n "$file" ] || fail "no package $p"
@@ -40,10 +43,7 @@ if $deb; then
   grep -q '^\.SH HDSCTL SUPPORT-BUNDLE' "$prefix/share/man/man1/hdsctl.1" ||
     fail "the man page lacks the subcommands"
 else
-  cmake --install "$build" --prefix "$prefix" >"$work/install.log" || {
-    cat "$work/install.log" >&2
-    fail "cmake --install failed"
-  }
+  quiet "$work/install.log" "cmake --install failed" cmake --install "$build" --prefix "$prefix"
 fi
 
 lib=$(find "$prefix" -name 'libhdscmd.so' | head -n 1)
@@ -77,15 +77,11 @@ export HDS_LOCK_DIR="$work/lock" HDS_TEMP_DIR="$work/tmp" HDS_HORCM_DIR="$work/h
 export HDS_SETTINGS_FILE="$work/settings.conf" HDS_CLIENT_NAME=consumer
 printf '[iHarbor]\nsVTHDSHorcmDirectory=%s\n' "$work/no-cci" >"$HDS_SETTINGS_FILE"
 
-cmake -S "$consumer_src/consumer" -B "$work/cmake-build" -DCMAKE_PREFIX_PATH="$prefix" \
-  -DCMAKE_CXX_COMPILER="$cxx" -DCMAKE_CXX_FLAGS="$flags" >"$work/configure.log" || {
-  cat "$work/configure.log" >&2
-  fail "find_package(hdscmd) consumer did not configure"
-}
-cmake --build "$work/cmake-build" >"$work/build.log" || {
-  cat "$work/build.log" >&2
-  fail "find_package(hdscmd) consumer did not build"
-}
+quiet "$work/configure.log" "find_package(hdscmd) consumer did not configure" \
+  cmake -S "$consumer_src/consumer" -B "$work/cmake-build" -DCMAKE_PREFIX_PATH="$prefix" \
+  -DCMAKE_CXX_COMPILER="$cxx" -DCMAKE_CXX_FLAGS="$flags"
+quiet "$work/build.log" "find_package(hdscmd) consumer did not build" \
+  cmake --build "$work/cmake-build"
 ldd "$work/cmake-build/consumer" | grep -q "$libdir/libhdscmd.so.1" ||
   fail "find_package consumer is not linked to the installed library"
 "$work/cmake-build/consumer" || fail "find_package consumer failed"
@@ -102,9 +98,7 @@ if $deb; then
   loaded=$(ldd "$prefix/bin/hdsctl" | awk '/libhdscmd/ {print $3}')
   [ "$(readlink -f "$loaded")" = "$(readlink -f "$libdir/libhdscmd.so.1")" ] ||
     fail "the packaged hdsctl loads '$loaded', not the packaged library"
-  TMPDIR=$work "$prefix/bin/hdsctl" demo --pvols 2 --dir "$work/demo" >"$work/demo.log" 2>&1 || {
-    cat "$work/demo.log" >&2
-    fail "hdsctl demo failed from the packages"
-  }
+  quiet "$work/demo.log" "hdsctl demo failed from the packages" \
+    env TMPDIR="$work" "$prefix/bin/hdsctl" demo --pvols 2 --dir "$work/demo"
 fi
 echo "install test: ok"

@@ -12,6 +12,7 @@
 
 #include "hds/cci/CCICommandHandler.h"
 #include "tests/support/FakeTools.h"
+#include "tests/support/SimArray.h"
 
 namespace {
 
@@ -49,31 +50,11 @@ struct Rig : hdstest::HandlerEnv {
   }
 };
 
-std::string expectedHorcmFile(const std::string& own, const std::string& other,
-                              const std::string& deviceGroup, const std::string& devices) {
-  return "#HORCM file create by Tessaly Kestrel. Do not alter the file content or delete the "
-         "file.\n"
-         "HORCM_MON\n"
-         "#ip_address                  service         poll(10ms)     timeout(10ms)\n"
-         "testhost\t\t" +
-         own +
-         "\t1000           3000\n"
-         "\n"
-         "HORCM_CMD\n"
-         "#dev_name               dev_name                dev_name\n"
-         "#\\\\.\\CMD-412345\n" +
-         devices +
-         "\n"
-         "HORCM_LDEVG\n"
-         "#Copy_Group\t\tDevice_Group\t\tserial\n"
-         "CG1  " +
-         deviceGroup +
-         "  412345\n"
-         "\n"
-         "HORCM_INST\n"
-         "#dev_group\t        ip_address    service\n"
-         "CG1  testhost  " +
-         other + "\n\n";
+std::string expectedHorcmFile(int own, int other, const std::string& deviceGroup) {
+  return hdstest::SimArray::raidcomHorcmConf(own) +
+         "HORCM_LDEVG\n#Copy_Group\t\tDevice_Group\t\tserial\nCG1  " + deviceGroup +
+         "  412345\n\nHORCM_INST\n#dev_group\t        ip_address    service\nCG1  testhost  " +
+         std::to_string(other) + "\n\n";
 }
 
 TEST(CciHorcmFiles, WrittenByteForByteAndRemoved) {
@@ -86,10 +67,8 @@ TEST(CciHorcmFiles, WrittenByteForByteAndRemoved) {
     ASSERT_EQ(rig.handler->createHorcmFiles(), 0) << rig.log.dump();
     EXPECT_EQ(rig.handler->getInstance(), "3300");
     EXPECT_EQ(rig.handler->getPeerInstance(), "3301");
-    EXPECT_EQ(readFile(rig.horcmFile(3300)),
-              expectedHorcmFile("3300", "3301", "DG_L", "\\\\.\\CMD-412345:/dev/sdc "));
-    EXPECT_EQ(readFile(rig.horcmFile(3301)),
-              expectedHorcmFile("3301", "3300", "DG_P", "\\\\.\\CMD-412345:/dev/sdc "));
+    EXPECT_EQ(readFile(rig.horcmFile(3300)), expectedHorcmFile(3300, 3301, "DG_L"));
+    EXPECT_EQ(readFile(rig.horcmFile(3301)), expectedHorcmFile(3301, 3300, "DG_P"));
     EXPECT_EQ(rig.handler->readHorcmFile(), 0);
 
     ASSERT_EQ(rig.handler->removeHorcmFiles(), 0);
@@ -207,8 +186,7 @@ TEST(CciPairCommands, CommandLinesAndFailures) {
          std::vector<hdsCopyGroupInfo> pairs;
          return h.pairDisplay(pairs);
        },
-       "pairdisplay   -g CG1 -fc -CLI  -IM3300", "Failed to get pair status of copy group [CG1]."},
-  };
+       "pairdisplay   -g CG1 -fc -CLI  -IM3300", "Failed to get pair status of copy group [CG1]."}};
   expectInChild([&calls] {
     Rig rig;
     for (const char* tool : {"paircreate", "pairresync", "pairsplit", "pairdisplay"}) {

@@ -18,14 +18,12 @@ using nlohmann::json;
 // The default array with copy group CG1 pairing LDEVs 100 and 101 with 110 and 111.
 std::string copyGroupScenario() {
   json scenario = json::parse(hdstest::SimArray::defaultScenario());
-  json& array = scenario["arrays"][0];
-  array["device_groups"] = {
-      {{"name", "DG_P"},
-       {"members", {{{"device", "Pair_1"}, {"ldev", 100}}, {{"device", "Pair_2"}, {"ldev", 101}}}}},
-      {{"name", "DG_S"},
-       {"members",
-        {{{"device", "Pair_1"}, {"ldev", 110}}, {{"device", "Pair_2"}, {"ldev", 111}}}}}};
-  array["copy_groups"] = {{{"name", "CG1"}, {"pvol_group", "DG_P"}, {"svol_group", "DG_S"}}};
+  scenario["arrays"][0].update(json::parse(R"({"device_groups": [
+    {"name": "DG_P", "members": [{"device": "Pair_1", "ldev": 100},
+                                 {"device": "Pair_2", "ldev": 101}]},
+    {"name": "DG_S", "members": [{"device": "Pair_1", "ldev": 110},
+                                 {"device": "Pair_2", "ldev": 111}]}],
+    "copy_groups": [{"name": "CG1", "pvol_group": "DG_P", "svol_group": "DG_S"}]})"));
   return scenario.dump();
 }
 

@@ -143,15 +143,13 @@ TEST(CcisimTwoArrays, InstanceReachesBothArraysAndPairsAcrossThem) {
   SimArray sim(env);
   nlohmann::json s = nlohmann::json::parse(SimArray::defaultScenario());
   nlohmann::json remote = s["arrays"][0];
-  remote["serial"] = "412346";
-  remote["command_devices"] = {{{"ldev", 4095}, {"device", "/dev/sdd"}}};
-  remote["users"] = {{{"name", "remote"}, {"password", "pw"}}};
-  remote["device_groups"] = {
-      {{"name", "DG_S"}, {"members", {{{"device", "Pair_100"}, {"ldev", 100}}}}}};
-  s["arrays"][0]["device_groups"] = {
-      {{"name", "DG_P"}, {"members", {{{"device", "Pair_100"}, {"ldev", 100}}}}}};
-  s["arrays"][0]["copy_groups"] = {
-      {{"name", "TC1"}, {"pvol_group", "DG_P"}, {"svol_group", "DG_S"}, {"mirror", 0}}};
+  remote.update(nlohmann::json::parse(R"({"serial": "412346",
+    "command_devices": [{"ldev": 4095, "device": "/dev/sdd"}],
+    "users": [{"name": "remote", "password": "pw"}],
+    "device_groups": [{"name": "DG_S", "members": [{"device": "Pair_100", "ldev": 100}]}]})"));
+  s["arrays"][0].update(nlohmann::json::parse(R"({
+    "device_groups": [{"name": "DG_P", "members": [{"device": "Pair_100", "ldev": 100}]}],
+    "copy_groups": [{"name": "TC1", "pvol_group": "DG_P", "svol_group": "DG_S", "mirror": 0}]})"));
   s["arrays"].push_back(remote);
   sim.load(s.dump());
   hdstest::writeFile(env.horcmDir() + "horcm3300.conf",

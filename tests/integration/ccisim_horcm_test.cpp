@@ -91,8 +91,7 @@ TEST_F(CcisimHorcmTest, MalformedCommandsGiveTheToolsErrorShapes) {
       "raidscan -x findcmddev a-b",
       "raidqry -q",
       "horcmstart.sh inst",
-      "paircreate -g CG1 -vl -IM3532",
-  };
+      "paircreate -g CG1 -vl -IM3532"};
   for (const std::string& line : lines) {
     ToolResult r = m_oSim.shell(m_oSim.cciDir() + line + SimArray::instanceArgs());
     EXPECT_NE(r.exitCode, 0) << line;

@@ -39,16 +39,11 @@ std::string joined(const std::vector<std::string>& words) {
 // The names listed under "Subcommands:" in a help text.
 std::vector<std::string> subcommandsIn(const std::string& help) {
   std::vector<std::string> names;
-  std::istringstream in(help);
-  std::string line;
   bool inList = false;
-  while (std::getline(in, line)) {
-    if (line == "Subcommands:") {
-      inList = true;
-    } else if (inList && line.rfind("  ", 0) == 0 && line.size() > 2 && line[2] != ' ') {
-      names.push_back(line.substr(2, line.find(' ', 2) - 2));
-    } else if (inList && line.empty()) {
-      inList = false;
+  for (const std::string& line : hdstest::outputLines(help)) {
+    inList = line == "Subcommands:" || (inList && !line.empty());
+    if (inList && line.rfind("  ", 0) == 0 && line[2] != ' ') {
+      names.push_back(hdstest::lineWords(line)[0]);
     }
   }
   return names;
@@ -124,20 +119,13 @@ TEST(HdsctlCli, WrongArgumentsGiveOneLineAndExitTwo) {
   for (const char* name : {"HDSCTL_SERIAL", "HDSCTL_USER", "HDSCTL_PASSWORD", "HDSCTL_CMDDEV"}) {
     env.setEnv(name, nullptr);
   }
-  std::string badJson = env.root() + "/bad.json";
-  std::string unknownKey = env.root() + "/unknown.json";
-  std::string twice = env.root() + "/twice.json";
-  hdstest::writeFile(badJson, "{\"pool\": 0,");
-  hdstest::writeFile(unknownKey, "{\"pool\": 0, \"pvols\": [100], \"pvol\": [101]}");
-  hdstest::writeFile(twice, "{\"pool\": 0, \"pvols\": [100, 100]}");
   // Out of range, each refusal naming the key (or the file).
   const std::map<std::string, std::string> outOfRange = {
       {"wait_seconds", R"({"pool": 0, "pvols": [100], "wait_seconds": 4294967296})"},
       {"svol_first", R"({"pool": 0, "pvols": [100], "svol_first": 999999999999})"},
       {"every P-VOL", R"({"pool": 0, "pvols": [65280]})"},
       {"pool", R"({"pool": -1, "pvols": [100]})"},
-      {"larger than 1 MiB", "{\"pool\": 0, \"pvols\": [100]}" + std::string(1 << 20, ' ')},
-  };
+      {"larger than 1 MiB", "{\"pool\": 0, \"pvols\": [100]}" + std::string(1 << 20, ' ')}};
   std::vector<std::pair<std::string, std::string>> named = {{"/dev/zero", "is not a regular file"},
                                                             {env.root(), "is not a regular file"}};
   for (const auto& c : outOfRange) {
@@ -146,11 +134,15 @@ TEST(HdsctlCli, WrongArgumentsGiveOneLineAndExitTwo) {
     named.emplace_back(file, c.first);
   }
   // Each case as blank-separated arguments (the test's directories hold no blanks); "ldevs"
-  // names no array.
+  // names no array. Job files: missing, not JSON, with an unknown key, with a P-VOL twice.
   const std::string root = env.root();
-  std::vector<std::string> cases = {"job " + root + "/missing.json", "job " + badJson,
-                                    "job " + unknownKey, "job " + twice,
+  std::vector<std::string> cases = {"job " + root + "/missing.json",
                                     "--log " + root + "/no/such/dir/log pools"};
+  for (const char* job : {"{\"pool\": 0,", R"({"pool": 0, "pvols": [100], "pvol": [101]})",
+                          R"({"pool": 0, "pvols": [100, 100]})"}) {
+    cases.push_back("job " + root + "/bad" + std::to_string(cases.size()) + ".json");
+    hdstest::writeFile(cases.back().substr(4), job);
+  }
   for (const char* line :
        {"", "--bogus", "nosuch", "svol", "ldevs --pool x", "ldevs --mapped --unmapped",
         "ldevs --ldev 100 --pool 0", "ldevs", "svol create 300 --pool 0",
@@ -314,12 +306,11 @@ TEST(HdsctlCli, SupportBundleHoldsTheHostStateButNoPassword) {
     all += "== " + file.get<std::string>() + "\n" +
            hdstest::readFile(out + "/" + file.get<std::string>());
   }
-  for (const std::string& part :
-       {std::string("== versions.txt\nhdsctl 1.0.0\nlibrary 1.0.0\n"), std::string("Ver&Rev"),
-        std::string("sVTHDSArrayPassword = ********"), std::string("== horcm/horcm35"),
-        std::string("Serial#"), std::string("sVTHDSRaidcomLockCount_412345"),
-        std::string("held by pid " + std::to_string(getpid())), std::string(" DEBUG HDS   "),
-        std::string("HDSCTL_SERIAL=412345")}) {
+  for (const std::string& part : std::vector<std::string>{
+           "== versions.txt\nhdsctl 1.0.0\nlibrary 1.0.0\n", "Ver&Rev",
+           "sVTHDSArrayPassword = ********", "== horcm/horcm35", "Serial#",
+           "sVTHDSRaidcomLockCount_412345", "held by pid " + std::to_string(getpid()),
+           " DEBUG HDS   ", "HDSCTL_SERIAL=412345"}) {
     EXPECT_NE(all.find(part), std::string::npos) << part << " missing in\n" << all;
   }
   EXPECT_EQ(all.find(SimArray::kPassword), std::string::npos) << all;

@@ -1,5 +1,6 @@
 // hdsctl job and hdsctl demo against ccisim: the whole lifecycle leaves the array as it found
 // it, and so does a job that fails or is interrupted at any step.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -7,7 +8,6 @@
 #include <cctype>
 #include <chrono>
 #include <nlohmann/json.hpp>
-#include <sstream>
 #include <thread>
 
 #include "tests/support/Leftovers.h"
@@ -26,6 +26,9 @@ using hdstest::TestEnv;
 using hdstest::ToolResult;
 using hdstest::ToolRun;
 using nlohmann::json;
+using ::testing::HasSubstr;
+using ::testing::Not;
+using ::testing::StartsWith;
 
 // hdsctl's closing message: from "hdsctl: job" to the end, as the library's error text that it
 // carries may span several lines of the tool's own output.
@@ -46,37 +49,31 @@ TEST(HdsctlDemo, RunsSixteenPairsAndLeavesTheArrayAsItFoundIt) {
   ASSERT_EQ(summary["pairs"].size(), 16u);
   for (const json& pair : summary["pairs"]) EXPECT_EQ(pair["pairStatus"], "PSUS") << pair;
   EXPECT_EQ(summary["pairs"][15]["label"], "KS_SVOL_115_demo");
-  EXPECT_EQ(summary["steps"].size(), 16u);
-  EXPECT_EQ(summary["directory"], dir);
-  EXPECT_NE(r.err.find("[16/16] close session"), std::string::npos) << r.err;
-  EXPECT_NE(r.err.find("the library's log is " + dir + "/hdsctl.log"), std::string::npos);
-  EXPECT_NE(readFile(dir + "/hdsctl.log").find("HDS  "), std::string::npos);
+  EXPECT_THAT(r.err, HasSubstr("[16/16] close session"));
+  EXPECT_THAT(r.err, HasSubstr("the library's log is " + dir + "/hdsctl.log"));
+  EXPECT_THAT(readFile(dir + "/hdsctl.log"), HasSubstr("HDS  "));
 
   // The job's calls are the trace's first ones (the demo then stops its HORCM instances); the
   // summary counts them and adds up their time.
-  const long calls = summary["cciCalls"].get<long>();
-  std::istringstream in(readFile(trace));
+  const size_t calls = summary["cciCalls"].get<size_t>();
+  const std::vector<std::string> lines = hdstest::outputLines(readFile(trace));
   double tracedMs = 0;
-  long lines = 0;
-  for (std::string line; std::getline(in, line); ++lines) {
-    if (lines < calls) tracedMs += json::parse(line)["ms"].get<double>();
-  }
-  EXPECT_GT(calls, 10);
-  EXPECT_LE(calls, lines);
+  for (size_t i = 0; i < calls && i < lines.size(); ++i)
+    tracedMs += json::parse(lines[i])["ms"].get<double>();
+  EXPECT_GT(calls, 10u);
+  EXPECT_LE(calls, lines.size());
   EXPECT_NEAR(summary["toolSeconds"].get<double>(), tracedMs / 1000, 0.01);
   EXPECT_NEAR(summary["toolSeconds"].get<double>() + summary["outsideSeconds"].get<double>(),
               summary["seconds"].get<double>(), 1e-6);
   EXPECT_GT(summary["outsideSeconds"].get<double>(), 0);
 
   env.setEnv("CCISIM_STATE", (dir + "/ccisim.db").c_str());
-  ToolResult after = runTool({SimArray::ccisimPath(), "dump", "--json"});
-  ASSERT_EQ(after.exitCode, 0) << after.err;
-  EXPECT_EQ(json::parse(after.out)["arrays"],
+  EXPECT_EQ(json::parse(runTool({SimArray::ccisimPath(), "dump", "--json"}).out)["arrays"],
             json::parse(readFile(dir + "/array-before.json"))["arrays"]);
   // No session, instance or command status of the job is left on the simulator either.
-  std::string dump = runTool({SimArray::ccisimPath(), "dump"}).out;
+  const std::string dump = runTool({SimArray::ccisimPath(), "dump"}).out;
   for (const char* kind : {"\nsession ", "\ninstance ", "\ncommand_status "}) {
-    EXPECT_EQ(dump.find(kind), std::string::npos) << kind << " left in:\n" << dump;
+    EXPECT_THAT(dump, Not(HasSubstr(kind)));
   }
 }
 
@@ -96,12 +93,7 @@ class HdsctlJob : public ::testing::Test {
                                        "wwns": ["10000090fa1b2c4d"]}})");
   }
 
-  static SimFault slow(const std::string& match) {
-    SimFault f;
-    f.match = match;
-    f.delayMs = 1500;
-    return f;
-  }
+  static SimFault slow(const std::string& match) { return hdstest::delayed(match, 1500); }
 
   // Until the job has started a call whose first words are these.
   void waitForCall(const std::string& words) {
@@ -117,14 +109,19 @@ class HdsctlJob : public ::testing::Test {
 
   int loginCount() const { return hdstest::loginCount(env); }
 
-  // Matching calls succeed with this text for output, every time.
-  void answerGarbage(const std::string& match, const std::string& text) {
-    SimFault f;
-    f.match = match;
-    f.exitCode = 0;
-    f.out = text;
-    f.times = -1;
-    sim.addFault(f);
+  // The array as before the job, no session counted and no journal left.
+  void expectClean() {
+    EXPECT_EQ(arrayState(sim), before);
+    EXPECT_EQ(loginCount(), 0);
+    EXPECT_FALSE(hdstest::pathExists(env.tempDir() + "/jobs/t.journal"));
+  }
+
+  // hdsctl recover, which must succeed.
+  void recover(const std::vector<std::string>& names = {}) {
+    std::vector<std::string> argv = {hdsctlPath(), "recover"};
+    argv.insert(argv.end(), names.begin(), names.end());
+    ToolResult r = runTool(argv);
+    EXPECT_EQ(r.exitCode, 0) << r.out << r.err;
   }
 
   void fault(const std::string& match, int times) {
@@ -189,12 +186,10 @@ TEST_P(HdsctlJobFailure, LeavesTheArrayAsBefore) {
   fault(c.match, c.times);
   ToolResult r = runTool({hdsctlPath(), "job", jobFile});
   EXPECT_EQ(r.exitCode, 1);
-  EXPECT_EQ(failureMessage(r.err).rfind(
-                std::string("hdsctl: job t failed at step '") + c.step + "': ", 0),
-            0u)
-      << r.err;
-  EXPECT_NE(r.out.find(std::string("] ") + c.step + ": FAILED"), std::string::npos) << r.out;
-  EXPECT_EQ(r.out.find("not removed"), std::string::npos) << r.out;
+  EXPECT_THAT(failureMessage(r.err),
+              StartsWith(std::string("hdsctl: job t failed at step '") + c.step + "': "));
+  EXPECT_THAT(r.out, HasSubstr(std::string("] ") + c.step + ": FAILED"));
+  EXPECT_THAT(r.out, Not(HasSubstr("not removed")));
   EXPECT_EQ(arrayState(sim), before);
   EXPECT_FALSE(hdstest::pathExists(env.tempDir() + "/jobs")) << "the journal of a clean end";
 }
@@ -246,11 +241,9 @@ TEST_F(HdsctlJob, AnLdevNotReadAmongOthersIsReadAgain) {
   fault("get ldev -ldev_id 101 ", 2);
   r = runTool({hdsctlPath(), "job", jobFile});
   EXPECT_EQ(r.exitCode, 1);
-  EXPECT_NE(
-      failureMessage(r.err).find("failed at step 'read P-VOLs': cannot read LDEV 101: Command"),
-      std::string::npos)
-      << r.err;
-  EXPECT_NE(failureMessage(r.err).find("(error 62601)"), std::string::npos) << r.err;
+  EXPECT_THAT(failureMessage(r.err),
+              HasSubstr("failed at step 'read P-VOLs': cannot read LDEV 101: Command"));
+  EXPECT_THAT(failureMessage(r.err), HasSubstr("(error 62601)"));
 }
 
 // An S-VOL number defined by another between the job's choice and its creation is rejected by the
@@ -289,22 +282,18 @@ TEST_F(HdsctlJob, WhatCannotBeCleanedUpIsLeftForRecover) {
   fault("delete ldev -ldev_id 2002", -1);
   ToolResult r = runTool({hdsctlPath(), "job", jobFile});
   EXPECT_EQ(r.exitCode, 1);
-  EXPECT_NE(r.out.find("left on array 412345: S-VOL 2002 (left for `hdsctl recover`)"),
-            std::string::npos)
-      << r.out;
-  EXPECT_NE(failureMessage(r.err).find("failed at step 'delete S-VOLs'"), std::string::npos)
-      << r.err;
+  EXPECT_THAT(r.out, HasSubstr("left on array 412345: S-VOL 2002 (left for `hdsctl recover`)"));
+  EXPECT_THAT(failureMessage(r.err), HasSubstr("failed at step 'delete S-VOLs'"));
   EXPECT_TRUE(hdstest::pathExists(env.tempDir() + "/jobs/t.journal"));
   r = runTool({hdsctlPath(), "recover", "t"});
   EXPECT_EQ(r.exitCode, 1) << r.out;
-  EXPECT_NE(r.out.find("not removed: S-VOL 2002"), std::string::npos) << r.out;
+  EXPECT_THAT(r.out, HasSubstr("not removed: S-VOL 2002"));
 
   sim.admin({"fault", "clear"});
   r = runTool({hdsctlPath(), "recover"});
   EXPECT_EQ(r.exitCode, 0) << r.out << r.err;
-  EXPECT_NE(r.out.find("removed: S-VOL 2002"), std::string::npos) << r.out;
-  EXPECT_EQ(arrayState(sim), before);
-  EXPECT_FALSE(hdstest::pathExists(env.tempDir() + "/jobs/t.journal"));
+  EXPECT_THAT(r.out, HasSubstr("removed: S-VOL 2002"));
+  expectClean();
 }
 
 // SIGINT, SIGTERM and SIGHUP (a dropped session), however often they come, end the job at the
@@ -322,15 +311,12 @@ TEST_F(HdsctlJob, SignalsEndTheJobAtTheNextStepAndCleanUp) {
     json summary = json::parse(r.out);
     EXPECT_EQ(summary["error"], "interrupted by a signal");
     EXPECT_EQ(summary["failedStep"], "snapshot create");
-    EXPECT_EQ(arrayState(sim), before);
-    EXPECT_FALSE(hdstest::pathExists(env.tempDir() + "/jobs/t.journal"));
+    expectClean();
   }
   // A reader that goes away ends nothing: the job runs to its end.
-  ToolResult r = runTool({"/bin/sh", "-c", hdsctlPath() + " job " + jobFile + " | head -1"});
-  EXPECT_EQ(r.exitCode, 0);
-  EXPECT_EQ(arrayState(sim), before);
-  EXPECT_FALSE(hdstest::pathExists(env.tempDir() + "/jobs/t.journal"));
-  EXPECT_EQ(loginCount(), 0);
+  EXPECT_EQ(runTool({"/bin/sh", "-c", hdsctlPath() + " job " + jobFile + " | head -1"}).exitCode,
+            0);
+  expectClean();
 }
 
 // A job killed outright inside any step: hdsctl recover leaves the array exactly as before the
@@ -349,11 +335,9 @@ TEST_F(HdsctlJob, KilledInAnyStepIsRecovered) {
     waitForTools();
     ToolResult r = runTool({hdsctlPath(), "recover"});
     EXPECT_EQ(r.exitCode, 0) << r.out << r.err;
-    EXPECT_NE(r.out.find("given back: the session of the dead job"), std::string::npos) << r.out;
-    EXPECT_EQ(arrayState(sim), before);
-    EXPECT_EQ(loginCount(), 0);
-    EXPECT_EQ(sim.dump().find("\nsession "), std::string::npos);
-    EXPECT_FALSE(hdstest::pathExists(env.tempDir() + "/jobs/t.journal"));
+    EXPECT_THAT(r.out, HasSubstr("given back: the session of the dead job"));
+    EXPECT_THAT(sim.dump(), Not(HasSubstr("\nsession ")));
+    expectClean();
   }
 }
 
@@ -365,20 +349,18 @@ TEST_F(HdsctlJob, TwinsDoNotShareTheirObjects) {
   waitForCall("add snapshot");
   ToolResult twin = runTool({hdsctlPath(), "job", jobFile});
   EXPECT_EQ(twin.exitCode, 1);
-  EXPECT_NE(twin.err.find("hdsctl: job t is already running on this host"), std::string::npos)
-      << twin.err;
+  EXPECT_THAT(twin.err, HasSubstr("hdsctl: job t is already running on this host"));
   ToolResult recover = runTool({hdsctlPath(), "recover", "t"});
   EXPECT_EQ(recover.exitCode, 1);
-  EXPECT_NE(recover.err.find("job t is running"), std::string::npos) << recover.err;
+  EXPECT_THAT(recover.err, HasSubstr("job t is running"));
 
   kill(first.pid(), SIGKILL);
   first.finish();
   waitForTools();
   twin = runTool({hdsctlPath(), "job", jobFile});
   EXPECT_EQ(twin.exitCode, 0) << twin.out << twin.err;
-  EXPECT_NE(twin.out.find("recovering it first"), std::string::npos) << twin.out;
-  EXPECT_EQ(arrayState(sim), before);
-  EXPECT_EQ(loginCount(), 0);
+  EXPECT_THAT(twin.out, HasSubstr("recovering it first"));
+  expectClean();
 }
 
 // A listing that keeps answering garbage proves nothing, be it rows that are not pairs or one
@@ -389,25 +371,21 @@ TEST_F(HdsctlJob, GarbageListingsRemoveNothingUnverified) {
                            "more garbage line with many words and not one number in it\n",
                            "garbage\n"}) {
     SCOPED_TRACE(text);
-    answerGarbage("get snapshot -[ls]", text);  // past the check that the group's name is free
+    sim.addFault(hdstest::answering("get snapshot -[ls]",
+                                    text));  // past the check that the group's name is free
     ToolResult r = runTool({hdsctlPath(), "job", jobFile, "--json"});
     EXPECT_EQ(r.exitCode, 1);
     json summary = json::parse(r.out);
     EXPECT_EQ(summary["failedStep"], "snapshot create");
-    for (const json& removed : summary["removed"]) {
-      EXPECT_EQ(removed.get<std::string>().find("snapshot"), std::string::npos) << removed;
-    }
-    EXPECT_NE(summary["leftOnArray"].dump().find("snapshot pairs of KS_SNAP_t (S-VOLs 2000, "
-                                                 "2001, 2002) (left for `hdsctl recover`)"),
-              std::string::npos)
-        << summary["leftOnArray"];
+    EXPECT_THAT(summary["removed"].dump(), Not(HasSubstr("snapshot")));
+    EXPECT_THAT(summary["leftOnArray"].dump(),
+                HasSubstr("snapshot pairs of KS_SNAP_t (S-VOLs 2000, 2001, 2002) (left for "
+                          "`hdsctl recover`)"));
     EXPECT_TRUE(summary["leftForRecover"].get<bool>());
 
     sim.admin({"fault", "clear"});
-    r = runTool({hdsctlPath(), "recover", "t"});
-    EXPECT_EQ(r.exitCode, 0) << r.out << r.err;
-    EXPECT_EQ(arrayState(sim), before);
-    EXPECT_EQ(loginCount(), 0);
+    recover({"t"});
+    expectClean();
   }
 
   // The list of device groups answers one line of garbage once the job has read it for its
@@ -417,19 +395,16 @@ TEST_F(HdsctlJob, GarbageListingsRemoveNothingUnverified) {
   fault("add snapshot", -1);
   ToolRun job({hdsctlPath(), "job", jobFile, "--json"});
   waitForCall("add ldev");
-  answerGarbage("^get device_grp -I", "garbage\n");
+  sim.addFault(hdstest::answering("^get device_grp -I", "garbage\n"));
   ToolResult r = job.finish();
   EXPECT_EQ(r.exitCode, 1);
   json summary = json::parse(r.out);
   EXPECT_EQ(summary["failedStep"], "snapshot group add");
-  EXPECT_EQ(summary["removed"].dump().find("device groups"), std::string::npos)
-      << summary["removed"];
-  EXPECT_NE(summary["leftOnArray"].dump().find("device groups"), std::string::npos)
-      << summary["leftOnArray"];
+  EXPECT_THAT(summary["removed"].dump(), Not(HasSubstr("device groups")));
+  EXPECT_THAT(summary["leftOnArray"].dump(), HasSubstr("device groups"));
   sim.admin({"fault", "clear"});
-  r = runTool({hdsctlPath(), "recover", "t"});
-  EXPECT_EQ(r.exitCode, 0) << r.out << r.err;
-  EXPECT_EQ(arrayState(sim), before);
+  recover({"t"});
+  expectClean();
 }
 
 // An array that stops answering: the clean-up stops at its first call that meets the command
@@ -442,29 +417,22 @@ TEST_F(HdsctlJob, DeadArrayEndsTheJobWithinTheCleanUpDeadline) {
   sim.addFault(slow("add snapshot"));
   ToolRun job({hdsctlPath(), "job", jobFile, "--json"});
   waitForCall("add snapshot");
-  SimFault dead;
-  dead.tool = "*";
-  dead.delayMs = 120 * 1000;
-  dead.times = -1;
-  sim.addFault(dead);
+  sim.addFault(hdstest::delayed("", 120 * 1000, -1, "*"));
   const auto start = std::chrono::steady_clock::now();
   ToolResult r = job.finish();
   const double seconds =
       std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   EXPECT_EQ(r.exitCode, 1) << r.err;
   EXPECT_LT(seconds, 3 * 30) << "a time-out for the step and one for the clean-up";
-  EXPECT_NE(r.err.find("clean-up stopped: the array did not answer in time"), std::string::npos)
-      << r.err;
+  EXPECT_THAT(r.err, HasSubstr("clean-up stopped: the array did not answer in time"));
   json summary = json::parse(r.out);
   EXPECT_TRUE(summary["leftForRecover"].get<bool>());
   EXPECT_EQ(summary["removed"], json::array());
 
   sim.admin({"fault", "clear"});
   waitForTools();
-  r = runTool({hdsctlPath(), "recover"});
-  EXPECT_EQ(r.exitCode, 0) << r.out << r.err;
-  EXPECT_EQ(arrayState(sim), before);
-  EXPECT_EQ(loginCount(), 0);
+  recover();
+  expectClean();
 }
 
 // The journal: a torn last line is the write its runner died in; any other unreadable line is
@@ -481,7 +449,7 @@ TEST_F(HdsctlJob, JournalTornAndUnreadable) {
                                   R"({"do": "svol", "id": 2, "ldev": "20)");
   ToolResult r = runTool({hdsctlPath(), "recover", "t"});
   EXPECT_EQ(r.exitCode, 0) << r.out << r.err;
-  EXPECT_NE(r.out.find("counted in an earlier boot"), std::string::npos) << r.out;
+  EXPECT_THAT(r.out, HasSubstr("counted in an earlier boot"));
   EXPECT_EQ(loginCount(), 0);
   EXPECT_FALSE(hdstest::pathExists(journal));
 
@@ -489,8 +457,7 @@ TEST_F(HdsctlJob, JournalTornAndUnreadable) {
   hdstest::writeFile(journal, header + "garbage\n{\"undone\": 1}\n");
   r = runTool({hdsctlPath(), "recover", "t"});
   EXPECT_EQ(r.exitCode, 1);
-  EXPECT_NE(r.err.find("the job journal " + journal + " cannot be read: line 2"), std::string::npos)
-      << r.err;
+  EXPECT_THAT(r.err, HasSubstr("the job journal " + journal + " cannot be read: line 2"));
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 // hdsctl where an operator's slip would cost data or a running job: which array and options it
 // acts on, what it agrees to remove, and when it gives the resource group lock back.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -15,6 +16,9 @@
 
 namespace {
 
+using ::testing::HasSubstr;
+using ::testing::Not;
+
 using hdstest::arrayState;
 using hdstest::hdsctlPath;
 using hdstest::SimArray;
@@ -27,6 +31,11 @@ using nlohmann::json;
 ToolResult hdsctl(const std::vector<std::string>& args) { return hdstest::runHdsctl(args); }
 
 std::string text(const ToolResult& r) { return r.out + r.err; }
+
+void expectDone(const std::vector<std::string>& args) {
+  ToolResult r = hdsctl(args);
+  EXPECT_EQ(r.exitCode, 0) << text(r);
+}
 
 // A second array, 499999, reached through /dev/sdd, whose LDEVs are named far_<id>.
 void addSecondArray(const SimArray& sim) {
@@ -49,8 +58,8 @@ TEST(HdsctlSafety, CommandLineBeatsEachVariableAndNoChildSeesThePassword) {
   SimArray sim(env);
   addSecondArray(sim);
   useSimArray(env, sim);
-  EXPECT_NE(hdsctl({"--help"}).out.find("an option on the command line beats its variable"),
-            std::string::npos);
+  EXPECT_THAT(hdsctl({"--help"}).out,
+              HasSubstr("an option on the command line beats its variable"));
 
   // The variables name 412345; the command line names 499999, and wins.
   ASSERT_EQ(hdsctl({"pools"}).exitCode, 0);
@@ -72,7 +81,7 @@ TEST(HdsctlSafety, CommandLineBeatsEachVariableAndNoChildSeesThePassword) {
                          "array": {"serial": "499999", "command_devices": ["/dev/sdd"]}})");
   r = hdsctl({"job", job});
   EXPECT_EQ(r.exitCode, 0) << text(r);
-  EXPECT_NE(r.out.find("every object the job made on array 499999"), std::string::npos) << r.out;
+  EXPECT_THAT(r.out, HasSubstr("every object the job made on array 499999"));
 
   // Each variable set wrong breaks the command, and the option set right mends it.
   struct Case {
@@ -86,8 +95,7 @@ TEST(HdsctlSafety, CommandLineBeatsEachVariableAndNoChildSeesThePassword) {
       {"HDSCTL_PASSWORD", "wrong", {"--password", "admin123"}},
       {"HDSCTL_HORCM_INSTANCE", "x1", {"--horcm-instance", instanceNumber(nearInstance)}},
       {"HDSCTL_RESOURCE_GROUP", "no_such_group", {"--resource-group", "meta_resource"}},
-      {"HDSCTL_CCI_DIR", "/nonexistent/cci", {"--cci-dir", sim.cciDir()}},
-  };
+      {"HDSCTL_CCI_DIR", "/nonexistent/cci", {"--cci-dir", sim.cciDir()}}};
   env.writeSettings("");  // the CCI directory comes from the options alone
   env.setEnv("HDSCTL_CCI_DIR", sim.cciDir().c_str());
   for (const Case& c : cases) {
@@ -112,9 +120,9 @@ TEST(HdsctlSafety, CommandLineBeatsEachVariableAndNoChildSeesThePassword) {
                      "#!/bin/sh\nenv >> " + dump + "\nexec " + realDir + "raidcom \"$@\"\n", 0755);
   ASSERT_EQ(hdsctl({"pools"}).exitCode, 0);
   std::string seen = hdstest::readFile(dump);
-  EXPECT_NE(seen.find("HDSCTL_SERIAL=412345"), std::string::npos) << seen;
-  EXPECT_EQ(seen.find("HDSCTL_PASSWORD"), std::string::npos);
-  EXPECT_EQ(seen.find(SimArray::kPassword), std::string::npos);
+  EXPECT_THAT(seen, HasSubstr("HDSCTL_SERIAL=412345"));
+  EXPECT_THAT(seen, Not(HasSubstr("HDSCTL_PASSWORD")));
+  EXPECT_THAT(seen, Not(HasSubstr(SimArray::kPassword)));
 }
 
 TEST(HdsctlSafety, DestructiveCommandsActOnlyOnSvolsUnlessForced) {
@@ -125,12 +133,8 @@ TEST(HdsctlSafety, DestructiveCommandsActOnlyOnSvolsUnlessForced) {
 
   // A data volume, a P-VOL's pairs and the command device's path are refused; a list with one
   // refused LDEV deletes none.
-  ASSERT_EQ(
-      hdsctl({"svol", "create", "300", "--pool", "0", "--like", "100", "--label", "KS_SVOL_100_t"})
-          .exitCode,
-      0);
-  ASSERT_EQ(hdsctl({"snapshot", "add", "KS_SNAP_t", "--pool", "0", "--pair", "100:300"}).exitCode,
-            0);
+  expectDone({"svol", "create", "300", "--pool", "0", "--like", "100", "--label", "KS_SVOL_100_t"});
+  expectDone({"snapshot", "add", "KS_SNAP_t", "--pool", "0", "--pair", "100:300"});
   std::string made = arrayState(sim);
   struct Refusal {
     std::vector<std::string> args;
@@ -140,27 +144,23 @@ TEST(HdsctlSafety, DestructiveCommandsActOnlyOnSvolsUnlessForced) {
       {{"svol", "delete", "300", "110"}, "LDEV 110 (label data_110, no snapshot pairs"},
       {{"snapshot", "delete", "100"}, "P-VOL in KS_SNAP_t with S-VOL 300"},
       {{"unmap", "--port", "CL1-A", "--host-group", "1", "--ldev", "4095"}, "LU paths CL1-A-1-0"},
-      {{"svol", "delete", "301"}, "LDEV 301 (not defined"},
-  };
+      {{"svol", "delete", "301"}, "LDEV 301 (not defined"}};
   for (const Refusal& c : refusals) {
     ToolResult r = hdsctl(c.args);
     EXPECT_EQ(r.exitCode, 1) << c.args[1] << ": " << text(r);
-    EXPECT_NE(r.err.find(c.says), std::string::npos) << r.err;
-    EXPECT_NE(r.err.find("--force"), std::string::npos) << r.err;
+    EXPECT_THAT(r.err, HasSubstr(c.says));
+    EXPECT_THAT(r.err, HasSubstr("--force"));
   }
   EXPECT_EQ(arrayState(sim), made);
 
   // What the job side makes goes without --force: the pairs by their S-VOL, the S-VOL by label.
-  for (const std::vector<std::string>& args :
-       {std::vector<std::string>{"snapshot", "delete", "300"}, {"svol", "delete", "300"}}) {
-    ToolResult r = hdsctl(args);
-    EXPECT_EQ(r.exitCode, 0) << text(r);
-  }
+  expectDone({"snapshot", "delete", "300"});
+  expectDone({"svol", "delete", "300"});
   EXPECT_EQ(arrayState(sim), before);
 
   ToolResult r = hdsctl({"svol", "delete", "115", "--force"});
   EXPECT_EQ(r.exitCode, 0) << text(r);
-  EXPECT_NE(r.err.find("--force: LDEV 115 (label data_115"), std::string::npos) << r.err;
+  EXPECT_THAT(r.err, HasSubstr("--force: LDEV 115 (label data_115"));
   EXPECT_NE(arrayState(sim), before);
 }
 
@@ -183,12 +183,10 @@ TEST(HdsctlSafety, TheLockStaysWithTheSessionsThatUseIt) {
   ASSERT_EQ(resourceGroup()["status"], "Locked");
   ToolResult r = hdsctl({"unlock"});
   EXPECT_EQ(r.exitCode, 1);
-  EXPECT_NE(r.err.find("1 other session(s) of this host use array 412345 (login count 2)"),
-            std::string::npos)
-      << r.err;
+  EXPECT_THAT(r.err, HasSubstr("1 other session(s) of this host use array 412345 (login count 2)"));
   r = hdsctl({"lock", "--hold", "0"});
   EXPECT_EQ(r.exitCode, 0) << r.err;
-  EXPECT_NE(r.out.find("left resource group meta_resource locked"), std::string::npos) << r.out;
+  EXPECT_THAT(r.out, HasSubstr("left resource group meta_resource locked"));
   EXPECT_EQ(resourceGroup()["status"], "Locked");
   // The holder is the last session: it releases the lock.
   kill(holder.pid(), SIGINT);
@@ -201,8 +199,7 @@ TEST(HdsctlSafety, TheLockStaysWithTheSessionsThatUseIt) {
   sim.lockResourceGroup("meta_resource", "maint", "Storage Navigator");
   r = hdsctl({"unlock"});
   EXPECT_EQ(r.exitCode, 1);
-  EXPECT_NE(r.err.find("user maint from host Storage Navigator holds it"), std::string::npos)
-      << r.err;
+  EXPECT_THAT(r.err, HasSubstr("user maint from host Storage Navigator holds it"));
   env.setEnv("CCISIM_HOSTNAME", "backuphost");
   sim.lockResourceGroup("meta_resource", "admin", "backuphost");
   env.writeSettings("[iHarbor]\nsVTHDSHorcmDirectory = " + sim.cciDir() +
@@ -223,19 +220,14 @@ TEST(HdsctlSafety, FailuresNameTheirCause) {
   EXPECT_EQ(r.exitCode, 1);
   EXPECT_EQ(r.err,
             "hdsctl: array 412345 has no resource group meta_resourse; it has meta_resource\n");
-  EXPECT_NE(hdstest::readFile(env.settingsFile()).find("sVTHDSRaidcomLockCount_412345=0"),
-            std::string::npos);
+  EXPECT_THAT(hdstest::readFile(env.settingsFile()), HasSubstr("sVTHDSRaidcomLockCount_412345=0"));
 
   // The library fails on an empty raidqry answer without an error text of its own.
-  hdstest::SimFault empty;
-  empty.tool = "raidqry";
-  empty.match = "-l";
-  empty.exitCode = 0;
-  sim.addFault(empty);
+  sim.addFault(hdstest::answering("-l", "", 1, "raidqry"));
   r = hdsctl({"lock", "--hold", "0"});
   EXPECT_EQ(r.exitCode, 1);
-  EXPECT_EQ(r.err.find("error 0"), std::string::npos) << r.err;
-  EXPECT_NE(r.err.find("cannot lock resource group meta_resource: "), std::string::npos) << r.err;
+  EXPECT_THAT(r.err, Not(HasSubstr("error 0")));
+  EXPECT_THAT(r.err, HasSubstr("cannot lock resource group meta_resource: "));
 }
 
 }  // namespace

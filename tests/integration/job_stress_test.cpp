@@ -3,6 +3,7 @@
 // each must succeed or end with the step and error that stopped it, and in the end the array is
 // as it was, no session or process is left and the login count is back at 0. And a job killed
 // outright holds up no job after it.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 
@@ -16,6 +17,9 @@
 #include "tests/support/ToolRun.h"
 
 namespace {
+
+using ::testing::HasSubstr;
+using ::testing::Not;
 
 using hdstest::ToolResult;
 using hdstest::ToolRun;
@@ -41,6 +45,11 @@ class JobStress : public ::testing::Test {
     hdstest::writeFile(file, job.dump());
     return file;
   }
+  // hdsctl's command line for a job of one pair.
+  std::vector<std::string> onePair(const std::string& name, int pvol, int svol) {
+    return {hdstest::hdsctlPath(), "job",
+            jobFile(name, {{"name", name}, {"pool", 0}, {"pvols", {pvol}}, {"svols", {svol}}})};
+  }
 
   // Starts every job at once; how many succeeded. A failure must name the job, its step and the
   // library's error, with nothing that its clean-up could not give back.
@@ -61,11 +70,9 @@ class JobStress : public ::testing::Test {
         continue;
       }
       EXPECT_EQ(r.exitCode, 1) << r.err;
-      EXPECT_NE(r.err.find("hdsctl: job s" + std::to_string(i) + " failed at step '"),
-                std::string::npos)
-          << r.err;
-      EXPECT_NE(r.err.find("(error 626"), std::string::npos) << r.err;
-      EXPECT_EQ(r.out.find("not removed"), std::string::npos) << r.out;
+      EXPECT_THAT(r.err, HasSubstr("hdsctl: job s" + std::to_string(i) + " failed at step '"));
+      EXPECT_THAT(r.err, HasSubstr("(error 626"));
+      EXPECT_THAT(r.out, Not(HasSubstr("not removed")));
     }
     return succeeded;
   }
@@ -73,13 +80,8 @@ class JobStress : public ::testing::Test {
   // Runs a job on P-VOL 100 and kills it outright inside its first LDEV creation, which the
   // array makes last delayMs.
   void killJobInItsFirstLdevCreation(int delayMs) {
-    hdstest::SimFault slow;
-    slow.match = "add ldev";
-    slow.delayMs = delayMs;
-    sim.addFault(slow);
-    ToolRun killed(
-        {hdstest::hdsctlPath(), "job",
-         jobFile("k", {{"name", "k"}, {"pool", 0}, {"pvols", {100}}, {"svols", {2000}}})});
+    sim.addFault(hdstest::delayed("add ldev", delayMs));
+    ToolRun killed(onePair("k", 100, 2000));
     hdstest::waitUntil([this] { return hdstest::hasCalled(sim, "add ldev"); });
     kill(killed.pid(), SIGKILL);
     EXPECT_EQ(killed.finish().exitCode, 128 + SIGKILL);
@@ -143,9 +145,7 @@ TEST_F(JobStress, KilledJobHoldsUpNoJobAfterIt) {
   killJobInItsFirstLdevCreation(3000);
 
   const Clock::time_point start = Clock::now();
-  ToolResult next = hdstest::runTool(
-      {hdstest::hdsctlPath(), "job",
-       jobFile("n", {{"name", "n"}, {"pool", 0}, {"pvols", {101}}, {"svols", {2001}}})});
+  ToolResult next = hdstest::runTool(onePair("n", 101, 2001));
   const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
   EXPECT_EQ(next.exitCode, 0) << next.out << next.err;
   // Waiting out a lock would take its five-second rounds.
@@ -159,9 +159,7 @@ TEST_F(JobStress, KilledJobHoldsUpNoJobAfterIt) {
     return hdstest::processesWithEnvironment("CCISIM_STATE=" + env.simState()).empty();
   });
   sim.expireSessions();
-  ToolResult after = hdstest::runTool(
-      {hdstest::hdsctlPath(), "job",
-       jobFile("a", {{"name", "a"}, {"pool", 0}, {"pvols", {102}}, {"svols", {2002}}})});
+  ToolResult after = hdstest::runTool(onePair("a", 102, 2002));
   EXPECT_EQ(after.exitCode, 0) << after.out << after.err;
   EXPECT_EQ(loginCount(), 0);
   EXPECT_FALSE(sessionOpen()) << "a session is open";
@@ -170,16 +168,12 @@ TEST_F(JobStress, KilledJobHoldsUpNoJobAfterIt) {
   // session gives back what the job made, but not a session the count no longer holds, which
   // would count off (and log out) the live one.
   sim.admin({"journal", "--clear"});
-  hdstest::SimFault slow;
-  slow.match = "get ldev";
-  slow.delayMs = 3000;
-  sim.addFault(slow);
+  sim.addFault(hdstest::delayed("get ldev", 3000));
   ToolRun live({hdstest::hdsctlPath(), "ldevs"});
   hdstest::waitUntil([this] { return hdstest::hasCalled(sim, "get ldev"); });
   ToolResult recover = hdstest::runTool({hdstest::hdsctlPath(), "recover", "k"});
   EXPECT_EQ(recover.exitCode, 0) << recover.out << recover.err;
-  EXPECT_NE(recover.out.find("the login count started anew without it"), std::string::npos)
-      << recover.out;
+  EXPECT_THAT(recover.out, HasSubstr("the login count started anew without it"));
   EXPECT_EQ(loginCount(), 1) << "the live session's";
   EXPECT_EQ(live.finish().exitCode, 0);
   EXPECT_EQ(loginCount(), 0);
@@ -203,14 +197,12 @@ TEST_F(JobStress, KilledJobThenARebootLocksNoJobOut) {
   for (int i = 1; i <= 3; ++i) {
     const std::string name = "r" + std::to_string(i);
     const std::string log = env.root() + "/" + name + ".log";
-    ToolResult r = hdstest::runTool(
-        {hdstest::hdsctlPath(), "--log", log, "job",
-         jobFile(name,
-                 {{"name", name}, {"pool", 0}, {"pvols", {100 + i}}, {"svols", {2000 + i}}})});
+    std::vector<std::string> argv = onePair(name, 100 + i, 2000 + i);
+    argv.insert(argv.begin() + 1, {"--log", log});
+    ToolResult r = hdstest::runTool(argv);
     EXPECT_EQ(r.exitCode, 0) << r.out << r.err;
-    EXPECT_EQ(hdstest::readFile(log).find(
-                  "Login count [1] of array [412345] was kept before the host last started.") !=
-                  std::string::npos,
+    EXPECT_EQ(hdstest::readFile(log).find("Login count [1] of array [412345] was kept before "
+                                          "the host last started.") != std::string::npos,
               i == 1);
   }
   EXPECT_EQ(loginCount(), 0);

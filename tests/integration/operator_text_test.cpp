@@ -51,8 +51,7 @@ const std::vector<Field> kFields = {
     {"instance", [](HDSCLIInitParam& p, const std::string& v) { p.horcmInstance = "3532" + v; },
      "Invalid HORCM instance.", true},
     {"command device", [](HDSCLIInitParam& p, const std::string& v) { p.commandDevices = {v}; },
-     "Invalid command device name.", false},
-};
+     "Invalid command device name.", false}};
 
 class OperatorText : public ::testing::Test {
  protected:
@@ -87,11 +86,7 @@ TEST_F(OperatorText, AttacksThroughEveryFieldRunNothingAndCountNoLogin) {
         }
         // A command device is otherwise only written into the HORCM file, where the simulator
         // takes any name.
-        for (const auto& line : log.lines()) {
-          if (field.name == std::string("password")) {
-            EXPECT_EQ(line.text.find(attack), std::string::npos);
-          }
-        }
+        if (field.name == std::string("password")) EXPECT_EQ(log.count(attack), 0u) << "logged";
       });
       ASSERT_FALSE(pathExists(marker)) << field.name << " " << attack;
       for (const std::string& name : hdstest::filesIn(env.horcmDir())) {
@@ -119,9 +114,7 @@ TEST_F(OperatorText, PolicyPasswordsLogInAndStayOutOfTheLog) {
       ASSERT_EQ(handler.errorCode(), 0) << kPolicyPasswords[i] << ": " << handler.errorText();
       EXPECT_TRUE(handler.loggedIn());
       EXPECT_TRUE(log.contains("raidcom  -login ] succeeded with exitCode [0]", 0));
-      for (const auto& line : log.lines()) {
-        EXPECT_EQ(line.text.find(kPolicyPasswords[i]), std::string::npos) << line.text;
-      }
+      EXPECT_EQ(log.count(kPolicyPasswords[i]), 0u) << log.dump();
     });
   }
   EXPECT_EQ(hdstest::loginCount(env), 0);

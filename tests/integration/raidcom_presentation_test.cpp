@@ -1,6 +1,7 @@
 // Ports, host groups, LU paths, resource groups, copy groups and pair information through a
 // raidcom handler against ccisim. Every scenario runs in a child process, because handlers keep
 // per-process caches.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -18,11 +19,13 @@
 
 namespace {
 
+using ::testing::HasSubstr;
+using ::testing::Not;
+
 using hdstest::arrayState;
 using hdstest::expectInChild;
 using hdstest::failing;
 using hdstest::SimArray;
-using hdstest::SimFault;
 using nlohmann::json;
 
 // The default array, plus: CL1-A listed once per attribute; a virtual storage machine "backup
@@ -37,28 +40,24 @@ std::string scenario() {
       {{"id", 3}, {"name", "backup rsg"}, {"virtual_serial", "512345"}, {"virtual_type", "R9"}});
   a["ldevs"].push_back(
       {{"id", 120}, {"capacity", 2097152}, {"pool", 0}, {"rsgid", 3}, {"virtual_id", 2120}});
-  auto members = [](int first, int second) {
-    return json::array({{{"device", "d" + std::to_string(first)}, {"ldev", first}},
-                        {{"device", "d" + std::to_string(second)}, {"ldev", second}}});
-  };
-  a["device_groups"] = {{{"name", "KS_DEV_S_1"}, {"members", members(104, 105)}},
-                        {{"name", "KS_DEV_P_1"}, {"members", members(106, 107)}}};
-  json luns = json::array();
-  for (int ldev : {100, 101, 102, 110}) luns.push_back({{"lun", ldev - 100}, {"ldev", ldev}});
-  a["ports"][1]["host_groups"].push_back({{"gid", 3}, {"name", "prod hosts"}, {"luns", luns}});
-  auto pair = [](int pvol, int svol, int mu, const char* kind, const char* status) {
-    return json{{"pvol", pvol}, {"svol", svol},     {"svol_serial", "412346"}, {"mirror", mu},
-                {"kind", kind}, {"status", status}, {"fence", "NEVER"}};
-  };
-  a["pairs"] = {pair(100, 200, 0, "HORC", "PAIR"), pair(101, 201, 0, "HORC", "PAIR"),
-                pair(100, 210, 1, "GAD", "PAIR"), pair(100, 220, 2, "HORC", "PAIR"),
-                pair(101, 221, 2, "HORC", "PSUS")};
-  a["pairs"].push_back({{"pvol", 102},
-                        {"svol", 110},
-                        {"mirror", 0},
-                        {"kind", "MRCF"},
-                        {"status", "PAIR"},
-                        {"svol_serial", "412345"}});
+  a["ports"][1]["host_groups"].push_back(json::parse(R"({"gid": 3, "name": "prod hosts", "luns":
+      [{"lun": 0, "ldev": 100}, {"lun": 1, "ldev": 101}, {"lun": 2, "ldev": 102},
+       {"lun": 10, "ldev": 110}]})"));
+  a.update(json::parse(R"({
+    "device_groups": [{"name": "KS_DEV_S_1", "members": [{"device": "d104", "ldev": 104},
+                                                        {"device": "d105", "ldev": 105}]},
+                      {"name": "KS_DEV_P_1", "members": [{"device": "d106", "ldev": 106},
+                                                        {"device": "d107", "ldev": 107}]}],
+    "pairs": [{"pvol": 100, "svol": 200, "mirror": 0, "kind": "HORC", "status": "PAIR"},
+              {"pvol": 101, "svol": 201, "mirror": 0, "kind": "HORC", "status": "PAIR"},
+              {"pvol": 100, "svol": 210, "mirror": 1, "kind": "GAD", "status": "PAIR"},
+              {"pvol": 100, "svol": 220, "mirror": 2, "kind": "HORC", "status": "PAIR"},
+              {"pvol": 101, "svol": 221, "mirror": 2, "kind": "HORC", "status": "PSUS"},
+              {"pvol": 102, "svol": 110, "mirror": 0, "kind": "MRCF", "status": "PAIR",
+               "svol_serial": "412345"}]})"));
+  for (json& pair : a["pairs"]) {
+    if (pair["kind"] != "MRCF") pair.update({{"svol_serial", "412346"}, {"fence", "NEVER"}});
+  }
   return s.dump();
 }
 
@@ -190,7 +189,7 @@ TEST_F(RaidcomPresentation, HostGroupThatCannotJoinTheResourceGroupIsDeletedAgai
   });
   EXPECT_EQ(raidcomCalls({"[delete][host_grp][-port][CL2-A][KS_X]"}).size(), 1u);
   EXPECT_EQ(raidcomCalls({"[add][resource]"}).size(), 1u);
-  EXPECT_EQ(sim.dump().find("KS_X"), std::string::npos);
+  EXPECT_THAT(sim.dump(), Not(HasSubstr("KS_X")));
 }
 
 TEST_F(RaidcomPresentation, MappingAndUnmappingOutcomes) {
@@ -234,10 +233,7 @@ TEST_F(RaidcomPresentation, LdevLeavesTheVirtualStorageMachineInOrderUnderItsLoc
                 "Failed to acquire mutex-[VT_HDS_VSM_OP_LOCK_412345] to un-reserve [120] from VSM");
     }
     // While the first command runs, nobody else gets the lock.
-    SimFault hang;
-    hang.match = "unmap resource";
-    hang.delayMs = 1500;
-    sim.addFault(hang);
+    sim.addFault(hdstest::delayed("unmap resource", 1500));
     bool heldMeanwhile = false;
     std::thread probe([&] {
       std::this_thread::sleep_for(std::chrono::milliseconds(500));
@@ -250,18 +246,15 @@ TEST_F(RaidcomPresentation, LdevLeavesTheVirtualStorageMachineInOrderUnderItsLoc
   });
   const auto moves = raidcomCalls({"resource][-"});
   ASSERT_EQ(moves.size(), 3u);
-  EXPECT_NE(moves[0].find("[unmap][resource][-ldev_id][120][-virtual_ldev_id][2120]"),
-            std::string::npos);
-  EXPECT_NE(moves[1].find("[delete][resource][-resource_name][backup rsg][-ldev_id][120]"),
-            std::string::npos);
-  EXPECT_NE(moves[2].find("[map][resource][-ldev_id][120][-virtual_ldev_id][120]"),
-            std::string::npos);
+  EXPECT_THAT(moves[0], HasSubstr("[unmap][resource][-ldev_id][120][-virtual_ldev_id][2120]"));
+  EXPECT_THAT(moves[1], HasSubstr("[delete][resource][-resource_name][backup rsg][-ldev_id][120]"));
+  EXPECT_THAT(moves[2], HasSubstr("[map][resource][-ldev_id][120][-virtual_ldev_id][120]"));
   const std::string dump = sim.dump();
   const size_t at = dump.find("\"id\":120,");
   ASSERT_NE(at, std::string::npos);
   const std::string ldev = dump.substr(at, dump.find('\n', at) - at);
-  EXPECT_NE(ldev.find("\"rsgid\":0"), std::string::npos) << ldev;
-  EXPECT_NE(ldev.find("\"virtual_id\":null"), std::string::npos) << ldev;
+  EXPECT_THAT(ldev, HasSubstr("\"rsgid\":0"));
+  EXPECT_THAT(ldev, HasSubstr("\"virtual_id\":null"));
 }
 
 TEST_F(RaidcomPresentation, UsableMirrorUnitsOfRemotePairs) {

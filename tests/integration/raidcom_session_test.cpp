@@ -2,7 +2,6 @@
 // by many processes, expired sessions, resource group locks, background command failures, and
 // what is left on disk. Scenarios that construct handlers run in child processes, because
 // handlers keep per-process caches.
-#include <dirent.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -30,21 +29,6 @@ using hdstest::SimFault;
 using hdstest::SimJournalEntry;
 using hdstest::writeFile;
 
-void forEachFile(const std::string& dir, const std::function<void(const std::string&)>& fn) {
-  DIR* d = opendir(dir.c_str());
-  if (d == nullptr) return;
-  while (dirent* e = readdir(d)) {
-    const std::string name = e->d_name;
-    if (name == "." || name == "..") continue;
-    const std::string path = dir + "/" + name;
-    struct stat st;
-    if (lstat(path.c_str(), &st) != 0) continue;
-    if (S_ISDIR(st.st_mode)) forEachFile(path, fn);
-    if (S_ISREG(st.st_mode)) fn(path);
-  }
-  closedir(d);
-}
-
 bool isRaidcom(const SimJournalEntry& e, const std::string& first, const std::string& second = "") {
   return e.tool == "raidcom" && !e.args.empty() && e.args[0] == first &&
          (second.empty() || (e.args.size() > 1 && e.args[1] == second));
@@ -63,6 +47,15 @@ class RaidcomSession : public ::testing::Test {
     size_t n = 0;
     for (const SimJournalEntry& e : sim.journal()) n += isRaidcom(e, first, second);
     return n;
+  }
+  // An asynchronous raidcom command ("modify ldev", "delete ldev") on LDEV 100.
+  static int onLdev100(RaidcomProbe& handler, const std::string& command,
+                       const std::string& more = "") {
+    std::string output;
+    int exitCode = 0;
+    return handler.executeCommand("raidcom  " + command + " ",
+                                  " -ldev_id 100" + more + handler.instanceArgs(), output, exitCode,
+                                  true);
   }
   size_t horcmStarts() const {
     size_t n = 0;
@@ -86,11 +79,8 @@ TEST_F(RaidcomSession, SixteenProcessesShareOneLogin) {
   });
   EXPECT_EQ(codes, std::vector<int>(16, 0));
   EXPECT_EQ(hdstest::loginCount(env), 0);
-  int filesNamingArray = 0;
-  forEachFile(env.horcmDir(), [&](const std::string& path) {
-    filesNamingArray += readFile(path).find("CMD-412345") != std::string::npos;
-  });
-  EXPECT_EQ(filesNamingArray, 1);
+  EXPECT_EQ(sim.shell("grep -l CMD-412345 " + env.horcmDir() + "*").out,
+            env.horcmDir() + "horcm3532.conf\n");
 
   // Sessions open and close strictly in turn, and every listing ran inside one.
   bool open = false;
@@ -127,13 +117,7 @@ TEST_F(RaidcomSession, HorcmFileIsWrittenByTheFirstHandlerAndSharedByTheNext) {
     EXPECT_EQ(second.instance(), "3530");
     EXPECT_EQ(hdstest::loginCount(env), 2);
   });
-  EXPECT_EQ(readFile(env.horcmDir() + "horcm3530.conf"),
-            "#HORCM file create by Tessaly Kestrel. Do not alter the file content or delete the "
-            "file.\nHORCM_MON\n"
-            "#ip_address                  service         poll(10ms)     timeout(10ms)\n"
-            "testhost\t\t3530\t1000           3000\n\nHORCM_CMD\n"
-            "#dev_name               dev_name                dev_name\n"
-            "#\\\\.\\CMD-412345\n\\\\.\\CMD-412345:/dev/sdc \n");
+  EXPECT_EQ(readFile(env.horcmDir() + "horcm3530.conf"), SimArray::raidcomHorcmConf(3530));
   EXPECT_EQ(horcmStarts(), 1u);
   EXPECT_EQ(count("-login"), 1u);
   EXPECT_EQ(count("-logout"), 1u);
@@ -210,15 +194,14 @@ TEST_F(RaidcomSession, LoginCountDecidesWhoLogsInAndOut) {
 TEST_F(RaidcomSession, ExpiredLoginCostsExactlyOneRelogin) {
   expectInChild([&] {
     RaidcomProbe handler(log, param());
-    std::map<std::string, ResourceGroupStatus> groups;
     sim.expireSessions();
-    EXPECT_EQ(handler.getResourceGroup(groups, false), 0);
+    EXPECT_EQ(handler.listResourceGroups(), 0);
     EXPECT_EQ(count("-login"), 2u);
     // A forced login counts only its own session.
     EXPECT_EQ(hdstest::loginCount(env), 1);
 
     sim.addFault(failing("get resource", 202, "", 2));
-    EXPECT_EQ(handler.getResourceGroup(groups, false), 1);
+    EXPECT_EQ(handler.listResourceGroups(), 1);
     EXPECT_EQ(handler.errorCode(), 62601);
     EXPECT_EQ(handler.errorText(), "Command '" + env.cciDir() +
                                        "raidcom  get resource   -IM3532 -s 412345 returned exit "
@@ -253,13 +236,7 @@ TEST_F(RaidcomSession, AsynchronousCommandStatus) {
   settings("sVTHDSRaidcomMaxRetryCount=3\n");
   expectInChild([&] {
     RaidcomProbe handler(log, param());
-    std::string output;
-    int exitCode = 0;
-    auto rename = [&] {
-      return handler.executeCommand("raidcom  modify ldev ",
-                                    " -ldev_id 100 -ldev_name renamed" + handler.instanceArgs(),
-                                    output, exitCode, true);
-    };
+    auto rename = [&] { return onLdev100(handler, "modify ldev", " -ldev_name renamed"); };
     SimFault background;
     background.match = "modify ldev";
     background.statusSsb = "2E31,4016";
@@ -291,29 +268,21 @@ TEST_F(RaidcomSession, DestructorReleasesLockAndSessionAfterAFailureAndLeaksNoPa
       ASSERT_EQ(handler.lockResource(), 0) << handler.errorText();
       sim.expireSessions();
       sim.addFault(failing("delete ldev", 221));
-      std::string output;
-      int exitCode = 0;
-      EXPECT_EQ(
-          handler.executeCommand("raidcom  delete ldev ", " -ldev_id 100" + handler.instanceArgs(),
-                                 output, exitCode, true),
-          1);
+      EXPECT_EQ(onLdev100(handler, "delete ldev"), 1);
     }
-    for (const auto& line : log.lines()) {
-      EXPECT_EQ(line.text.find(SimArray::kPassword), std::string::npos) << line.text;
-    }
+    EXPECT_EQ(log.count(SimArray::kPassword), 0u) << log.dump();
   });
   EXPECT_EQ(count("unlock", "resource"), 1u);
   EXPECT_EQ(count("-logout"), 1u);
   EXPECT_EQ(hdstest::loginCount(env), 0);
 
-  int files = 0;
-  forEachFile(env.root(), [&](const std::string& path) {
-    // The simulator's state is the array's side, which knows the password anyway.
-    if (path.find(env.simState()) == 0) return;
-    ++files;
-    EXPECT_EQ(readFile(path).find(SimArray::kPassword), std::string::npos) << path;
-  });
-  EXPECT_GT(files, 5);
+  // The simulator's state is the array's side, which knows the password anyway.
+  const std::vector<std::string> counts =
+      hdstest::outputLines(sim.shell("grep -rcF --exclude='ccisim.db*' " +
+                                     std::string(SimArray::kPassword) + " " + env.root())
+                               .out);
+  EXPECT_GT(counts.size(), 5u);
+  for (const std::string& count : counts) EXPECT_EQ(count.substr(count.rfind(':')), ":0") << count;
 }
 
 TEST_F(RaidcomSession, DelayedLogoutKeepsThePrepareSessionForTheCreateStep) {
@@ -326,8 +295,7 @@ TEST_F(RaidcomSession, DelayedLogoutKeepsThePrepareSessionForTheCreateStep) {
     p.horcmInstance = "3532";
     RaidcomProbe create(log, p);
     EXPECT_EQ(create.instanceArgs(), " -IM3532 -s 412345");
-    std::map<std::string, ResourceGroupStatus> groups;
-    EXPECT_EQ(create.getResourceGroup(groups, false), 0);
+    EXPECT_EQ(create.listResourceGroups(), 0);
   });
   EXPECT_EQ(count("-login"), 1u);
   EXPECT_EQ(count("-logout"), 1u);
@@ -338,17 +306,16 @@ TEST_F(RaidcomSession, StoppedInstanceIsStartedAgainOnce) {
   expectInChild([&] {
     RaidcomProbe handler(log, param());
     ASSERT_EQ(handler.errorCode(), 0) << handler.errorText();
-    std::map<std::string, ResourceGroupStatus> groups;
     // The instance went, and the session with it: one start, one login, and the listing again.
     sim.run("horcmshutdown.sh", {"3532"});
-    EXPECT_EQ(handler.getResourceGroup(groups, false), 0) << handler.errorText();
+    EXPECT_EQ(handler.listResourceGroups(), 0) << handler.errorText();
     EXPECT_TRUE(
         log.contains("Horcm instance [3532] is not running. Starting it again for command "
                      "[raidcom  get resource ].",
                      1));
     sim.addFault(failing("get resource", 251,
                          "raidcom: [EX_ATTHOR] Can't be attached to HORC manager\n", 2));
-    EXPECT_EQ(handler.getResourceGroup(groups, false), 1);
+    EXPECT_EQ(handler.listResourceGroups(), 1);
     EXPECT_EQ(handler.errorText(), "Command '" + env.cciDir() +
                                        "raidcom  get resource   -IM3532 -s 412345 returned exit "
                                        "code [251].");
@@ -393,13 +360,7 @@ TEST_F(RaidcomSession, OutOfRangeRetrySettingsFallBackToTheirDefaults) {
     EXPECT_TRUE(log.contains(
         "Setting [sVTHDSRaidcomMaxRetryCount] has value [0], below 1. Using [50].", 1));
     // With no status round an asynchronous command could never be judged a success.
-    std::string output;
-    int exitCode = 0;
-    EXPECT_EQ(handler.executeCommand("raidcom  modify ldev ",
-                                     " -ldev_id 100 -ldev_name renamed" + handler.instanceArgs(),
-                                     output, exitCode, true),
-              0)
-        << handler.errorText();
+    EXPECT_EQ(onLdev100(handler, "modify ldev", " -ldev_name renamed"), 0) << handler.errorText();
   });
 }
 

@@ -6,7 +6,6 @@
 #include <map>
 #include <memory>
 #include <nlohmann/json.hpp>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -17,6 +16,7 @@
 #include "tests/support/RaidcomProbe.h"
 #include "tests/support/RecordingSnapInfo.h"
 #include "tests/support/SimArray.h"
+#include "tests/support/ToolRun.h"
 
 namespace {
 
@@ -32,31 +32,6 @@ const char kRejected[] =
     "raidcom: [EX_CMDRJE] An order to the control/command device was rejected\n";
 
 using Calls = std::vector<std::string>;
-
-// The array's objects, without the instance, session and status rows a handler's session adds.
-std::set<std::string> objects(const SimArray& sim) {
-  std::set<std::string> kept;
-  for (const std::string& line : hdstest::outputLines(sim.dump())) {
-    if (line.rfind("instance ", 0) != 0 && line.rfind("session ", 0) != 0 &&
-        line.rfind("command_status ", 0) != 0) {
-      kept.insert(line);
-    }
-  }
-  return kept;
-}
-
-// What the array gained ("+") and lost ("-") since `before`.
-std::string changes(const std::set<std::string>& before, const SimArray& sim) {
-  const std::set<std::string> after = objects(sim);
-  std::string text;
-  for (const std::string& line : after) {
-    if (!before.count(line)) text += "+" + line + "\n";
-  }
-  for (const std::string& line : before) {
-    if (!after.count(line)) text += "-" + line + "\n";
-  }
-  return text;
-}
 
 // The default array with 64 P-VOLs (LDEVs 100-163) and a virtual storage machine's group.
 std::string scenario() {
@@ -85,7 +60,7 @@ std::map<std::string, hdsLdev_t> newPairs(int count, int firstSvol) {
 
 class ReplicationOnSim : public ::testing::Test {
  protected:
-  ReplicationOnSim() : sim(env, scenario()), before(objects(sim)) {
+  ReplicationOnSim() : sim(env, scenario()), before(hdstest::arrayState(sim)) {
     env.writeSettings("[iHarbor]\nsVTHDSHorcmDirectory=" + env.cciDir() +
                       "\nsClientHostName=testhost\n");
   }
@@ -119,7 +94,7 @@ class ReplicationOnSim : public ::testing::Test {
 
   hdstest::TestEnv env;
   SimArray sim;
-  const std::set<std::string> before;
+  const std::string before;
   hdstest::RecordingSnapInfo log;
 };
 
@@ -168,7 +143,7 @@ TEST_F(ReplicationOnSim, SnapshotJobOf64PairsLeavesNothingBehind) {
     }
     EXPECT_EQ(noLeaks.leaks(), "");
   });
-  EXPECT_EQ(changes(before, sim), "");
+  EXPECT_EQ(hdstest::arrayState(sim), before);
 }
 
 TEST_F(ReplicationOnSim, VirtualisationIsUndoneOnFailureAndReleasedOnDeletion) {
@@ -208,7 +183,7 @@ TEST_F(ReplicationOnSim, VirtualisationIsUndoneOnFailureAndReleasedOnDeletion) {
   const Calls creations = calls("add", "ldev");
   EXPECT_EQ(creations.size(), 3u + 1u);
   EXPECT_EQ(creations[0], "-pool 0 -mp_blade_id 0 -ldev_id 2000 -capacity 2097152");
-  EXPECT_EQ(changes(before, sim), "");
+  EXPECT_EQ(hdstest::arrayState(sim), before);
 }
 
 TEST_F(ReplicationOnSim, LdevQueries) {

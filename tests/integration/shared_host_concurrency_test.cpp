@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <nlohmann/json.hpp>
 #include <thread>
 
 #include "hds/platform/VTPlatformInfo.h"
@@ -64,7 +63,7 @@ TEST(SharedHost, ThreadsOfSeveralProcessesShareOneSessionLockAndCounter) {
   SimArray sim(env);
   env.writeSettings("[iHarbor]\nsVTHDSHorcmDirectory=" + env.cciDir() +
                     "\nsClientHostName=testhost\n[~iHarbor]\n");
-  const std::string before = nlohmann::json::parse(sim.dumpJson())["arrays"].dump(1);
+  const std::string before = hdstest::arrayState(sim);
 
   const std::vector<int> codes = hdstest::runInChildren(kProcesses, [](int process) {
     hdstest::RecordingSnapInfo log;
@@ -82,7 +81,7 @@ TEST(SharedHost, ThreadsOfSeveralProcessesShareOneSessionLockAndCounter) {
   EXPECT_EQ(codes, std::vector<int>(kProcesses, 0)) << "a stage of threadWork failed";
 
   EXPECT_EQ(hdstest::loginCount(env), 0);
-  EXPECT_EQ(nlohmann::json::parse(sim.dumpJson())["arrays"].dump(1), before);
+  EXPECT_EQ(hdstest::arrayState(sim), before);
   EXPECT_EQ(sim.dump().find("\nsession "), std::string::npos) << "a session was left open";
   EXPECT_EQ(hdstest::filesIn(env.tempDir()).size(), 0u) << "script files were left behind";
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <map>
 #include <string>
 
 #include "hds/raidcom/RaidcomCommandHandler.h"
@@ -15,6 +16,11 @@ class RaidcomProbe : public RaidcomCommandHandler {
   const std::string& instance() const { return m_sHorcmInstance; }
   const std::string& instanceArgs() const { return m_sInstanceArgs; }
   bool loggedIn() const { return m_bLoggedIn; }
+  // One listing of the resource groups, its rows dropped.
+  int listResourceGroups() {
+    std::map<std::string, ResourceGroupStatus> groups;
+    return getResourceGroup(groups, false);
+  }
 };
 
 }  // namespace hdstest

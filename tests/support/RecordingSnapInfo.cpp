@@ -1,7 +1,6 @@
 #include "tests/support/RecordingSnapInfo.h"
 
 #include <cstdio>
-#include <cstring>
 
 namespace hdstest {
 
@@ -24,15 +23,8 @@ bool RecordingSnapInfo::getSnapConfigInt(const std::string& key, int& value) {
   return true;
 }
 
-bool RecordingSnapInfo::getSnapConfigString(const std::string& key, char* buf, size_t size) {
-  std::lock_guard<std::mutex> guard(m_mutex);
-  auto it = m_strings.find(key);
-  if (it == m_strings.end() || buf == nullptr || size == 0) return false;
-  size_t n = std::min(it->second.size(), size - 1);
-  memcpy(buf, it->second.data(), n);
-  buf[n] = '\0';
-  return true;
-}
+// No array-level text setting is configured in the tests.
+bool RecordingSnapInfo::getSnapConfigString(const std::string&, char*, size_t) { return false; }
 
 int RecordingSnapInfo::getReplicationType() {
   std::lock_guard<std::mutex> guard(m_mutex);
@@ -42,11 +34,6 @@ int RecordingSnapInfo::getReplicationType() {
 void RecordingSnapInfo::setConfigInt(const std::string& key, int value) {
   std::lock_guard<std::mutex> guard(m_mutex);
   m_ints[key] = value;
-}
-
-void RecordingSnapInfo::setConfigString(const std::string& key, const std::string& value) {
-  std::lock_guard<std::mutex> guard(m_mutex);
-  m_strings[key] = value;
 }
 
 void RecordingSnapInfo::setReplicationType(int type) {

@@ -9,7 +9,8 @@
 
 namespace hdstest {
 
-// A SnapInfo that keeps every log line for inspection and serves array-level settings from maps.
+// A SnapInfo that keeps every log line for inspection and serves array-level numeric settings
+// from a map.
 // Thread-safe.
 class RecordingSnapInfo : public VTSO::SnapInfo {
  public:
@@ -25,7 +26,6 @@ class RecordingSnapInfo : public VTSO::SnapInfo {
   int getReplicationType() override;
 
   void setConfigInt(const std::string& key, int value);
-  void setConfigString(const std::string& key, const std::string& value);
   void setReplicationType(int type);
 
   std::vector<Line> lines() const;
@@ -39,7 +39,6 @@ class RecordingSnapInfo : public VTSO::SnapInfo {
   mutable std::mutex m_mutex;
   std::vector<Line> m_lines;
   std::map<std::string, int> m_ints;
-  std::map<std::string, std::string> m_strings;
   int m_replicationType = 0;
 };
 

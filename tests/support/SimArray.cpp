@@ -15,6 +15,14 @@ constexpr int kToolTimeoutSec = 60;
 
 ToolResult runArgv(const std::vector<std::string>& argv) { return runTool(argv, kToolTimeoutSec); }
 
+SimFault matching(const std::string& tool, const std::string& match, int times) {
+  SimFault fault;
+  fault.tool = tool;
+  fault.match = match;
+  fault.times = times;
+  return fault;
+}
+
 }  // namespace
 
 std::vector<std::string> outputLines(const std::string& text) {
@@ -103,11 +111,23 @@ void SimArray::addFault(const SimFault& f) const {
 }
 
 SimFault failing(const std::string& match, int exitCode, const std::string& err, int times) {
-  SimFault fault;
-  fault.match = match;
+  SimFault fault = matching("raidcom", match, times);
   fault.exitCode = exitCode;
   fault.err = err;
-  fault.times = times;
+  return fault;
+}
+
+SimFault delayed(const std::string& match, int delayMs, int times, const std::string& tool) {
+  SimFault fault = matching(tool, match, times);
+  fault.delayMs = delayMs;
+  return fault;
+}
+
+SimFault answering(const std::string& match, const std::string& out, int times,
+                   const std::string& tool) {
+  SimFault fault = matching(tool, match, times);
+  fault.exitCode = 0;
+  fault.out = out;
   return fault;
 }
 
@@ -142,22 +162,26 @@ void SimArray::lockResourceGroup(const std::string& name, const std::string& own
   admin({"resource", "lock", name, "--owner", owner, "--host", host});
 }
 
-void SimArray::writeRaidcomHorcmConf(int instance,
-                                     const std::vector<std::string>& commandDevices) const {
-  std::string n = std::to_string(instance);
+std::string SimArray::raidcomHorcmConf(int instance,
+                                       const std::vector<std::string>& commandDevices) {
   std::string devices;
   for (const std::string& d :
        commandDevices.empty() ? std::vector<std::string>{kCommandDevice} : commandDevices) {
     devices += d + " ";
   }
-  writeFile(m_rEnv.horcmDir() + "horcm" + n + ".conf",
-            "#HORCM file create by Tessaly Kestrel. Do not alter the file content or delete the "
-            "file.\nHORCM_MON\n#ip_address                  service         poll(10ms)     "
-            "timeout(10ms)\ntesthost\t\t" +
-                n +
-                "\t1000           3000\n\nHORCM_CMD\n#dev_name               dev_name         "
-                "       dev_name\n#\\\\.\\CMD-" +
-                kSerial + "\n" + devices + "\n");
+  return "#HORCM file create by Tessaly Kestrel. Do not alter the file content or delete the "
+         "file.\nHORCM_MON\n#ip_address                  service         poll(10ms)     "
+         "timeout(10ms)\ntesthost\t\t" +
+         std::to_string(instance) +
+         "\t1000           3000\n\nHORCM_CMD\n#dev_name               dev_name         "
+         "       dev_name\n#\\\\.\\CMD-" +
+         kSerial + "\n" + devices + "\n";
+}
+
+void SimArray::writeRaidcomHorcmConf(int instance,
+                                     const std::vector<std::string>& commandDevices) const {
+  writeFile(m_rEnv.horcmDir() + "horcm" + std::to_string(instance) + ".conf",
+            raidcomHorcmConf(instance, commandDevices));
 }
 
 void SimArray::startRaidcomSession(int instance) const {

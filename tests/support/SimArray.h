@@ -36,6 +36,12 @@ struct SimFault {
 // A raidcom fault that makes matching calls exit with exitCode and print err, `times` times.
 SimFault failing(const std::string& match, int exitCode, const std::string& err = "",
                  int times = 1);
+// Matching calls of `tool` that run delayMs longer, `times` times.
+SimFault delayed(const std::string& match, int delayMs, int times = 1,
+                 const std::string& tool = "raidcom");
+// Matching calls of `tool` that succeed at once and print `out`, `times` times.
+SimFault answering(const std::string& match, const std::string& out, int times = -1,
+                   const std::string& tool = "raidcom");
 
 // Output split into lines and a line split into its columns, by the library's own text kit.
 std::vector<std::string> outputLines(const std::string& text);
@@ -97,8 +103,10 @@ class SimArray {
   void lockResourceGroup(const std::string& name, const std::string& owner,
                          const std::string& host) const;
 
-  // horcm<N>.conf in the HORCM directory as the raidcom handler writes it (monitor and
-  // command device sections only); with no command devices given, the array's own.
+  // horcm<N>.conf as the raidcom handler writes it (monitor and command device sections only;
+  // with no command devices given, the array's own), and that file put in the HORCM directory.
+  static std::string raidcomHorcmConf(int instance,
+                                      const std::vector<std::string>& commandDevices = {});
   void writeRaidcomHorcmConf(int instance,
                              const std::vector<std::string>& commandDevices = {}) const;
   // Writes that file, starts the instance and logs in as admin: ready for raidcom.

@@ -116,21 +116,6 @@ TEST(ProcessOutput, ExitCodesAndSignals) {
   EXPECT_EQ(noLeaks.leaks(), "");
 }
 
-TEST(ProcessConcurrency, ThreadsGetTheirOwnOutput) {
-  std::atomic<int> failures{0};
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 8; ++t)
-    threads.emplace_back([t, &failures] {
-      for (int i = 0; i < 50; ++i) {
-        std::string tag = std::to_string(t) + "-" + std::to_string(i);
-        Result r = run("echo " + tag, 10000);
-        if (!r.bOk || r.sOut != tag + "\n") ++failures;
-      }
-    });
-  for (auto& th : threads) th.join();
-  EXPECT_EQ(failures.load(), 0);
-}
-
 TEST(ProcessConcurrency, NoDescriptorReachesAChildOrAnotherCallersChild) {
   int leaked = dup(1);  // deliberately without close-on-exec
   Result r = run("ls /proc/$$/fd", 5000);
