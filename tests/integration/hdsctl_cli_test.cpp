@@ -211,7 +211,8 @@ TEST(HdsctlCli, CheckNamesWhatIsMissingAndDistrustsANegativeLoginCount) {
                     "\n[~iHarbor]\nsVTHDSRaidcomLockCount_412345 = -3\n");
   r = hdsctl({"check", "--json"});
   EXPECT_EQ(r.exitCode, 1);
-  for (const json& c : json::parse(r.out)["checks"]) {
+  const json checkReport = json::parse(r.out);
+  for (const json& c : checkReport["checks"]) {
     EXPECT_EQ(c["result"] == "FAIL", c["check"] == "login count") << c.dump();
   }
 }
