@@ -1,15 +1,12 @@
 // The simulator's state as a crash-safe store: a killed invocation, missing or corrupt state
 // files, dump and load.
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <signal.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
-#include <nlohmann/json.hpp>
+#include <cstdio>
+#include <cstring>
 
-#include "tests/support/ProcessHelpers.h"
 #include "tests/support/SimArray.h"
 
 namespace {
@@ -28,30 +25,22 @@ class CcisimStateTest : public ::testing::Test {
 // Starts raidcom with its transaction held open, kills it there, and checks nothing stayed.
 TEST_F(CcisimStateTest, KilledInvocationLeavesStateAsItWas) {
   std::string before = m_oSim.dump();
-  int errPipe[2];
-  ASSERT_EQ(pipe(errPipe), 0);
-  pid_t pid = fork();
-  if (pid == 0) {
-    dup2(errPipe[1], 2);
-    setenv("CCISIM_HOLD_MS", "30000", 1);
-    std::string tool = m_oSim.toolPath("raidcom");
-    execl(tool.c_str(), "raidcom", "add", "ldev", "-pool", "0", "-ldev_id", "500", "-capacity",
-          "1G", "-IM3532", "-s", SimArray::kSerial, static_cast<char*>(nullptr));
-    _exit(127);
+  // The shell prints its process id and becomes raidcom.
+  FILE* tool =
+      popen(("echo $$; CCISIM_HOLD_MS=30000 exec " + m_oSim.toolPath("raidcom") +
+             " add ldev -pool 0 -ldev_id 500 -capacity 1G" + SimArray::instanceArgs() + " 2>&1")
+                .c_str(),
+            "r");
+  ASSERT_NE(tool, nullptr);
+  char line[256] = {};
+  const pid_t pid = fgets(line, sizeof(line), tool) != nullptr ? std::atoi(line) : 0;
+  while (std::strstr(line, "holding") == nullptr && fgets(line, sizeof(line), tool) != nullptr) {
   }
-  close(errPipe[1]);
-  std::string seen;
-  pollfd pfd{errPipe[0], POLLIN, 0};
-  while (seen.find("holding") == std::string::npos && poll(&pfd, 1, 20000) > 0) {
-    char buf[256];
-    ssize_t n = read(errPipe[0], buf, sizeof(buf));
-    if (n <= 0) break;
-    seen.append(buf, static_cast<size_t>(n));
-  }
-  close(errPipe[0]);
-  ASSERT_NE(seen.find("holding"), std::string::npos) << seen;
+  ASSERT_NE(std::strstr(line, "holding"), nullptr) << line;
+  ASSERT_GT(pid, 0);
   kill(pid, SIGKILL);
-  EXPECT_EQ(hdstest::waitChild(pid), 128 + SIGKILL);
+  const int status = pclose(tool);
+  EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << status;
 
   EXPECT_EQ(m_oSim.dump(), before);
   // The LDEV was never made: making it now succeeds.

@@ -55,11 +55,6 @@ TEST(ProcessTimeout, KillsTheWholeGroupAndReportsTimedout) {
   EXPECT_EQ(r.sError, "timedout");
   EXPECT_LT(r.lElapsedMs, 3000);
   EXPECT_TRUE(hdstest::processGroupGone(r.iPid, 1000));
-
-  r = run("sleep 30 & sleep 30; wait", 200);
-  EXPECT_EQ(r.sError, "timedout");
-  EXPECT_LT(r.lElapsedMs, 1000);
-  EXPECT_TRUE(hdstest::processGroupGone(r.iPid, 1000));
   EXPECT_EQ(noLeaks.leaks(), "");
 }
 
@@ -82,16 +77,6 @@ TEST(ProcessOutput, LargeAndMixedOutputIsCapturedWhole) {
   ASSERT_TRUE(r.bOk) << r.sError;
   EXPECT_EQ(r.sOut.size(), 67108864u);
   EXPECT_EQ(r.sErr.size(), 67108864u);
-
-  r = run("i=0; while [ $i -lt 20000 ]; do echo out$i; echo err$i >&2; i=$((i+1)); done", 60000);
-  ASSERT_TRUE(r.bOk) << r.sError;
-  std::string out, err;
-  for (int i = 0; i < 20000; ++i) {
-    out += "out" + std::to_string(i) + "\n";
-    err += "err" + std::to_string(i) + "\n";
-  }
-  EXPECT_EQ(r.sOut, out);
-  EXPECT_EQ(r.sErr, err);
 }
 
 TEST(ProcessOutput, ExitCodesAndSignals) {
