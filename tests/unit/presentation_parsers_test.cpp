@@ -52,44 +52,37 @@ TEST(CopyGroupListing, MirrorUnitJournalAndFilter) {
 
 const char* const kRaidscanHeader =
     "PORT#   /ALPA/C TID# LU#  MU#  Seq#   Num CM LDEV# P/S   Status Fence  P-Seq# P-LDEV# "
-    "VOL_ATTR\n";
+    "VOL_ATTR";
 
-TEST(RaidscanListing, LocalPairsOfTheGivenPvolsOnly) {
-  const std::string output = std::string(kRaidscanHeader) +
-                             "CL1-A-3 ef 0    0    3    0   412345   1  -   4660 P-VOL PAIR   "
-                             "NEVER  412346    4672 HORC\n"
-                             "CL1-A-3 ef 0    0    4    1   412345   1  -   4661 P-VOL PSUS   "
-                             "ASYNC  412346    4673 HORC\n"
-                             "CL1-A-3 ef 0    0    5    0   412345   1  -   4662 SMPL  -      -  "
-                             "    -         ---- -\n"
-                             "CL1-A-3 ef 0    0    6    0   412345   1  -   4663 S-VOL PAIR   "
-                             "NEVER  412346    4674 HORC\n"
-                             "CL1-A-3 ef 0    0    7    0   412345   1  -   4699 P-VOL PAIR   "
-                             "NEVER  412346    4675 HORC\n";
+TEST(RaidscanListing, PairsOfTheGivenPvolsOnly) {
+  const std::string local = kRaidscanHeader + std::string(R"(
+CL1-A-3 ef 0    0    3    0   412345   1  -   4660 P-VOL PAIR   NEVER  412346    4672 HORC
+CL1-A-3 ef 0    0    4    1   412345   1  -   4661 P-VOL PSUS   ASYNC  412346    4673 HORC
+CL1-A-3 ef 0    0    5    0   412345   1  -   4662 SMPL  -      -      -         ---- -
+CL1-A-3 ef 0    0    6    0   412345   1  -   4663 S-VOL PAIR   NEVER  412346    4674 HORC
+CL1-A-3 ef 0    0    7    0   412345   1  -   4699 P-VOL PAIR   NEVER  412346    4675 HORC
+)");
   std::map<int, std::vector<hdsPairStatus_t>> pairs;
   // 4662 and 4663 are asked for but are unpaired or secondary; 4699 is paired but not asked for.
-  parseRaidscanPairOutput(output, {ldev("4660"), ldev("4661"), ldev("4662"), ldev("4663")}, pairs);
+  parseRaidscanPairOutput(local, {ldev("4660"), ldev("4661"), ldev("4662"), ldev("4663")}, pairs);
   ASSERT_EQ(pairs.size(), 2u);
   ASSERT_EQ(pairs[0].size() + pairs[1].size(), 2u);
   const hdsPairStatus_t& p = pairs[0][0];
   EXPECT_EQ(p.ldevId + " " + p.pairStatus + " " + p.fence + " " + p.rcuSerial + " " + p.details,
             "4660 PAIR NEVER 412346 4672 HORC");
   EXPECT_EQ(pairs[1][0].ldevId + " " + pairs[1][0].fence, "4661 ASYNC");
-}
 
-TEST(RaidscanListing, RemotePairsNeedAPartner) {
-  const std::string output = std::string(kRaidscanHeader) +
-                             "CL1-A-3 ef 0    0    3   h1   412345   1  -   4660 P-VOL PAIR   "
-                             "DATA   412346    4672 HORC\n"
-                             "CL1-A-3 ef 0    0    4   h1   412345   1  -   4661 P-VOL PAIR   "
-                             "DATA   412346    ---- -\n";
-  std::map<int, std::vector<hdsPairStatus_t>> pairs;
-  parseRaidscanRemotePairOutput(output, 1, {ldev("4660"), ldev("4661")}, pairs);
+  // A remote pair needs its partner.
+  const std::string remote = kRaidscanHeader + std::string(R"(
+CL1-A-3 ef 0    0    3   h1   412345   1  -   4660 P-VOL PAIR   DATA   412346    4672 HORC
+CL1-A-3 ef 0    0    4   h1   412345   1  -   4661 P-VOL PAIR   DATA   412346    ---- -
+)");
+  pairs.clear();
+  parseRaidscanRemotePairOutput(remote, 1, {ldev("4660"), ldev("4661")}, pairs);
   ASSERT_EQ(pairs.size(), 1u);
   ASSERT_EQ(pairs[1].size(), 1u);
-  EXPECT_EQ(pairs[1][0].partnerLdevId, "4672");
-  EXPECT_EQ(pairs[1][0].volAttr, "HORC");
-  EXPECT_EQ(pairs[1][0].mirrorUnit, 1);
+  const hdsPairStatus_t& r = pairs[1][0];
+  EXPECT_EQ(r.partnerLdevId + " " + r.volAttr + " " + std::to_string(r.mirrorUnit), "4672 HORC 1");
 }
 
 TEST(HostGroupListing, NamesWithBlanksAndSerials) {
@@ -125,26 +118,18 @@ TEST(HbaWwnListing, NameAndNicknameMayHoldBlanks) {
   EXPECT_EQ(hg.wwns, (std::vector<std::string>{"10000090fa1b2c3d", "10000090fa1b2c3e"}));
 }
 
-// What the shell hands to a program for an argument text.
-std::vector<std::string> shellWords(const std::string& arguments) {
-  std::vector<std::string> words;
-  FILE* p = popen(("for a in " + arguments + "; do printf '%s\\n' \"$a\"; done").c_str(), "r");
-  if (p == nullptr) return words;
+// What the shell hands to a program for an argument text, each argument in brackets.
+std::string shellWords(const std::string& arguments) {
   std::string text;
+  FILE* p = popen(("printf '[%s]' " + arguments).c_str(), "r");
+  if (p == nullptr) return text;
   char buf[256];
-  size_t n;
-  while ((n = fread(buf, 1, sizeof(buf), p)) > 0) text.append(buf, n);
+  for (size_t n; (n = fread(buf, 1, sizeof(buf), p)) > 0;) text.append(buf, n);
   pclose(p);
-  for (size_t start = 0, nl; (nl = text.find('\n', start)) != std::string::npos; start = nl + 1) {
-    words.push_back(text.substr(start, nl - start));
-  }
-  return words;
+  return text;
 }
 
 TEST(RaidcomArguments, NamesReachTheToolWhole) {
-  using hds::raidcom::hostGroupReference;
-  using hds::raidcom::portArgument;
-  using hds::raidcom::quoteArgument;
   EXPECT_EQ(hostGroupReference("CL1-A", "5"), "CL1-A-5");
   EXPECT_EQ(hostGroupReference("CL1-A", "12"), "CL1-A 12");
   EXPECT_EQ(quoteArgument("meta_resource"), "meta_resource");
@@ -153,13 +138,12 @@ TEST(RaidcomArguments, NamesReachTheToolWhole) {
 
   for (const std::string name :
        {"esx cluster 7", "a\"b", "it's $HOME `id` \\x", "semi;colon", "Pa$$w0rd!", "''", ""}) {
-    EXPECT_EQ(shellWords(quoteArgument(name)), std::vector<std::string>{name}) << name;
-    EXPECT_EQ(shellWords(hostGroupReference("CL1-A", name)),
-              (std::vector<std::string>{"CL1-A", name}));
-    EXPECT_EQ(shellWords(portArgument("CL1-A " + name)), (std::vector<std::string>{"CL1-A", name}));
+    EXPECT_EQ(shellWords(quoteArgument(name)), "[" + name + "]");
+    EXPECT_EQ(shellWords(hostGroupReference("CL1-A", name)), "[CL1-A][" + name + "]");
+    EXPECT_EQ(shellWords(portArgument("CL1-A " + name)), "[CL1-A][" + name + "]");
   }
   EXPECT_EQ(shellWords(quoteArgument("\\\\.\\CMD-412345:/dev/sdc")),
-            std::vector<std::string>{"\\\\.\\CMD-412345:/dev/sdc"});
+            "[\\\\.\\CMD-412345:/dev/sdc]");
 }
 
 }  // namespace
