@@ -26,9 +26,6 @@ class CcisimBehaviourTest : public ::testing::Test {
     EXPECT_EQ(r.exitCode, 0) << line << ": " << r.err;
     return r;
   }
-  std::vector<std::string> commandStatus() {
-    return lineWords(outputLines(ok("get command_status").out).at(1));
-  }
   // LDEV numbers of a key : value listing.
   std::vector<int> ldevIds(const std::string& line) {
     std::vector<int> ids;
@@ -37,10 +34,11 @@ class CcisimBehaviourTest : public ::testing::Test {
     }
     return ids;
   }
-  ToolResult pair(const std::string& tool, const std::vector<std::string>& args) {
-    std::vector<std::string> all = args;
-    all.insert(all.end(), {"-g", "CG1", "-IM3300"});
-    return m_oSim.run(tool, all);
+  // A pair tool on copy group CG1 through the pair-handler instance 3300.
+  ToolResult pair(const std::string& tool, std::vector<std::string> args,
+                  const char* mode = "-IM") {
+    args.insert(args.end(), {"-g", "CG1", mode + std::string("3300")});
+    return m_oSim.run(tool, args);
   }
   // Device groups and a copy group for Pair_100/101 (P-VOLs 100, 101; S-VOLs 200, 201), and a
   // pair-handler instance 3300 whose HORCM_LDEVG names the copy group.
@@ -73,7 +71,7 @@ constexpr int kLongMs = 600000;
 TEST_F(CcisimBehaviourTest, FormattingRunsInTheBackgroundUntilCommandStatusSeesItDone) {
   m_oSim.setTimings(0, kLongMs);
   ok("initialize ldev -operation fmt -ldev_id 101");  // not blocked
-  EXPECT_EQ(commandStatus()[2], "9710");
+  EXPECT_EQ(lineWords(outputLines(ok("get command_status").out).at(1))[2], "9710");
   ok("reset command_status");
   ok("modify ldev -ldev_id 101 -status blk");
   ok("initialize ldev -operation qfmt -ldev_id 101");
@@ -89,9 +87,7 @@ TEST_F(CcisimBehaviourTest, QMarkersAdvanceAndCommitBehindTheWrites) {
   makeCopyGroup();
   ASSERT_EQ(pair("paircreate", {"-vl"}).exitCode, 0);
   auto marker = [this](const std::vector<std::string>& args, int& code) {
-    std::vector<std::string> all = args;
-    all.insert(all.end(), {"-g", "CG1", "-IH3300"});
-    ToolResult r = m_oSim.run("pairsyncwait", all);
+    ToolResult r = pair("pairsyncwait", args, "-IH");
     code = r.exitCode;
     return lineWords(outputLines(r.out).at(1));
   };
