@@ -158,13 +158,13 @@ TEST(CcisimTwoArrays, InstanceReachesBothArraysAndPairsAcrossThem) {
   EXPECT_EQ(lineWords(units[2])[5], "412346");
 
   // A session is per array: the remote one needs its own user.
-  EXPECT_EQ(sim.run("raidcom", {"-login", "admin", "admin123", "-IH3300"}).exitCode, 0);
-  EXPECT_EQ(sim.run("raidcom", {"get", "port", "-IH3300", "-s", "412346"}).exitCode, 202);
-  EXPECT_EQ(sim.run("raidcom", {"-login", "remote", "pw", "-IH3300", "-s", "412346"}).exitCode, 0);
-  EXPECT_EQ(sim.run("raidcom", {"add", "lun", "-port", "CL2-A-0", "-ldev_id", "100", "-IH3300",
-                                "-s", "412346"})
-                .exitCode,
-            0);
+  for (const auto& [line, code] : std::vector<std::pair<std::string, int>>{
+           {"-login admin admin123", 0},
+           {"get port -s 412346", 202},
+           {"-login remote pw -s 412346", 0},
+           {"add lun -port CL2-A-0 -ldev_id 100 -s 412346", 0}}) {
+    EXPECT_EQ(sim.shell(sim.toolPath("raidcom") + " " + line + " -IH3300").exitCode, code) << line;
+  }
 
   ASSERT_EQ(sim.run("paircreate", {"-g", "TC1", "-vl", "-f", "data", "-IH3300"}).exitCode, 0);
   std::vector<std::string> scan =

@@ -51,7 +51,6 @@ TEST_F(CcisimHorcmTest, MalformedCommandsGiveTheToolsErrorShapes) {
   for (const char* line :
        {"raidcom get ldev -ldev_id", "raidcom add ldev -pool x -ldev_id 5 -capacity 1G",
         "raidcom add ldev -pool 0 -ldev_id 5 -capacity 9999999999T",
-        "raidcom delete ldev -ldev_id 5 -cnt 999999999999",
         "raidcom add device_grp -device_grp_name G -ldev_id 0xFFFFFFFFFFFFFFFFF",
         "raidcom get ldev -ldev_list sideways", "raidcom add lun -port",
         "raidcom add hba_wwn -port CL1-A-1 -hba_wwn 12345",

@@ -56,7 +56,6 @@ TEST(PairDisplayParser, DropsEmptyAndIncompleteOutputAndLinesOfOtherLayouts) {
       pairs);
   parsePairDisplayOutput("pairdisplay: [EX_ENOGRP] No such group\nRefer to the command log\n",
                          pairs);
-  parsePairDisplayOutput("", pairs);
   EXPECT_TRUE(pairs.empty());
   EXPECT_TRUE(parse("").empty());
   EXPECT_TRUE(parse("bkp_cg0 db01_data L CL1-A-3\n").empty());

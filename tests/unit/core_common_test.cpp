@@ -14,7 +14,7 @@ using Strings = std::vector<std::string>;
 
 Strings strings(const std::vector<std::string_view>& views) { return {views.begin(), views.end()}; }
 
-TEST(Text, LinesHandleCrLfAndTheUnterminatedLastLine) {
+TEST(Text, LinesAndColumnsHandleCrLfTabsAndTheUnterminatedLastLine) {
   EXPECT_EQ(strings(hds::text::splitLines("")), Strings{});
   EXPECT_EQ(strings(hds::text::splitLines("a\r\n\nb")), (Strings{"a", "", "b"}));
   EXPECT_EQ(strings(hds::text::splitLines("a\rb\n")), Strings{"a\rb"});
@@ -23,6 +23,19 @@ TEST(Text, LinesHandleCrLfAndTheUnterminatedLastLine) {
   EXPECT_EQ(strings(hds::text::dataLines("header")), Strings{});
   EXPECT_EQ(strings(hds::text::dataLines("header\r\n\nb\r\nc")), (Strings{"", "b", "c"}));
   EXPECT_EQ(strings(hds::text::dataLines("header\nb\nc", LastLine::Drop)), Strings{"b"});
+  // Columns split at white space, or at blanks only.
+  const std::string line = "  CL1-A \t 0  412345\r";
+  EXPECT_EQ(strings(hds::text::splitColumns(line)), (Strings{"CL1-A", "0", "412345"}));
+  EXPECT_EQ(hds::text::column(line, 2), "412345");
+  EXPECT_EQ(hds::text::column(line, 3), "");
+  EXPECT_EQ(hds::text::skipColumns(line, 1), "0  412345\r");
+  EXPECT_EQ(hds::text::skipColumns(line, 5), "");
+  EXPECT_EQ(hds::text::trim(line), "CL1-A \t 0  412345");
+  EXPECT_EQ(strings(hds::text::splitColumns("a\tb  c\nd", Separator::Blank)),
+            (Strings{"a\tb", "c\nd"}));
+  const char* p = hds::text::skipValue(hds::text::skipSeparators(" ab\tcd"));
+  EXPECT_STREQ(p, "\tcd");
+  EXPECT_EQ(hds::text::skipSeparators(static_cast<const char*>(nullptr)), nullptr);
 }
 
 // Listings are fed from anywhere: a number column holding garbage, a sign or more digits than any
@@ -40,21 +53,6 @@ TEST(Text, NumbersReadLikeAtoiWithoutOverflow) {
   EXPECT_EQ(hds::text::toInt64("-" + std::string(400, '9')), -huge);
 }
 
-TEST(Text, ColumnsSplitAtWhiteSpaceOrAtBlanksOnly) {
-  const std::string line = "  CL1-A \t 0  412345\r";
-  EXPECT_EQ(strings(hds::text::splitColumns(line)), (Strings{"CL1-A", "0", "412345"}));
-  EXPECT_EQ(hds::text::column(line, 2), "412345");
-  EXPECT_EQ(hds::text::column(line, 3), "");
-  EXPECT_EQ(hds::text::skipColumns(line, 1), "0  412345\r");
-  EXPECT_EQ(hds::text::skipColumns(line, 5), "");
-  EXPECT_EQ(hds::text::trim(line), "CL1-A \t 0  412345");
-  EXPECT_EQ(strings(hds::text::splitColumns("a\tb  c\nd", Separator::Blank)),
-            (Strings{"a\tb", "c\nd"}));
-  const char* p = hds::text::skipValue(hds::text::skipSeparators(" ab\tcd"));
-  EXPECT_STREQ(p, "\tcd");
-  EXPECT_EQ(hds::text::skipSeparators(static_cast<const char*>(nullptr)), nullptr);
-}
-
 // Nothing, or a header alone, is an empty table; a line of garbage or a message is not.
 TEST(Text, OnlyNothingOrAHeaderAloneIsAnEmptyTable) {
   EXPECT_TRUE(hds::text::isEmptyTable("", "PORT"));
@@ -67,9 +65,6 @@ TEST(Text, OnlyNothingOrAHeaderAloneIsAnEmptyTable) {
 
 TEST(ArrayModels, ExactCaseSensitiveLookupWithTheLargestRangeAsFallback) {
   EXPECT_EQ(getMaxLdevIdForArrayType("M850S2F"), 32767);
-  EXPECT_EQ(getMaxLdevIdForArrayType("M8S"), 2047);
-  EXPECT_EQ(getMaxLdevIdForArrayType("M850M3"), 49151);
-  EXPECT_EQ(getMaxLdevIdForArrayType("R9"), 65279);
   for (const char* unknown : {"r9", "M850S", "", "XYZ"}) {
     EXPECT_EQ(getMaxLdevIdForArrayType(unknown), 65279) << unknown;
   }
