@@ -129,15 +129,12 @@ TEST(LdevListing, AttributeBitsAndPortLists) {
 }
 
 TEST(LdevFrontEnd, FixedColumns) {
-  // Serial 0-8, LDEV 9-13, type 23-41, capacity 42-53, attribute 59-81.
-  auto line = [](const std::string& ldev, const std::string& type, const std::string& attr) {
-    std::string text(88, ' ');
-    text.replace(1, 6, "412345").replace(9, ldev.size(), ldev).replace(23, type.size(), type);
-    return text.replace(42, 8, "41943040").replace(59, attr.size(), attr) + "\n";
-  };
-  const std::string listing = "header\n" + line("255", "OPEN-V-CVS", "CVS : HDP") +
-                              line("256", "NOT DEFINED", "-") + "412345 4663";
-  // The last piece has no line end.
+  // Serial 0-8, LDEV 9-13, type 23-41, capacity 42-53, attribute 59-81; the last piece has no
+  // line end.
+  const std::string listing = R"(header
+ 412345  255           OPEN-V-CVS         41943040         CVS : HDP
+ 412345  256           NOT DEFINED        41943040         -
+412345 4663)";
   const std::vector<std::string> both = parse(listing, {}, true);
   ASSERT_EQ(both.size(), 2u);
   EXPECT_EQ(both[0].rfind("412345 255  OPEN-V-CVS 41943040  260 ", 0), 0u) << both[0];

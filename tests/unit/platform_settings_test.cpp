@@ -171,18 +171,16 @@ TEST(SettingsFile, UnusableFileIsNamedAndALinkIsFollowed) {
   EXPECT_EQ(hdstest::readFile(repo + "/settings.conf"), "[iHarbor]\nnA=1\nnB=2\n");
   EXPECT_EQ(filesIn(repo), std::set<std::string>{"settings.conf"});
 
-  const std::vector<std::pair<std::string, std::string>> cases = {
-      {"binary", "is not a text file"}, {"directory", "is not a regular file"}};
-  for (const auto& c : cases) {
-    unlink(path.c_str());
-    if (c.first == "binary") {
-      hdstest::writeFile(path, std::string("[iHarbor]\nnA=1\n\0\x01\x7f", 18));
-    } else {
-      ASSERT_EQ(symlink(repo.c_str(), path.c_str()), 0);
-    }
-    EXPECT_FALSE(VTPlatformInfo::checkSettingsFile(problem)) << c.first;
-    EXPECT_EQ(problem, "Settings file [" + path + "] " + c.second);
-    EXPECT_FALSE(VTPlatformInfo::setRegInt("iHarbor", "nA", 3)) << "overwrote " << c.first;
+  auto unusable = [&](const std::string& reason) {
+    EXPECT_FALSE(VTPlatformInfo::checkSettingsFile(problem)) << reason;
+    EXPECT_EQ(problem, "Settings file [" + path + "] " + reason);
+    EXPECT_FALSE(VTPlatformInfo::setRegInt("iHarbor", "nA", 3)) << "overwrote: " << reason;
     EXPECT_EQ(VTPlatformInfo::lastError(), problem);
-  }
+  };
+  unlink(path.c_str());
+  hdstest::writeFile(path, std::string("[iHarbor]\nnA=1\n\0\x01\x7f", 18));
+  unusable("is not a text file");
+  unlink(path.c_str());
+  ASSERT_EQ(symlink(repo.c_str(), path.c_str()), 0);
+  unusable("is not a regular file");
 }
