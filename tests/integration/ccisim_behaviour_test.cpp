@@ -122,7 +122,6 @@ TEST_F(CcisimBehaviourTest, LdevListsSelectByState) {
   EXPECT_EQ(ldevIds("get ldev -ldev_list defined -resource 1"), (std::vector<int>{104, 105}));
   EXPECT_EQ(ldevIds("get ldev -ldev_list undefined -cnt 2"), (std::vector<int>{1, 2}));
   EXPECT_EQ(ldevIds("get ldev pool -pool_id 0").size(), 17u);  // 0 and 100..115
-  EXPECT_EQ(ldevIds("get ldev -ldev_list dp_volume -pool_id 1").size(), 0u);
   EXPECT_EQ(m_oSim.raidcom("get ldev -ldev_list dp_volume -pool_id 1").exitCode, 246);
 
   EXPECT_EQ(ldevIds("get ldev -ldev_id 0x0064 -cnt 2"), (std::vector<int>{100, 101}));

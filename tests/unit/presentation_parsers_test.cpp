@@ -113,8 +113,7 @@ TEST(HbaWwnListing, NameAndNicknameMayHoldBlanks) {
       "CL1-A   3 esx cluster 7         10000090fa1b2c3d    412345 port zero of host 1\n"
       "CL1-A   3 esx cluster 7         10000090fa1b2c3e    412345 -\n",
       hg);
-  EXPECT_EQ(hg.hostGroupId, "3");
-  EXPECT_EQ(hg.hostGroupName, "esx cluster 7");
+  EXPECT_EQ(hg.hostGroupId + "|" + hg.hostGroupName, "3|esx cluster 7");
   EXPECT_EQ(hg.wwns, (std::vector<std::string>{"10000090fa1b2c3d", "10000090fa1b2c3e"}));
 }
 
