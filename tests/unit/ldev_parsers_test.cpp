@@ -159,13 +159,12 @@ TEST(GroupListings, DeviceGroupsAndSnapshots) {
   parseGetSnapshotGroupOutput("", pairs);
   parseGetSnapshotGroupOutput("SnapShot_name P/S STAT\n", pairs);
   EXPECT_TRUE(pairs.empty());
-  parseGetSnapshotGroupOutput(
-      "SnapShot_name                    P/S   STAT  Serial# LDEV#  MU# P-LDEV#  PID    % MODE "
-      "SPLT-TIME\n"
-      "nightly_db01                     P-VOL PSUS   412345  4660    3    4672    5   97 G--A "
-      "65a1c3f0\n"
-      "cut_short                        S-VOL SSUS\n",
-      pairs);
+  const std::string listing = R"(
+SnapShot_name                    P/S   STAT  Serial# LDEV#  MU# P-LDEV#  PID    % MODE SPLT-TIME
+nightly_db01                     P-VOL PSUS   412345  4660    3    4672    5   97 G--A 65a1c3f0
+cut_short                        S-VOL SSUS
+)";
+  parseGetSnapshotGroupOutput(listing.substr(1), pairs);
   ASSERT_EQ(pairs.size(), 2u);
   const hdsSnapshotGroupInfo& p = pairs[0];
   // The split time is read as a decimal number, as callers have always had it.
