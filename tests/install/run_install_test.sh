@@ -1,8 +1,7 @@
 #!/bin/sh
-# Installs the build into a temporary prefix, checks the shared object's SONAME and exported
-# symbols, then builds and runs a consumer against the prefix, once through find_package and once
-# through pkg-config. With --deb the prefix is made by unpacking the build's Debian packages
-# instead, and the tools they hold run from there too.
+# Installs the build (with --deb: unpacks its Debian packages, whose tools then run from there) into
+# a temporary prefix, checks the shared object's SONAME and exported symbols, then builds and runs a
+# consumer against the prefix through find_package and through pkg-config.
 # Usage: run_install_test.sh [--deb] BUILD_DIR CONSUMER_SOURCE_DIR CXX [EXTRA_CXX_FLAGS]
 set -eu
 deb=false

@@ -70,9 +70,6 @@ TEST(SettingsParsing, WritesKeepEverythingElse) {
             "[iHarbor]\r\n\r\na=7\nc=3\r\n[other]\r\nd=4\n");
   EXPECT_EQ(hds::platform::withSetting(crlf, "other", "e", &b),
             "[iHarbor]\r\n\r\na=1\r\nc=3\r\n[other]\r\nd=4\ne=7\n");
-  std::string value;
-  EXPECT_TRUE(hds::platform::findSetting(crlf, "iHarbor", "c", value));
-  EXPECT_EQ(value, "3");
 }
 
 TEST(SettingsConcurrency, ConcurrentWritersLoseNothing) {
