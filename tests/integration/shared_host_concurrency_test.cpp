@@ -1,8 +1,6 @@
 // Several processes, each with several threads, each thread with a raidcom handler of its own on
-// one simulated array: the named locks must exclude threads as well as processes, and what a
-// process keeps for all its handlers (resource lock count, retry settings, raidqry cache, file
-// name counters) must hold up under its threads. scripts/tsan.sh runs this under
-// ThreadSanitizer.
+// one simulated array: what a process keeps for all its handlers (resource lock count, retry
+// settings, raidqry cache, file name counters) must hold up under its threads.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -58,6 +56,23 @@ bool isRaidcom(const SimJournalEntry& e, const char* verb, const char* object) {
   return e.tool == "raidcom" && e.args.size() > 1 && e.args[0] == verb && e.args[1] == object;
 }
 
+// The exit codes of kProcesses processes that each run work(log, process, thread) in kThreads
+// threads: 0, or a result other than 0 that one of its threads gave.
+std::vector<int> inThreadsOfProcesses(int (*work)(VTSO::SnapInfo&, int, int)) {
+  return hdstest::runInChildren(kProcesses, [work](int process) {
+    hdstest::RecordingSnapInfo log;
+    std::atomic<int> failed{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+      threads.emplace_back([&, t] {
+        if (int result = work(log, process, t)) failed = result;
+      });
+    }
+    for (std::thread& t : threads) t.join();
+    return failed.load();
+  });
+}
+
 TEST(SharedHost, ThreadsOfSeveralProcessesShareOneSessionLockAndCounter) {
   hdstest::TestEnv env;
   SimArray sim(env);
@@ -65,20 +80,8 @@ TEST(SharedHost, ThreadsOfSeveralProcessesShareOneSessionLockAndCounter) {
                     "\nsClientHostName=testhost\n[~iHarbor]\n");
   const std::string before = hdstest::arrayState(sim);
 
-  const std::vector<int> codes = hdstest::runInChildren(kProcesses, [](int process) {
-    hdstest::RecordingSnapInfo log;
-    std::atomic<int> failed{0};
-    std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t) {
-      threads.emplace_back([&, t] {
-        int stage = threadWork(log, process, t);
-        if (stage != 0) failed = stage;
-      });
-    }
-    for (std::thread& t : threads) t.join();
-    return failed.load();
-  });
-  EXPECT_EQ(codes, std::vector<int>(kProcesses, 0)) << "a stage of threadWork failed";
+  EXPECT_EQ(inThreadsOfProcesses(threadWork), std::vector<int>(kProcesses, 0))
+      << "a stage of threadWork failed";
 
   EXPECT_EQ(hdstest::loginCount(env), 0);
   EXPECT_EQ(hdstest::arrayState(sim), before);
@@ -104,41 +107,34 @@ TEST(SharedHost, ThreadsOfSeveralProcessesShareOneSessionLockAndCounter) {
   EXPECT_EQ(ldevCommands, static_cast<size_t>(2 * kProcesses * kThreads));
 }
 
+constexpr int kRounds = 20;
+
+// Each thread counts a key of its own and one that all share up, kRounds times each.
+int countUp(VTSO::SnapInfo&, int process, int thread) {
+  auto bump = [](bool present, int v) { return present ? v + 1 : 1; };
+  const std::string own = "nOwn" + std::to_string(process * kThreads + thread);
+  for (int r = 0; r < kRounds; ++r) {
+    if (!VTPlatformInfo::updateRegInt("~iHarbor", own.c_str(), bump) ||
+        !VTPlatformInfo::updateRegInt("~iHarbor", "nShared", bump)) {
+      return 1;
+    }
+  }
+  return 0;
+}
+
 // The settings store takes every write under its own lock: threads of one process and other
 // processes updating the same file, some of them the same key, lose nothing.
 TEST(SharedHost, SettingsWritersInThreadsAndProcessesLoseNothing) {
   hdstest::TestEnv env;
-  constexpr int kRounds = 20;
-  auto bump = [](bool present, int v) { return present ? v + 1 : 1; };
-  const std::vector<int> codes = hdstest::runInChildren(kProcesses, [&](int process) {
-    std::atomic<int> failed{0};
-    std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t) {
-      threads.emplace_back([&, t] {
-        const std::string own = "nOwn" + std::to_string(process) + "_" + std::to_string(t);
-        for (int r = 0; r < kRounds; ++r) {
-          if (!VTPlatformInfo::updateRegInt("~iHarbor", own.c_str(), bump) ||
-              !VTPlatformInfo::updateRegInt("~iHarbor", "nShared", bump)) {
-            failed = 1;
-          }
-        }
-      });
-    }
-    for (std::thread& t : threads) t.join();
-    return failed.load();
-  });
-  EXPECT_EQ(codes, std::vector<int>(kProcesses, 0));
-  for (int p = 0; p < kProcesses; ++p) {
-    for (int t = 0; t < kThreads; ++t) {
-      int v = 0;
-      const std::string own = "nOwn" + std::to_string(p) + "_" + std::to_string(t);
-      EXPECT_TRUE(VTPlatformInfo::getRegInt("~iHarbor", own.c_str(), &v));
-      EXPECT_EQ(v, kRounds) << own;
-    }
+  EXPECT_EQ(inThreadsOfProcesses(countUp), std::vector<int>(kProcesses, 0));
+  auto value = [](const std::string& key) {
+    int v = -1;
+    return VTPlatformInfo::getRegInt("~iHarbor", key.c_str(), &v) ? v : -1;
+  };
+  for (int i = 0; i < kProcesses * kThreads; ++i) {
+    EXPECT_EQ(value("nOwn" + std::to_string(i)), kRounds);
   }
-  int shared = 0;
-  EXPECT_TRUE(VTPlatformInfo::getRegInt("~iHarbor", "nShared", &shared));
-  EXPECT_EQ(shared, kProcesses * kThreads * kRounds);
+  EXPECT_EQ(value("nShared"), kProcesses * kThreads * kRounds);
 }
 
 }  // namespace
