@@ -10,7 +10,7 @@
 #include "hds/helper/CommandHelper.h"
 #include "hds/platform/ZoSleep.h"
 #include "tests/support/FakeTools.h"
-#include "tests/support/RaidcomProbe.h"
+#include "tests/support/RaidcomKit.h"
 #include "tests/support/RecordingSnapInfo.h"
 #include "tests/support/SimArray.h"
 #include "tests/support/TestEnv.h"
@@ -25,6 +25,7 @@ using hdstest::arrayState;
 using hdstest::expectInChild;
 using hdstest::failing;
 using hdstest::SimArray;
+using hdstest::simCalls;
 using nlohmann::json;
 
 // The default array, plus: CL1-A listed once per attribute; a virtual storage machine "backup
@@ -62,33 +63,9 @@ std::string scenario() {
 
 class RaidcomPresentation : public ::testing::Test {
  protected:
-  RaidcomPresentation() : sim(env, scenario()) {
-    env.writeSettings("[iHarbor]\nsVTHDSHorcmDirectory=" + env.cciDir() +
-                      "\nsClientHostName=testhost\n");
-  }
-
+  RaidcomPresentation() : sim(env, scenario()) { hdstest::writeRaidcomSettings(env); }
   std::unique_ptr<hdstest::RaidcomProbe> handler(const std::string& resourceGroup = "") {
-    HDSCLIInitParam p = SimArray::raidcomParam();
-    p.resourceGroupName = resourceGroup;
-    // A handler outside meta_resource works on the virtual storage machine of its group.
-    p.isVirtualStorage = !resourceGroup.empty();
-    p.virtualStorageSerial = "512345";
-    auto h = std::make_unique<hdstest::RaidcomProbe>(log, p);
-    EXPECT_EQ(h->errorCode(), 0) << h->errorText();
-    return h;
-  }
-
-  // The raidcom calls whose arguments contain every one of the words, in order of the journal.
-  std::vector<std::string> raidcomCalls(std::vector<std::string> words) const {
-    std::vector<std::string> calls;
-    for (const auto& entry : sim.journal()) {
-      std::string line;
-      for (const std::string& arg : entry.args) line += "[" + arg + "]";
-      bool all = entry.tool == "raidcom";
-      for (const std::string& w : words) all = all && line.find(w) != std::string::npos;
-      if (all) calls.push_back(line);
-    }
-    return calls;
+    return hdstest::raidcomHandler(log, resourceGroup);
   }
 
   hdstest::TestEnv env;
@@ -128,7 +105,7 @@ TEST_F(RaidcomPresentation, PresentAndWithdrawLeavesTheArrayAsItWas) {
 
     ASSERT_EQ(h->deleteHostGroup("CL1-A", hg), 0) << h->errorText();
   });
-  EXPECT_EQ(raidcomCalls({"[add]", "[host_grp]"}).size(), 1u);
+  EXPECT_EQ(simCalls(sim, {"add", "host_grp"}).size(), 1u);
   EXPECT_EQ(arrayState(sim), before);
 }
 
@@ -151,14 +128,12 @@ TEST_F(RaidcomPresentation, HostGroupsJoinTheResourceGroupOrAreDeletedAgain) {
     // In meta_resource nothing is moved; how long a name may be is the array's to judge.
     handler()->createHostGroup("CL2-A", std::string(33, 'L'));
   });
-  EXPECT_EQ(
-      raidcomCalls({"[add][resource]"}),
-      (std::vector<std::string>{
-          "[add][resource][-resource_name][backup rsg][-port][CL2-A][esx cluster 7]"
-          "[-IM3532][-s][412345]",
-          "[add][resource][-resource_name][backup rsg][-port][CL2-A][KS_X][-IM3532][-s][412345]"}));
-  EXPECT_EQ(raidcomCalls({"[delete][host_grp][-port][CL2-A][KS_X]"}).size(), 1u);
-  EXPECT_EQ(raidcomCalls({"[-host_grp_name][" + std::string(33, 'L') + "]"}).size(), 1u);
+  EXPECT_EQ(simCalls(sim, {"add", "resource"}),
+            (std::vector<std::string>{"-resource_name 'backup rsg' -port CL2-A 'esx cluster 7'",
+                                      "-resource_name 'backup rsg' -port CL2-A KS_X"}));
+  EXPECT_EQ(simCalls(sim, {"delete", "host_grp"}), std::vector<std::string>{"-port CL2-A KS_X"});
+  EXPECT_EQ(simCalls(sim, {"add", "host_grp"}).back(),
+            "-port CL2-A -host_grp_name " + std::string(33, 'L'));
   EXPECT_THAT(sim.dump(), Not(HasSubstr("KS_X")));
 }
 
@@ -210,11 +185,15 @@ TEST_F(RaidcomPresentation, LdevLeavesTheVirtualStorageMachineInOrderUnderItsLoc
     probe.join();
     EXPECT_TRUE(heldMeanwhile);
   });
-  const auto moves = raidcomCalls({"resource][-"});
-  ASSERT_EQ(moves.size(), 3u);
-  EXPECT_THAT(moves[0], HasSubstr("[unmap][resource][-ldev_id][120][-virtual_ldev_id][2120]"));
-  EXPECT_THAT(moves[1], HasSubstr("[delete][resource][-resource_name][backup rsg][-ldev_id][120]"));
-  EXPECT_THAT(moves[2], HasSubstr("[map][resource][-ldev_id][120][-virtual_ldev_id][120]"));
+  std::vector<std::string> moves;
+  for (const std::string& call : simCalls(sim, {})) {
+    if (call.find("map resource") != std::string::npos || call.find("delete resource") == 0)
+      moves.push_back(call);
+  }
+  EXPECT_EQ(moves,
+            (std::vector<std::string>{"unmap resource -ldev_id 120 -virtual_ldev_id 2120",
+                                      "delete resource -resource_name 'backup rsg' -ldev_id 120",
+                                      "map resource -ldev_id 120 -virtual_ldev_id 120"}));
 }
 
 TEST_F(RaidcomPresentation, UsableMirrorUnitsOfRemotePairs) {

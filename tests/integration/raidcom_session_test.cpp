@@ -11,7 +11,7 @@
 #include "tests/support/FakeTools.h"
 #include "tests/support/Leftovers.h"
 #include "tests/support/ProcessHelpers.h"
-#include "tests/support/RaidcomProbe.h"
+#include "tests/support/RaidcomKit.h"
 #include "tests/support/RecordingSnapInfo.h"
 #include "tests/support/SimArray.h"
 #include "tests/support/ToolRun.h"
@@ -23,31 +23,19 @@ using hdstest::failing;
 using hdstest::RaidcomProbe;
 using hdstest::readFile;
 using hdstest::SimArray;
+using hdstest::simCalls;
 using hdstest::SimFault;
-using hdstest::SimJournalEntry;
 using hdstest::writeFile;
-
-bool isRaidcom(const SimJournalEntry& e, const std::string& first, const std::string& second = "") {
-  return e.tool == "raidcom" && !e.args.empty() && e.args[0] == first &&
-         (second.empty() || (e.args.size() > 1 && e.args[1] == second));
-}
+using hdstest::writeRaidcomSettings;
 
 class RaidcomSession : public ::testing::Test {
  protected:
   RaidcomSession() { settings(""); }
 
-  void settings(const std::string& localSection) {
-    env.writeSettings("[iHarbor]\nsVTHDSHorcmDirectory=" + env.cciDir() +
-                      "\nsClientHostName=testhost\n[~iHarbor]\n" + localSection);
-  }
+  void settings(const std::string& localSection) { writeRaidcomSettings(env, localSection); }
   static HDSCLIInitParam param() { return SimArray::raidcomParam(); }
-  // Raidcom calls that begin with these words; calls of the tool when `first` names a script.
-  size_t count(const std::string& first, const std::string& second = "") const {
-    size_t n = 0;
-    for (const SimJournalEntry& e : sim.journal()) {
-      n += first.find('.') != std::string::npos ? e.tool == first : isRaidcom(e, first, second);
-    }
-    return n;
+  size_t count(const std::vector<std::string>& words, const std::string& tool = "raidcom") const {
+    return simCalls(sim, words, tool).size();
   }
   // An asynchronous raidcom command ("modify ldev", "delete ldev") on LDEV 100.
   static int onLdev100(RaidcomProbe& handler, const std::string& command,
@@ -77,16 +65,15 @@ TEST_F(RaidcomSession, SixteenProcessesShareOneLogin) {
 
   // Sessions open and close strictly in turn, and every listing ran inside one.
   bool open = false;
-  for (const SimJournalEntry& e : sim.journal()) {
-    if (isRaidcom(e, "-login") || isRaidcom(e, "-logout")) {
-      EXPECT_NE(open, isRaidcom(e, "-login")) << "sessions overlapped, or one closed twice";
-      open = isRaidcom(e, "-login");
-    } else if (isRaidcom(e, "get", "resource")) {
-      EXPECT_TRUE(open && e.exitCode == 0);
+  for (const std::string& call : simCalls(sim, {})) {
+    if (call.rfind("-log", 0) == 0) {
+      EXPECT_NE(open, call.rfind("-login", 0) == 0) << "sessions overlapped, or one closed twice";
+      open = call.rfind("-login", 0) == 0;
     }
+    EXPECT_TRUE(open || call.rfind("get resource", 0) != 0) << "a listing outside a session";
   }
   EXPECT_FALSE(open);
-  EXPECT_EQ(count("get", "resource"), 16u);
+  EXPECT_EQ(count({"get", "resource"}), 16u);
 }
 
 TEST_F(RaidcomSession, HorcmFileIsWrittenByTheFirstHandlerAndSharedByTheNext) {
@@ -102,9 +89,9 @@ TEST_F(RaidcomSession, HorcmFileIsWrittenByTheFirstHandlerAndSharedByTheNext) {
     EXPECT_EQ(hdstest::loginCount(env), 2);
   });
   EXPECT_EQ(readFile(env.horcmDir() + "horcm3530.conf"), SimArray::raidcomHorcmConf(3530));
-  EXPECT_EQ(count("horcmstart.sh"), 1u);
-  EXPECT_EQ(count("-login"), 1u);
-  EXPECT_EQ(count("-logout"), 1u);
+  EXPECT_EQ(count({}, "horcmstart.sh"), 1u);
+  EXPECT_EQ(count({"-login"}), 1u);
+  EXPECT_EQ(count({"-logout"}), 1u);
 
   for (int n = 3500; n <= 3532; ++n) {
     writeFile(env.horcmDir() + "horcm" + std::to_string(n) + ".conf", otherArray);
@@ -143,8 +130,8 @@ TEST_F(RaidcomSession, LoginCountDecidesWhoLogsInAndOut) {
     EXPECT_EQ(handler.getLoginCount(), -1);
   });
   // The destructor's logout failed on the missing count and ran nothing.
-  EXPECT_EQ(count("-login"), 1u);
-  EXPECT_EQ(count("-logout"), 1u);
+  EXPECT_EQ(count({"-login"}), 1u);
+  EXPECT_EQ(count({"-logout"}), 1u);
 }
 
 TEST_F(RaidcomSession, ExpiredLoginCostsExactlyOneRelogin) {
@@ -152,7 +139,7 @@ TEST_F(RaidcomSession, ExpiredLoginCostsExactlyOneRelogin) {
     RaidcomProbe handler(log, param());
     sim.expireSessions();
     EXPECT_EQ(handler.listResourceGroups(), 0);
-    EXPECT_EQ(count("-login"), 2u);
+    EXPECT_EQ(count({"-login"}), 2u);
     // A forced login counts only its own session.
     EXPECT_EQ(hdstest::loginCount(env), 1);
 
@@ -163,8 +150,8 @@ TEST_F(RaidcomSession, ExpiredLoginCostsExactlyOneRelogin) {
                                        "raidcom  get resource   -IM3532 -s 412345 returned exit "
                                        "code [202].");
   });
-  EXPECT_EQ(count("-login"), 3u);
-  EXPECT_EQ(count("get", "resource"), 4u);
+  EXPECT_EQ(count({"-login"}), 3u);
+  EXPECT_EQ(count({"get", "resource"}), 4u);
 }
 
 TEST_F(RaidcomSession, ResourceGroupLockSharedInProcessAndWaitedForFromOutside) {
@@ -176,15 +163,15 @@ TEST_F(RaidcomSession, ResourceGroupLockSharedInProcessAndWaitedForFromOutside) 
     ASSERT_EQ(second.lockResource(), 0);
     EXPECT_EQ(first.unlockResource(), 0);
     EXPECT_EQ(second.unlockResource(), 0);
-    EXPECT_EQ(count("lock", "resource"), 1u);
-    EXPECT_EQ(count("unlock", "resource"), 1u);
+    EXPECT_EQ(count({"lock", "resource"}), 1u);
+    EXPECT_EQ(count({"unlock", "resource"}), 1u);
 
     sim.lockResourceGroup("meta_resource", "admin", "Storage Navigator");
     EXPECT_EQ(first.lockResource(), 1);
     EXPECT_EQ(first.errorCode(), 62601);
     EXPECT_EQ(first.errorText(),
               "Resource group meta_resource is locked by user admin from host Storage Navigator");
-    EXPECT_EQ(count("get", "resource"), 2u + 50u);
+    EXPECT_EQ(count({"get", "resource"}), 2u + 50u);
   });
 }
 
@@ -193,7 +180,7 @@ TEST_F(RaidcomSession, AsynchronousCommandStatus) {
   expectInChild([&] {
     RaidcomProbe handler(log, param());
     auto rename = [&] { return onLdev100(handler, "modify ldev", " -ldev_name renamed"); };
-    sim.addFault(SimFault{"raidcom", "modify ldev", {}, "", "", 1, 0, "2E31,4016"});
+    sim.addFault(SimFault{"raidcom", "modify ldev", {}, "", "", 1, 0, "2E31,4016", ""});
     EXPECT_EQ(rename(), 1);
     EXPECT_EQ(handler.errorText(), "Command status has error.");
 
@@ -209,8 +196,8 @@ TEST_F(RaidcomSession, AsynchronousCommandStatus) {
         log.contains("Failed to get command status for command [raidcom  modify ldev ]", 2));
     EXPECT_EQ(handler.errorText(), "Failed get command status.");
   });
-  EXPECT_EQ(count("reset", "command_status"), 3u);
-  EXPECT_EQ(count("get", "command_status"), 1u + 3u + 3u);
+  EXPECT_EQ(count({"reset", "command_status"}), 3u);
+  EXPECT_EQ(count({"get", "command_status"}), 1u + 3u + 3u);
 }
 
 TEST_F(RaidcomSession, DestructorReleasesLockAndSessionAfterAFailureAndLeaksNoPassword) {
@@ -225,8 +212,8 @@ TEST_F(RaidcomSession, DestructorReleasesLockAndSessionAfterAFailureAndLeaksNoPa
     }
     EXPECT_EQ(log.count(SimArray::kPassword), 0u) << log.dump();
   });
-  EXPECT_EQ(count("unlock", "resource"), 1u);
-  EXPECT_EQ(count("-logout"), 1u);
+  EXPECT_EQ(count({"unlock", "resource"}), 1u);
+  EXPECT_EQ(count({"-logout"}), 1u);
   EXPECT_EQ(hdstest::loginCount(env), 0);
 
   // The simulator's state is the array's side, which knows the password anyway.
@@ -250,8 +237,8 @@ TEST_F(RaidcomSession, DelayedLogoutKeepsThePrepareSessionForTheCreateStep) {
     EXPECT_EQ(create.instanceArgs(), " -IM3532 -s 412345");
     EXPECT_EQ(create.listResourceGroups(), 0);
   });
-  EXPECT_EQ(count("-login"), 1u);
-  EXPECT_EQ(count("-logout"), 1u);
+  EXPECT_EQ(count({"-login"}), 1u);
+  EXPECT_EQ(count({"-logout"}), 1u);
   EXPECT_EQ(hdstest::loginCount(env), 0);
 }
 
@@ -273,9 +260,9 @@ TEST_F(RaidcomSession, StoppedInstanceIsStartedAgainOnce) {
                                        "raidcom  get resource   -IM3532 -s 412345 returned exit "
                                        "code [251].");
   });
-  EXPECT_EQ(count("horcmstart.sh"), 3u);
-  EXPECT_EQ(count("-login"), 2u);
-  EXPECT_EQ(count("get", "resource"), 3u + 2u);
+  EXPECT_EQ(count({}, "horcmstart.sh"), 3u);
+  EXPECT_EQ(count({"-login"}), 2u);
+  EXPECT_EQ(count({"get", "resource"}), 3u + 2u);
 }
 
 TEST_F(RaidcomSession, FailedSessionsGiveTheirInstanceBack) {
@@ -309,9 +296,9 @@ TEST_F(RaidcomSession, FailedSessionsGiveTheirInstanceBack) {
     EXPECT_EQ(working.instance(), "3532");
   });
   EXPECT_EQ(hdstest::filesIn(env.horcmDir()), std::set<std::string>{"horcm3532.conf"});
-  EXPECT_EQ(count("horcmstart.sh"), 40u + 2u);
-  EXPECT_EQ(count("horcmshutdown.sh"), 1u);
-  EXPECT_EQ(count("-login"), 2u);
+  EXPECT_EQ(count({}, "horcmstart.sh"), 40u + 2u);
+  EXPECT_EQ(count({}, "horcmshutdown.sh"), 1u);
+  EXPECT_EQ(count({"-login"}), 2u);
 }
 
 // Bounds where the settings give no rule of their own: below 1 is the default.
