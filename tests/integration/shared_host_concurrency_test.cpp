@@ -9,7 +9,7 @@
 #include "hds/platform/VTPlatformInfo.h"
 #include "tests/support/Leftovers.h"
 #include "tests/support/ProcessHelpers.h"
-#include "tests/support/RaidcomProbe.h"
+#include "tests/support/RaidcomKit.h"
 #include "tests/support/RecordingSnapInfo.h"
 #include "tests/support/SimArray.h"
 #include "tests/support/ToolRun.h"
@@ -17,7 +17,6 @@
 namespace {
 
 using hdstest::SimArray;
-using hdstest::SimJournalEntry;
 
 constexpr int kProcesses = 4;
 constexpr int kThreads = 4;
@@ -52,10 +51,6 @@ int threadWork(VTSO::SnapInfo& log, int process, int thread) {
   return 0;
 }
 
-bool isRaidcom(const SimJournalEntry& e, const char* verb, const char* object) {
-  return e.tool == "raidcom" && e.args.size() > 1 && e.args[0] == verb && e.args[1] == object;
-}
-
 // The exit codes of kProcesses processes that each run work(log, process, thread) in kThreads
 // threads: 0, or a result other than 0 that one of its threads gave.
 std::vector<int> inThreadsOfProcesses(int (*work)(VTSO::SnapInfo&, int, int)) {
@@ -76,8 +71,7 @@ std::vector<int> inThreadsOfProcesses(int (*work)(VTSO::SnapInfo&, int, int)) {
 TEST(SharedHost, ThreadsOfSeveralProcessesShareOneSessionLockAndCounter) {
   hdstest::TestEnv env;
   SimArray sim(env);
-  env.writeSettings("[iHarbor]\nsVTHDSHorcmDirectory=" + env.cciDir() +
-                    "\nsClientHostName=testhost\n[~iHarbor]\n");
+  hdstest::writeRaidcomSettings(env);
   const std::string before = hdstest::arrayState(sim);
 
   EXPECT_EQ(inThreadsOfProcesses(threadWork), std::vector<int>(kProcesses, 0))
@@ -93,13 +87,13 @@ TEST(SharedHost, ThreadsOfSeveralProcessesShareOneSessionLockAndCounter) {
   // Synchronous commands take no lock and may come in between.
   bool open = false;
   size_t ldevCommands = 0;
-  for (const SimJournalEntry& e : sim.journal()) {
-    if (isRaidcom(e, "reset", "command_status")) {
+  for (const std::string& call : hdstest::simCalls(sim, {})) {
+    if (call.rfind("reset command_status", 0) == 0) {
       EXPECT_FALSE(open) << "two asynchronous commands overlapped";
       open = true;
-    } else if (isRaidcom(e, "get", "command_status")) {
+    } else if (call.rfind("get command_status", 0) == 0) {
       open = false;
-    } else if (isRaidcom(e, "add", "ldev") || isRaidcom(e, "delete", "ldev")) {
+    } else if (call.rfind("add ldev", 0) == 0 || call.rfind("delete ldev", 0) == 0) {
       EXPECT_TRUE(open) << "an LDEV was made or deleted outside its status window";
       ++ldevCommands;
     }
