@@ -12,8 +12,6 @@
 #include "tests/support/FakeTools.h"
 #include "tests/support/RaidcomKit.h"
 #include "tests/support/RecordingSnapInfo.h"
-#include "tests/support/SimArray.h"
-#include "tests/support/TestEnv.h"
 #include "tests/support/ToolRun.h"
 
 namespace {

@@ -14,7 +14,6 @@
 #include "tests/support/ProcessHelpers.h"
 #include "tests/support/RaidcomKit.h"
 #include "tests/support/RecordingSnapInfo.h"
-#include "tests/support/SimArray.h"
 #include "tests/support/ToolRun.h"
 
 namespace {
