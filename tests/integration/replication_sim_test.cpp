@@ -156,10 +156,14 @@ TEST_F(ReplicationOnSim, VirtualisationIsUndoneOnFailureAndReleasedOnDeletion) {
   EXPECT_EQ(hdstest::arrayState(sim), before);
 }
 
-TEST_F(ReplicationOnSim, LdevQueries) {
+TEST_F(ReplicationOnSim, LdevQueriesAndRefusals) {
   sim.addFault(failing("get ldev -ldev_list undefined", 246, ""));
   sim.addFault(failing("get ldev -ldev_id 65279", 253, ""));
+  const std::string cause = std::string(kRejected) + "CAUSE : LDEV is not installed.\n";
+  sim.addFault(failing("add device_grp", 221, cause, 2));
+  sim.addFault(failing("add snapshot", 221, cause));
   expectInChild([&] {
+    ZoSetTimeScale(0.001);
     auto h = handler();
     std::vector<hdsLdev_t> ldevs;
     ASSERT_EQ(h->getLdevlList(ldevs, {{VT_HDS_LDEV_FILTER_CU, "0"}}), 0);
@@ -176,17 +180,8 @@ TEST_F(ReplicationOnSim, LdevQueries) {
     EXPECT_EQ(maxLdev, 16383);
     EXPECT_EQ(h->getMaxLdevNumber(maxLdev), 0);
     EXPECT_EQ(maxLdev, 65279);
-  });
-  EXPECT_EQ(calls("get", "ldev")[0], "-ldev_id 0 -cnt 256");
-}
 
-TEST_F(ReplicationOnSim, RefusalsCarryTheirCauseIntoTheError) {
-  const std::string cause = std::string(kRejected) + "CAUSE : LDEV is not installed.\n";
-  sim.addFault(failing("add device_grp", 221, cause, 2));
-  sim.addFault(failing("add snapshot", 221, cause));
-  expectInChild([&] {
-    ZoSetTimeScale(0.001);
-    auto h = handler();
+    // A refusal carries its cause into the error.
     auto pairs = newPairs(1, 1000);
     EXPECT_EQ(h->addVolsToDeviceGroup(pairs, kSvolGroup, kPvolGroup), 1);
     EXPECT_EQ(h->errorText(), " LDEV is not installed.\n-Failed to add SVOLs to device group " +
@@ -199,6 +194,7 @@ TEST_F(ReplicationOnSim, RefusalsCarryTheirCauseIntoTheError) {
     EXPECT_EQ(h->operateOnSnapshotGroup("", "", VT_HDS_SNAP_OP_SPLIT), 1);
     EXPECT_EQ(h->deleteLdevFromDeviceGroup("100", kPvolGroup), 0);
   });
+  EXPECT_EQ(calls("get", "ldev")[0], "-ldev_id 0 -cnt 256");
   EXPECT_EQ(calls("add", "snapshot")[0],
             "-ldev_id 100 1000 -pool 1 -snapshotgroup KS_SNAP_job1 -snap_mode CTG cascade");
   EXPECT_TRUE(calls("modify", "snapshot").empty());
