@@ -48,8 +48,7 @@ TEST(CciSimWalk, CopyGroupFromCreateToSimplex) {
     ASSERT_EQ(handler.CheckIfCommandDeviceExist(), 0) << log.dump();
     handler.setDeviceGroups("DG_P", "DG_S");
     ASSERT_EQ(handler.startHorcm(), 0) << log.dump();
-    const std::string own = handler.getInstance();
-    const std::string peer = handler.getPeerInstance();
+    const std::vector<std::string> instances = {handler.getInstance(), handler.getPeerInstance()};
 
     // Each step reaches its status on the array, and pairdisplay reads it back on both sides.
     auto reach = [&](int result, const std::string& status, const std::string& device = "") {
@@ -77,7 +76,7 @@ TEST(CciSimWalk, CopyGroupFromCreateToSimplex) {
     EXPECT_EQ(handler.stopHorcm(), 0);
     EXPECT_EQ(handler.getInstance() + handler.getPeerInstance(), "-1-1");
     const std::string state = sim.dump();
-    for (const std::string& instance : {own, peer}) {
+    for (const std::string& instance : instances) {
       EXPECT_FALSE(hdstest::pathExists(env.horcmDir() + "horcm" + instance + ".conf"));
       EXPECT_EQ(state.find("instance " + instance + " "), std::string::npos) << state;
     }

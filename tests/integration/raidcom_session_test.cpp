@@ -216,7 +216,6 @@ TEST_F(RaidcomSession, DelayedLogoutKeepsThePrepareSessionForTheCreateStep) {
 TEST_F(RaidcomSession, StoppedInstanceIsStartedAgainOnce) {
   expectInChild([&] {
     RaidcomProbe handler(log, param());
-    ASSERT_EQ(handler.errorCode(), 0) << handler.errorText();
     // The instance went, and the session with it: one start, one login, and the listing again.
     sim.run("horcmshutdown.sh", {"3532"});
     EXPECT_EQ(handler.listResourceGroups(), 0) << handler.errorText();

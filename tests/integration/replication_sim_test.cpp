@@ -187,7 +187,6 @@ TEST_F(ReplicationOnSim, LdevQueriesAndRefusals) {
               "Failed to add snapshot-<LDEV-[1000], Pool-[1], Mode-[ CTG  cascade ], "
               "SnapshotGroup-[KS_SNAP_job1]>. Error-[ LDEV is not installed.]");
     EXPECT_EQ(h->operateOnSnapshotGroup("", "", VT_HDS_SNAP_OP_SPLIT), 1);
-    EXPECT_EQ(h->deleteLdevFromDeviceGroup("100", kPvolGroup), 0);
   });
   EXPECT_EQ(calls("get", "ldev")[0], "-ldev_id 0 -cnt 256");
   EXPECT_EQ(calls("add", "snapshot")[0],

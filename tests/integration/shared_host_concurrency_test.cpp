@@ -29,17 +29,15 @@ int threadWork(VTSO::SnapInfo& log, int process, int thread) {
   if (h.errorCode() != 0) return 1;
   if (h.lockResource() != 0) return 2;
   const std::string svol = std::to_string(3000 + process * 10 + thread);
-  const std::string pvol = std::to_string(100 + process * kThreads + thread);
   std::map<std::string, hdsLdev_t> pair;
-  hdsLdev_t& l = pair[pvol + "->" + svol];
+  hdsLdev_t& l = pair[std::to_string(100 + process * kThreads + thread) + "->" + svol];
   l.serialNumber = SimArray::kSerial;
   l.ldevId = svol;
   l.capacity = 2097152;
   if (h.createSvol(pair, "0") != 0) return 3;
   if (h.modifySvolLabel(svol, "KS_SVOL_" + svol) != 0) return 4;
   for (int i = 0; i < kScriptsPerThread; ++i) {
-    const std::string word =
-        "p" + std::to_string(process) + "t" + std::to_string(thread) + "i" + std::to_string(i);
+    const std::string word = "w" + std::to_string((process * kThreads + thread) * 10 + i);
     std::string output;
     int exitCode = -1;
     if (h.executeScriptFile("echo " + word + "\n", output, exitCode) != 0) return 5;
