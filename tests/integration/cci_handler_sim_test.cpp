@@ -8,9 +8,8 @@
 
 #include "hds/cci/CCICommandHandler.h"
 #include "tests/support/FakeTools.h"
+#include "tests/support/RaidcomKit.h"
 #include "tests/support/RecordingSnapInfo.h"
-#include "tests/support/SimArray.h"
-#include "tests/support/TestEnv.h"
 
 namespace {
 
@@ -38,8 +37,7 @@ TEST(CciSimWalk, CopyGroupFromCreateToSimplex) {
       "copy_groups": [{"name": "CG1", "pvol_group": "DG_P", "svol_group": "DG_S"}]})"));
     hdstest::SimArray sim(env, scenario.dump());
     sim.setTimings(/*copyMs=*/300);
-    env.writeSettings("[iHarbor]\nsVTHDSHorcmDirectory=" + sim.cciDir() +
-                      "\nsClientHostName=localhost\n");
+    hdstest::writeRaidcomSettings(env);
     hdstest::RecordingSnapInfo log;
     HDSCLIInitParam param;
     param.serialNumber = hdstest::SimArray::kSerial;

@@ -26,10 +26,9 @@ using hdstest::SimArray;
 using hdstest::simCalls;
 using nlohmann::json;
 
-// The default array, plus: CL1-A listed once per attribute; a virtual storage machine "backup
-// rsg" holding LDEV 120 under virtual id 2120; device groups; host group CL2-A-3 presenting
-// LDEVs 100-102 and 110, with remote pairs of 100 and 101 on mirror units 0 (complete), 1
-// (partial) and 2 (101 suspended), and a local pair 102 -> 110.
+// The default array, plus: CL1-A listed once per attribute; LDEV 120 under virtual id 2120 in
+// the virtual storage machine "backup rsg"; host group CL2-A-3 presenting LDEVs 100-102 and 110;
+// remote pairs of 100 and 101 on mirror units 0 (complete), 1 (partial) and 2 (101 suspended).
 std::string scenario() {
   json s = json::parse(SimArray::defaultScenario());
   json& a = s["arrays"][0];

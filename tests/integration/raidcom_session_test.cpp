@@ -82,7 +82,6 @@ TEST_F(RaidcomSession, HorcmFileIsWrittenByTheFirstHandlerAndSharedByTheNext) {
   expectInChild([&] {
     RaidcomProbe first(log, param());
     ASSERT_EQ(first.errorCode(), 0) << first.errorText();
-    EXPECT_EQ(first.instanceArgs(), " -IM3530 -s 412345");
     RaidcomProbe second(log, param());
     EXPECT_EQ(second.instance(), "3530");
     EXPECT_EQ(hdstest::loginCount(env), 2);

@@ -38,10 +38,9 @@ inline std::vector<std::string> simCalls(const SimArray& sim, const std::vector<
                                          const std::string& tool = "raidcom") {
   std::vector<std::string> calls;
   for (const SimJournalEntry& e : sim.journal()) {
-    if (e.tool != tool || e.args.size() < words.size() ||
-        !std::equal(words.begin(), words.end(), e.args.begin())) {
-      continue;
-    }
+    const bool match = e.tool == tool && e.args.size() >= words.size() &&
+                       std::equal(words.begin(), words.end(), e.args.begin());
+    if (!match) continue;
     std::string joined;
     for (size_t i = words.size(); i < e.args.size() && e.args[i].rfind("-I", 0) != 0; ++i) {
       const std::string& a = e.args[i];
