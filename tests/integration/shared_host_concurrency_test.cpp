@@ -54,9 +54,9 @@ std::vector<int> inThreadsOfProcesses(int (*work)(VTSO::SnapInfo&, int, int)) {
   return hdstest::runInChildren(kProcesses, [work](int process) {
     hdstest::RecordingSnapInfo log;
     std::atomic<int> failed{0};
-    std::vector<std::thread> threads;
+    std::thread threads[kThreads];
     for (int t = 0; t < kThreads; ++t) {
-      threads.emplace_back([&, t] {
+      threads[t] = std::thread([&, t] {
         if (int result = work(log, process, t)) failed = result;
       });
     }
