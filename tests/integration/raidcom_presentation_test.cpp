@@ -1,6 +1,5 @@
-// Ports, host groups, LU paths, resource groups, copy groups and pair information through a
-// raidcom handler against ccisim. Every scenario runs in a child process, because handlers keep
-// per-process caches.
+// Ports, host groups, LU paths, resource groups, copy groups and pair information against ccisim,
+// each in a child process, because handlers keep per-process caches.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -11,10 +10,8 @@
 #include "hds/helper/CommandHelper.h"
 #include "hds/platform/ZoSleep.h"
 #include "tests/support/FakeTools.h"
-#include "tests/support/RaidcomProbe.h"
+#include "tests/support/RaidcomKit.h"
 #include "tests/support/RecordingSnapInfo.h"
-#include "tests/support/SimArray.h"
-#include "tests/support/TestEnv.h"
 #include "tests/support/ToolRun.h"
 
 namespace {
@@ -26,12 +23,12 @@ using hdstest::arrayState;
 using hdstest::expectInChild;
 using hdstest::failing;
 using hdstest::SimArray;
+using hdstest::simCalls;
 using nlohmann::json;
 
-// The default array, plus: CL1-A listed once per attribute; a virtual storage machine "backup
-// rsg" holding LDEV 120 under virtual id 2120; device groups; host group CL2-A-3 presenting
-// LDEVs 100-102 and 110, with remote pairs of 100 and 101 on mirror units 0 (complete), 1
-// (partial) and 2 (101 suspended), and a local pair 102 -> 110.
+// The default array, plus: CL1-A listed once per attribute; LDEV 120 under virtual id 2120 in
+// the virtual storage machine "backup rsg"; host group CL2-A-3 presenting LDEVs 100-102 and 110;
+// remote pairs of 100 and 101 on mirror units 0 (complete), 1 (partial) and 2 (101 suspended).
 std::string scenario() {
   json s = json::parse(SimArray::defaultScenario());
   json& a = s["arrays"][0];
@@ -44,10 +41,8 @@ std::string scenario() {
       [{"lun": 0, "ldev": 100}, {"lun": 1, "ldev": 101}, {"lun": 2, "ldev": 102},
        {"lun": 10, "ldev": 110}]})"));
   a.update(json::parse(R"({
-    "device_groups": [{"name": "KS_DEV_S_1", "members": [{"device": "d104", "ldev": 104},
-                                                        {"device": "d105", "ldev": 105}]},
-                      {"name": "KS_DEV_P_1", "members": [{"device": "d106", "ldev": 106},
-                                                        {"device": "d107", "ldev": 107}]}],
+    "device_groups": [{"name": "KS_DEV_S_1", "members": [{"device": "d104", "ldev": 104}]},
+                      {"name": "KS_DEV_P_1", "members": [{"device": "d106", "ldev": 106}]}],
     "pairs": [{"pvol": 100, "svol": 200, "mirror": 0, "kind": "HORC", "status": "PAIR"},
               {"pvol": 101, "svol": 201, "mirror": 0, "kind": "HORC", "status": "PAIR"},
               {"pvol": 100, "svol": 210, "mirror": 1, "kind": "GAD", "status": "PAIR"},
@@ -63,33 +58,9 @@ std::string scenario() {
 
 class RaidcomPresentation : public ::testing::Test {
  protected:
-  RaidcomPresentation() : sim(env, scenario()) {
-    env.writeSettings("[iHarbor]\nsVTHDSHorcmDirectory=" + env.cciDir() +
-                      "\nsClientHostName=testhost\n");
-  }
-
+  RaidcomPresentation() : sim(env, scenario()) { hdstest::writeRaidcomSettings(env); }
   std::unique_ptr<hdstest::RaidcomProbe> handler(const std::string& resourceGroup = "") {
-    HDSCLIInitParam p = SimArray::raidcomParam();
-    p.resourceGroupName = resourceGroup;
-    // A handler outside meta_resource works on the virtual storage machine of its group.
-    p.isVirtualStorage = !resourceGroup.empty();
-    p.virtualStorageSerial = "512345";
-    auto h = std::make_unique<hdstest::RaidcomProbe>(log, p);
-    EXPECT_EQ(h->errorCode(), 0) << h->errorText();
-    return h;
-  }
-
-  // The raidcom calls whose arguments contain every one of the words, in order of the journal.
-  std::vector<std::string> raidcomCalls(std::vector<std::string> words) const {
-    std::vector<std::string> calls;
-    for (const auto& entry : sim.journal()) {
-      std::string line;
-      for (const std::string& arg : entry.args) line += "[" + arg + "]";
-      bool all = entry.tool == "raidcom";
-      for (const std::string& w : words) all = all && line.find(w) != std::string::npos;
-      if (all) calls.push_back(line);
-    }
-    return calls;
+    return hdstest::raidcomHandler(log, resourceGroup);
   }
 
   hdstest::TestEnv env;
@@ -120,14 +91,6 @@ TEST_F(RaidcomPresentation, PresentAndWithdrawLeavesTheArrayAsItWas) {
     ASSERT_EQ(withWwn.hostGroups.size(), 1u);
     EXPECT_EQ(withWwn.hostGroups[0].hostGroupName, "KS_PRE_SNAP_HOST_GROUP");
 
-    ASSERT_EQ(h->mapDeviceGroupToHostGroup("KS_DEV_S_1", "CL1-A", hg), 0) << h->errorText();
-    std::vector<hdsLun_t> luns;
-    ASSERT_EQ(h->getLunsForHostGroup("CL1-A", hg, luns), 0);
-    ASSERT_EQ(luns.size(), 2u);
-    EXPECT_EQ(luns[1].ldevId, "105");
-    EXPECT_EQ(luns[1].lunId, "1");
-    ASSERT_EQ(h->unmapDeviceGroupFromHostGroup("KS_DEV_S_1", "CL1-A", hg), 0) << h->errorText();
-
     ASSERT_EQ(h->addCopyGroup("KS_CG_1", "KS_DEV_P_1", "KS_DEV_S_1", 0), 0) << h->errorText();
     std::vector<hdsCopyGroup_t> groups;
     ASSERT_EQ(h->getCopyGroup(groups, "KS_CG_1"), 0);
@@ -136,89 +99,57 @@ TEST_F(RaidcomPresentation, PresentAndWithdrawLeavesTheArrayAsItWas) {
     ASSERT_EQ(h->deleteCopyGroup("KS_CG_1"), 0) << h->errorText();
 
     ASSERT_EQ(h->deleteHostGroup("CL1-A", hg), 0) << h->errorText();
-  });
-  EXPECT_EQ(raidcomCalls({"[add]", "[host_grp]"}).size(), 1u);
-  EXPECT_EQ(arrayState(sim), before);
-}
 
-TEST_F(RaidcomPresentation, NamesWithBlanksSurviveCommandsAndListings) {
-  expectInChild([&] {
-    auto h = handler("backup rsg");
-    ASSERT_EQ(h->createHostGroup("CL2-A", "esx cluster 7"), 0) << h->errorText();
-    std::string hg = "ESX Cluster 7";
-    ASSERT_EQ(h->findHostGroup("CL2-A", hg), 0) << h->errorText();
-    EXPECT_EQ(hg, "1");
-
-    // Limited to the handler's group, only the new host group is listed.
-    hdsPort_t own;
-    ASSERT_EQ(h->getPortHostGroupList("CL2-A", "", own, false, "", true), 0) << h->errorText();
-    ASSERT_EQ(own.hostGroups.size(), 1u);
-    EXPECT_EQ(own.hostGroups[0].hostGroupName, "esx cluster 7");
-    ASSERT_EQ(h->addWWNToHostGroup("CL2-A", "esx cluster 7", "10000090fa1b2c4d"), 0)
-        << h->errorText();
-    hdsHostGroup_t info;
-    ASSERT_EQ(h->getHostGroupInfo("CL2-A", hg, info), 0);
-    EXPECT_EQ(info.hostGroupName, "esx cluster 7");
-    EXPECT_EQ(info.wwns, std::vector<std::string>{"10000090fa1b2c4d"});
-    std::vector<hdsLun_t> luns;
-    ASSERT_EQ(h->getLunsForHostGroup("CL2-A", "prod hosts", luns), 0) << h->errorText();
-    EXPECT_EQ(luns.size(), 4u);
-    ASSERT_EQ(h->deleteHostGroup("CL2-A", "esx cluster 7"), 0) << h->errorText();
-    // How long a name may be is the array's to judge: a longer one still reaches it.
-    h->createHostGroup("CL2-A-port-name-17", std::string(33, 'L'));
-  });
-  EXPECT_EQ(
-      raidcomCalls({"[-port][CL2-A-port-name-17][-host_grp_name][" + std::string(33, 'L')}).size(),
-      1u);
-  EXPECT_EQ(raidcomCalls({"[-resource_name][backup rsg][-port][CL2-A][esx cluster 7]"}).size(), 1u);
-  EXPECT_EQ(raidcomCalls({"[delete][host_grp][-port][CL2-A][esx cluster 7]"}).size(), 1u);
-}
-
-TEST_F(RaidcomPresentation, HostGroupThatCannotJoinTheResourceGroupIsDeletedAgain) {
-  sim.addFault(failing("add resource", 221, "raidcom: [EX_CMDRJE] rejected\n"));
-  expectInChild([&] {
-    auto h = handler("backup rsg");
-    EXPECT_EQ(h->createHostGroup("CL2-A", "KS_X"), 1);
-    EXPECT_EQ(h->errorCode(), 62601);
-    EXPECT_EQ(h->errorText(), "Failed to create host group CL2-A KS_X");
-    EXPECT_TRUE(
-        log.contains("Failed to move host group [CL2-A-KS_X] to resource group [backup rsg]", 2));
-    // In meta_resource nothing is moved.
-    auto meta = handler();
-    EXPECT_EQ(meta->createHostGroup("CL2-A", "KS_Y"), 0);
-  });
-  EXPECT_EQ(raidcomCalls({"[delete][host_grp][-port][CL2-A][KS_X]"}).size(), 1u);
-  EXPECT_EQ(raidcomCalls({"[add][resource]"}).size(), 1u);
-  EXPECT_THAT(sim.dump(), Not(HasSubstr("KS_X")));
-}
-
-TEST_F(RaidcomPresentation, MappingAndUnmappingOutcomes) {
-  auto failDelete = [&](const std::string& text) {
-    sim.addFault(
-        failing("delete lun", 221, "raidcom: [EX_CMDRJE] rejected\nCAUSE : " + text + ".\n"));
-  };
-  expectInChild([&] {
-    auto h = handler();
     EXPECT_EQ(h->mapLdevToHostGroup("100", "CL2-A", "3"), 0);
     EXPECT_TRUE(log.contains("Ldev [100] is already mapped to host group [CL2-A-3]", 2));
     EXPECT_EQ(h->errorCode(), 0);
 
-    failDelete("LU is executing host I/O");
-    EXPECT_EQ(h->unmapLdevFromHostGroup("100", "CL2-A", "3"), 1);
-    EXPECT_EQ(h->errorCode(), 2);
-    EXPECT_EQ(h->errorText(), "Failed to unmap ldev 100 from host group CL2-A 3");
-    failDelete("It is the last path of Snapshot");
-    EXPECT_EQ(h->unmapLdevFromHostGroup("100", "CL2-A", "3"), 1);
-    EXPECT_EQ(h->errorCode(), 3);
-    failDelete("Something else");
-    EXPECT_EQ(h->unmapLdevFromHostGroup("100", "CL2-A", "3"), 1);
-    EXPECT_EQ(h->errorCode(), 62601);
+    for (const auto& [cause, code] :
+         std::vector<std::pair<std::string, int>>{{"LU is executing host I/O", 2},
+                                                  {"It is the last path of Snapshot", 3},
+                                                  {"Other", 62601}}) {
+      sim.addFault(
+          failing("delete lun", 221, "raidcom: [EX_CMDRJE] rejected\nCAUSE : " + cause + ".\n"));
+      EXPECT_EQ(h->unmapLdevFromHostGroup("100", "CL2-A", "3"), 1);
+      EXPECT_EQ(h->errorCode(), code) << cause;
+      EXPECT_EQ(h->errorText(), "Failed to unmap ldev 100 from host group CL2-A 3");
+    }
 
     EXPECT_EQ(h->unmapLdevFromHostGroup("100", "CL2-A", "3"), 0);
     EXPECT_EQ(h->unmapLdevFromHostGroup("100", "CL2-A", "3"), 0);  // exit 205: already gone
     EXPECT_TRUE(log.contains("Ldev [100] is already unmapped from host group [CL2-A-3]", 2));
     EXPECT_EQ(h->mapLdevToHostGroup("100", "CL2-A", "3"), 0);
   });
+  EXPECT_EQ(simCalls(sim, {"add", "host_grp"}).size(), 1u);
+  EXPECT_EQ(arrayState(sim), before);
+}
+
+TEST_F(RaidcomPresentation, HostGroupsJoinTheResourceGroupOrAreDeletedAgain) {
+  sim.addFault(failing("add resource.*KS_X", 221, "raidcom: [EX_CMDRJE] rejected\n"));
+  expectInChild([&] {
+    auto h = handler("backup rsg");
+    ASSERT_EQ(h->createHostGroup("CL2-A", "esx cluster 7"), 0) << h->errorText();
+    // Limited to the handler's group, only the new host group is listed.
+    hdsPort_t own;
+    ASSERT_EQ(h->getPortHostGroupList("CL2-A", "", own, false, "", true), 0) << h->errorText();
+    ASSERT_EQ(own.hostGroups.size(), 1u);
+    EXPECT_EQ(own.hostGroups[0].hostGroupName, "esx cluster 7");
+
+    EXPECT_EQ(h->createHostGroup("CL2-A", "KS_X"), 1);
+    EXPECT_EQ(h->errorCode(), 62601);
+    EXPECT_EQ(h->errorText(), "Failed to create host group CL2-A KS_X");
+    EXPECT_TRUE(
+        log.contains("Failed to move host group [CL2-A-KS_X] to resource group [backup rsg]", 2));
+    // In meta_resource nothing is moved; how long a name may be is the array's to judge.
+    handler()->createHostGroup("CL2-A", std::string(33, 'L'));
+  });
+  EXPECT_EQ(simCalls(sim, {"add", "resource"}),
+            (std::vector<std::string>{"-resource_name 'backup rsg' -port CL2-A 'esx cluster 7'",
+                                      "-resource_name 'backup rsg' -port CL2-A KS_X"}));
+  EXPECT_EQ(simCalls(sim, {"delete", "host_grp"}), std::vector<std::string>{"-port CL2-A KS_X"});
+  EXPECT_EQ(simCalls(sim, {"add", "host_grp"}).back(),
+            "-port CL2-A -host_grp_name " + std::string(33, 'L'));
+  EXPECT_THAT(sim.dump(), Not(HasSubstr("KS_X")));
 }
 
 TEST_F(RaidcomPresentation, LdevLeavesTheVirtualStorageMachineInOrderUnderItsLock) {
@@ -244,33 +175,27 @@ TEST_F(RaidcomPresentation, LdevLeavesTheVirtualStorageMachineInOrderUnderItsLoc
     probe.join();
     EXPECT_TRUE(heldMeanwhile);
   });
-  const auto moves = raidcomCalls({"resource][-"});
-  ASSERT_EQ(moves.size(), 3u);
-  EXPECT_THAT(moves[0], HasSubstr("[unmap][resource][-ldev_id][120][-virtual_ldev_id][2120]"));
-  EXPECT_THAT(moves[1], HasSubstr("[delete][resource][-resource_name][backup rsg][-ldev_id][120]"));
-  EXPECT_THAT(moves[2], HasSubstr("[map][resource][-ldev_id][120][-virtual_ldev_id][120]"));
-  const std::string dump = sim.dump();
-  const size_t at = dump.find("\"id\":120,");
-  ASSERT_NE(at, std::string::npos);
-  const std::string ldev = dump.substr(at, dump.find('\n', at) - at);
-  EXPECT_THAT(ldev, HasSubstr("\"rsgid\":0"));
-  EXPECT_THAT(ldev, HasSubstr("\"virtual_id\":null"));
+  std::vector<std::string> moves;
+  for (const std::string& call : simCalls(sim, {})) {
+    if (call.find("resource -") != std::string::npos) moves.push_back(call);
+  }
+  EXPECT_EQ(moves,
+            (std::vector<std::string>{"unmap resource -ldev_id 120 -virtual_ldev_id 2120",
+                                      "delete resource -resource_name 'backup rsg' -ldev_id 120",
+                                      "map resource -ldev_id 120 -virtual_ldev_id 120"}));
 }
 
 TEST_F(RaidcomPresentation, UsableMirrorUnitsOfRemotePairs) {
   expectInChild([&] {
     auto h = handler();
-    std::vector<hdsLdev_t> ldevs(2);
-    ldevs[0].ldevId = "100";
-    ldevs[1].ldevId = "101";
+    std::vector<hdsLdev_t> ldevs;
+    for (const char* id : {"100", "101"}) ldevs.emplace_back().ldevId = id;
     std::map<int, std::vector<hdsPairStatus_t>> pairs;
     std::vector<int> mus;
     ASSERT_EQ(h->getRemoteReplicationInfo("CL2-A-3", ldevs, pairs, mus), 0) << h->errorText();
     EXPECT_EQ(mus, std::vector<int>{0});
     EXPECT_EQ(pairs[0].size(), 2u);
     EXPECT_EQ(pairs[1].size(), 1u);
-    EXPECT_EQ(pairs[0][1].partnerLdevId, "201");
-    EXPECT_EQ(pairs[0][1].rcuSerial, "412346");
     EXPECT_TRUE(log.contains("MU [2] will not be used as PVOL [101] is not in PAIR state.", 2));
     EXPECT_TRUE(log.contains(
         "Only [1] valid SVOLs are found in mirror [1] for [2] pvols, need to add more pairs", 1));
@@ -281,9 +206,7 @@ TEST_F(RaidcomPresentation, UsableMirrorUnitsOfRemotePairs) {
     EXPECT_EQ(mus, (std::vector<int>{0, 1}));
 
     // Locally only the in-system pair of 102 shows; its S-VOL 110 is on the same host group.
-    ldevs.resize(4);
-    ldevs[2].ldevId = "102";
-    ldevs[3].ldevId = "110";
+    for (const char* id : {"102", "110"}) ldevs.emplace_back().ldevId = id;
     ASSERT_EQ(h->getPairInfoForHostGroup("CL2-A-3", ldevs, pairs), 0) << h->errorText();
     ASSERT_EQ(pairs.size(), 1u);
     ASSERT_EQ(pairs[0].size(), 1u);

@@ -1,11 +1,6 @@
-// The raidcom session against the simulated array: the HORCM file and instance, the login shared
-// by many processes, expired sessions, resource group locks, background command failures, and
-// what is left on disk. Scenarios that construct handlers run in child processes, because
+// The raidcom session against the simulated array, each handler in a child process, because
 // handlers keep per-process caches.
 #include <gtest/gtest.h>
-#include <sys/stat.h>
-
-#include <functional>
 
 #include "hds/platform/VTPlatformInfo.h"
 #include "hds/platform/ZoSleep.h"
@@ -13,9 +8,8 @@
 #include "tests/support/FakeTools.h"
 #include "tests/support/Leftovers.h"
 #include "tests/support/ProcessHelpers.h"
-#include "tests/support/RaidcomProbe.h"
+#include "tests/support/RaidcomKit.h"
 #include "tests/support/RecordingSnapInfo.h"
-#include "tests/support/SimArray.h"
 #include "tests/support/ToolRun.h"
 
 namespace {
@@ -25,42 +19,27 @@ using hdstest::failing;
 using hdstest::RaidcomProbe;
 using hdstest::readFile;
 using hdstest::SimArray;
+using hdstest::simCalls;
 using hdstest::SimFault;
-using hdstest::SimJournalEntry;
 using hdstest::writeFile;
-
-bool isRaidcom(const SimJournalEntry& e, const std::string& first, const std::string& second = "") {
-  return e.tool == "raidcom" && !e.args.empty() && e.args[0] == first &&
-         (second.empty() || (e.args.size() > 1 && e.args[1] == second));
-}
+using hdstest::writeRaidcomSettings;
 
 class RaidcomSession : public ::testing::Test {
  protected:
   RaidcomSession() { settings(""); }
 
-  void settings(const std::string& localSection) {
-    env.writeSettings("[iHarbor]\nsVTHDSHorcmDirectory=" + env.cciDir() +
-                      "\nsClientHostName=testhost\n[~iHarbor]\n" + localSection);
-  }
+  void settings(const std::string& localSection) { writeRaidcomSettings(env, localSection); }
   static HDSCLIInitParam param() { return SimArray::raidcomParam(); }
-  size_t count(const std::string& first, const std::string& second = "") const {
-    size_t n = 0;
-    for (const SimJournalEntry& e : sim.journal()) n += isRaidcom(e, first, second);
-    return n;
+  size_t count(const std::vector<std::string>& words, const std::string& tool = "raidcom") const {
+    return simCalls(sim, words, tool).size();
   }
-  // An asynchronous raidcom command ("modify ldev", "delete ldev") on LDEV 100.
-  static int onLdev100(RaidcomProbe& handler, const std::string& command,
-                       const std::string& more = "") {
+  // An asynchronous command: LDEV 100 renamed.
+  static int rename100(RaidcomProbe& handler) {
     std::string output;
     int exitCode = 0;
-    return handler.executeCommand("raidcom  " + command + " ",
-                                  " -ldev_id 100" + more + handler.instanceArgs(), output, exitCode,
-                                  true);
-  }
-  size_t horcmStarts() const {
-    size_t n = 0;
-    for (const SimJournalEntry& e : sim.journal()) n += e.tool == "horcmstart.sh";
-    return n;
+    return handler.executeCommand("raidcom  modify ldev ",
+                                  " -ldev_id 100 -ldev_name renamed" + handler.instanceArgs(),
+                                  output, exitCode, true);
   }
 
   hdstest::TestEnv env;
@@ -69,40 +48,31 @@ class RaidcomSession : public ::testing::Test {
 };
 
 TEST_F(RaidcomSession, SixteenProcessesShareOneLogin) {
+  settings("nVTHDSKeepCmdOutput=1\n");
   const std::vector<int> codes = hdstest::runInChildren(16, [](int) {
     hdstest::RecordingSnapInfo childLog;
     RaidcomProbe handler(childLog, param());
-    if (handler.errorCode() != 0) return 10;
-    std::map<std::string, ResourceGroupStatus> groups;
-    if (handler.getResourceGroup(groups, false) != 0) return 11;
-    return groups.count("meta_resource") == 1 ? 0 : 12;
+    return handler.errorCode() != 0 ? 10 : handler.listResourceGroups();
   });
   EXPECT_EQ(codes, std::vector<int>(16, 0));
   EXPECT_EQ(hdstest::loginCount(env), 0);
-  EXPECT_EQ(sim.shell("grep -l CMD-412345 " + env.horcmDir() + "*").out,
-            env.horcmDir() + "horcm3532.conf\n");
 
   // Sessions open and close strictly in turn, and every listing ran inside one.
   bool open = false;
-  int logins = 0;
-  int listings = 0;
-  for (const SimJournalEntry& e : sim.journal()) {
-    if (isRaidcom(e, "-login")) {
-      EXPECT_FALSE(open) << "a second session was opened while one was open";
-      open = true;
-      ++logins;
-    } else if (isRaidcom(e, "-logout")) {
-      EXPECT_TRUE(open) << "a session was closed twice";
-      open = false;
-    } else if (isRaidcom(e, "get", "resource")) {
-      EXPECT_TRUE(open);
-      EXPECT_EQ(e.exitCode, 0);
-      ++listings;
+  for (const std::string& call : simCalls(sim, {})) {
+    if (call.rfind("-log", 0) == 0) {
+      EXPECT_NE(open, call.rfind("-login", 0) == 0) << "sessions overlapped, or one closed twice";
+      open = call.rfind("-login", 0) == 0;
     }
+    EXPECT_TRUE(open || call.rfind("get resource", 0) != 0) << "a listing outside a session";
   }
   EXPECT_FALSE(open);
-  EXPECT_GE(logins, 1);
-  EXPECT_EQ(listings, 16);
+  EXPECT_EQ(count({"get", "resource"}), 16u);
+
+  // With every output kept, no file holds the password; the simulator's state is the array's.
+  const std::string pw = SimArray::kPassword;
+  const auto r = sim.shell("grep -rlF --exclude='ccisim.db*' " + pw + " " + env.root());
+  EXPECT_EQ(r.exitCode, 1) << r.out;
 }
 
 TEST_F(RaidcomSession, HorcmFileIsWrittenByTheFirstHandlerAndSharedByTheNext) {
@@ -112,15 +82,13 @@ TEST_F(RaidcomSession, HorcmFileIsWrittenByTheFirstHandlerAndSharedByTheNext) {
   expectInChild([&] {
     RaidcomProbe first(log, param());
     ASSERT_EQ(first.errorCode(), 0) << first.errorText();
-    EXPECT_EQ(first.instanceArgs(), " -IM3530 -s 412345");
     RaidcomProbe second(log, param());
     EXPECT_EQ(second.instance(), "3530");
     EXPECT_EQ(hdstest::loginCount(env), 2);
   });
   EXPECT_EQ(readFile(env.horcmDir() + "horcm3530.conf"), SimArray::raidcomHorcmConf(3530));
-  EXPECT_EQ(horcmStarts(), 1u);
-  EXPECT_EQ(count("-login"), 1u);
-  EXPECT_EQ(count("-logout"), 1u);
+  EXPECT_EQ(count({}, "horcmstart.sh"), 1u);
+  EXPECT_EQ(count({"-login"}), 1u);
 
   for (int n = 3500; n <= 3532; ++n) {
     writeFile(env.horcmDir() + "horcm" + std::to_string(n) + ".conf", otherArray);
@@ -130,34 +98,6 @@ TEST_F(RaidcomSession, HorcmFileIsWrittenByTheFirstHandlerAndSharedByTheNext) {
     EXPECT_EQ(handler.errorCode(), 62601);
     EXPECT_EQ(handler.errorText(), "Failed to create horcm file.");
   });
-}
-
-TEST_F(RaidcomSession, MissingInputAndRefusedLogin) {
-  expectInChild([&] {
-    HDSCLIInitParam p = param();
-    p.commandDevices.clear();
-    EXPECT_EQ(RaidcomProbe(log, p).errorText(),
-              "Command device list not passed to raidcom handler. Either provision a command "
-              "device from storage array-[412345] to this host or provide a custom HORCM "
-              "instance at Array Management snap configuration-[HORCM instance number to be used "
-              "for Raidcom commands (CCI engines)] for the array");
-    p = param();
-    p.serialNumber.clear();
-    EXPECT_EQ(RaidcomProbe(log, p).errorCode(), 62600);
-    p = param();
-    p.password.clear();
-    EXPECT_EQ(RaidcomProbe(log, p).errorText(), "User name or password is invalid.");
-
-    // A refused -login (202) is not retried from inside the login and is not counted.
-    p = param();
-    p.password = "wrong";
-    RaidcomProbe refused(log, p);
-    EXPECT_EQ(refused.errorCode(), 62602);
-    EXPECT_FALSE(refused.loggedIn());
-  });
-  EXPECT_EQ(count("-login"), 1u);
-  EXPECT_EQ(count("-logout"), 0u);
-  EXPECT_EQ(hdstest::loginCount(env), 0);
 }
 
 TEST_F(RaidcomSession, LoginCountDecidesWhoLogsInAndOut) {
@@ -187,8 +127,8 @@ TEST_F(RaidcomSession, LoginCountDecidesWhoLogsInAndOut) {
     EXPECT_EQ(handler.getLoginCount(), -1);
   });
   // The destructor's logout failed on the missing count and ran nothing.
-  EXPECT_EQ(count("-login"), 1u);
-  EXPECT_EQ(count("-logout"), 1u);
+  EXPECT_EQ(count({"-login"}), 1u);
+  EXPECT_EQ(count({"-logout"}), 1u);
 }
 
 TEST_F(RaidcomSession, ExpiredLoginCostsExactlyOneRelogin) {
@@ -196,7 +136,7 @@ TEST_F(RaidcomSession, ExpiredLoginCostsExactlyOneRelogin) {
     RaidcomProbe handler(log, param());
     sim.expireSessions();
     EXPECT_EQ(handler.listResourceGroups(), 0);
-    EXPECT_EQ(count("-login"), 2u);
+    EXPECT_EQ(count({"-login"}), 2u);
     // A forced login counts only its own session.
     EXPECT_EQ(hdstest::loginCount(env), 1);
 
@@ -207,8 +147,8 @@ TEST_F(RaidcomSession, ExpiredLoginCostsExactlyOneRelogin) {
                                        "raidcom  get resource   -IM3532 -s 412345 returned exit "
                                        "code [202].");
   });
-  EXPECT_EQ(count("-login"), 3u);
-  EXPECT_EQ(count("get", "resource"), 4u);
+  EXPECT_EQ(count({"-login"}), 3u);
+  EXPECT_EQ(count({"get", "resource"}), 4u);
 }
 
 TEST_F(RaidcomSession, ResourceGroupLockSharedInProcessAndWaitedForFromOutside) {
@@ -220,15 +160,15 @@ TEST_F(RaidcomSession, ResourceGroupLockSharedInProcessAndWaitedForFromOutside) 
     ASSERT_EQ(second.lockResource(), 0);
     EXPECT_EQ(first.unlockResource(), 0);
     EXPECT_EQ(second.unlockResource(), 0);
-    EXPECT_EQ(count("lock", "resource"), 1u);
-    EXPECT_EQ(count("unlock", "resource"), 1u);
+    EXPECT_EQ(count({"lock", "resource"}), 1u);
+    EXPECT_EQ(count({"unlock", "resource"}), 1u);
 
     sim.lockResourceGroup("meta_resource", "admin", "Storage Navigator");
     EXPECT_EQ(first.lockResource(), 1);
     EXPECT_EQ(first.errorCode(), 62601);
     EXPECT_EQ(first.errorText(),
               "Resource group meta_resource is locked by user admin from host Storage Navigator");
-    EXPECT_EQ(count("get", "resource"), 2u + 50u);
+    EXPECT_EQ(count({"get", "resource"}), 2u + 50u);
   });
 }
 
@@ -236,53 +176,23 @@ TEST_F(RaidcomSession, AsynchronousCommandStatus) {
   settings("sVTHDSRaidcomMaxRetryCount=3\n");
   expectInChild([&] {
     RaidcomProbe handler(log, param());
-    auto rename = [&] { return onLdev100(handler, "modify ldev", " -ldev_name renamed"); };
-    SimFault background;
-    background.match = "modify ldev";
-    background.statusSsb = "2E31,4016";
-    sim.addFault(background);
-    EXPECT_EQ(rename(), 1);
+    sim.addFault(SimFault{"raidcom", "modify ldev", {}, "", "", 1, 0, "2E31,4016", ""});
+    EXPECT_EQ(rename100(handler), 1);
     EXPECT_EQ(handler.errorText(), "Command status has error.");
 
     sim.addFault(failing("get command_status", 233, "", 2));
-    EXPECT_EQ(rename(), 0) << handler.errorText();
+    EXPECT_EQ(rename100(handler), 0) << handler.errorText();
     EXPECT_TRUE(log.contains("Failed to get command status. Command timeout. RetryCnt [1]", 1));
 
     // The time-out is printed on standard error only: the last round leaves no status line.
     sim.addFault(failing("get command_status", 233, "", 3));
-    EXPECT_EQ(rename(), 1);
+    EXPECT_EQ(rename100(handler), 1);
     EXPECT_TRUE(log.contains("Failed to get command status after [3] retry.", 1));
     EXPECT_TRUE(
         log.contains("Failed to get command status for command [raidcom  modify ldev ]", 2));
     EXPECT_EQ(handler.errorText(), "Failed get command status.");
   });
-  EXPECT_EQ(count("reset", "command_status"), 3u);
-  EXPECT_EQ(count("get", "command_status"), 1u + 3u + 3u);
-}
-
-TEST_F(RaidcomSession, DestructorReleasesLockAndSessionAfterAFailureAndLeaksNoPassword) {
-  settings("nVTHDSKeepCmdOutput=1\n");
-  expectInChild([&] {
-    {
-      RaidcomProbe handler(log, param());
-      ASSERT_EQ(handler.lockResource(), 0) << handler.errorText();
-      sim.expireSessions();
-      sim.addFault(failing("delete ldev", 221));
-      EXPECT_EQ(onLdev100(handler, "delete ldev"), 1);
-    }
-    EXPECT_EQ(log.count(SimArray::kPassword), 0u) << log.dump();
-  });
-  EXPECT_EQ(count("unlock", "resource"), 1u);
-  EXPECT_EQ(count("-logout"), 1u);
-  EXPECT_EQ(hdstest::loginCount(env), 0);
-
-  // The simulator's state is the array's side, which knows the password anyway.
-  const std::vector<std::string> counts =
-      hdstest::outputLines(sim.shell("grep -rcF --exclude='ccisim.db*' " +
-                                     std::string(SimArray::kPassword) + " " + env.root())
-                               .out);
-  EXPECT_GT(counts.size(), 5u);
-  for (const std::string& count : counts) EXPECT_EQ(count.substr(count.rfind(':')), ":0") << count;
+  EXPECT_EQ(count({"get", "command_status"}), 1u + 3u + 3u);
 }
 
 TEST_F(RaidcomSession, DelayedLogoutKeepsThePrepareSessionForTheCreateStep) {
@@ -297,15 +207,14 @@ TEST_F(RaidcomSession, DelayedLogoutKeepsThePrepareSessionForTheCreateStep) {
     EXPECT_EQ(create.instanceArgs(), " -IM3532 -s 412345");
     EXPECT_EQ(create.listResourceGroups(), 0);
   });
-  EXPECT_EQ(count("-login"), 1u);
-  EXPECT_EQ(count("-logout"), 1u);
+  EXPECT_EQ(count({"-login"}), 1u);
+  EXPECT_EQ(count({"-logout"}), 1u);
   EXPECT_EQ(hdstest::loginCount(env), 0);
 }
 
 TEST_F(RaidcomSession, StoppedInstanceIsStartedAgainOnce) {
   expectInChild([&] {
     RaidcomProbe handler(log, param());
-    ASSERT_EQ(handler.errorCode(), 0) << handler.errorText();
     // The instance went, and the session with it: one start, one login, and the listing again.
     sim.run("horcmshutdown.sh", {"3532"});
     EXPECT_EQ(handler.listResourceGroups(), 0) << handler.errorText();
@@ -320,13 +229,23 @@ TEST_F(RaidcomSession, StoppedInstanceIsStartedAgainOnce) {
                                        "raidcom  get resource   -IM3532 -s 412345 returned exit "
                                        "code [251].");
   });
-  EXPECT_EQ(horcmStarts(), 3u);
-  EXPECT_EQ(count("-login"), 2u);
-  EXPECT_EQ(count("get", "resource"), 3u + 2u);
+  EXPECT_EQ(count({}, "horcmstart.sh"), 3u);
+  EXPECT_EQ(count({"-login"}), 2u);
+  EXPECT_EQ(count({"get", "resource"}), 3u + 2u);
 }
 
 TEST_F(RaidcomSession, FailedSessionsGiveTheirInstanceBack) {
   expectInChild([&] {
+    HDSCLIInitParam p = param();
+    p.commandDevices.clear();
+    EXPECT_EQ(RaidcomProbe(log, p).errorText(),
+              "Command device list not passed to raidcom handler. Either provision a command "
+              "device from storage array-[412345] to this host or provide a custom HORCM "
+              "instance at Array Management snap configuration-[HORCM instance number to be used "
+              "for Raidcom commands (CCI engines)] for the array");
+    p = param();
+    p.password.clear();
+    EXPECT_EQ(RaidcomProbe(log, p).errorText(), "User name or password is invalid.");
     // Arrays this host does not reach: their instances never start.
     for (int i = 0; i < 40; ++i) {
       HDSCLIInitParam p = param();
@@ -334,8 +253,8 @@ TEST_F(RaidcomSession, FailedSessionsGiveTheirInstanceBack) {
       p.commandDevices = {"\\\\.\\CMD-" + p.serialNumber + ":/dev/sdc"};
       ASSERT_NE(RaidcomProbe(log, p).errorCode(), 0);
     }
-    // A refused login stops the instance it had started.
-    HDSCLIInitParam p = param();
+    // A refused login (202) is neither retried nor counted, and stops the instance it started.
+    p = param();
     p.password = "wrong";
     EXPECT_EQ(RaidcomProbe(log, p).errorCode(), 62602);
     RaidcomProbe working(log, param());
@@ -343,10 +262,9 @@ TEST_F(RaidcomSession, FailedSessionsGiveTheirInstanceBack) {
     EXPECT_EQ(working.instance(), "3532");
   });
   EXPECT_EQ(hdstest::filesIn(env.horcmDir()), std::set<std::string>{"horcm3532.conf"});
-  EXPECT_EQ(horcmStarts(), 40u + 2u);
-  size_t shutdowns = 0;
-  for (const SimJournalEntry& e : sim.journal()) shutdowns += e.tool == "horcmshutdown.sh";
-  EXPECT_EQ(shutdowns, 1u);
+  EXPECT_EQ(count({}, "horcmstart.sh"), 40u + 2u);
+  EXPECT_EQ(count({}, "horcmshutdown.sh"), 1u);
+  EXPECT_EQ(count({"-login"}), 2u);
 }
 
 // Bounds where the settings give no rule of their own: below 1 is the default.
@@ -360,7 +278,7 @@ TEST_F(RaidcomSession, OutOfRangeRetrySettingsFallBackToTheirDefaults) {
     EXPECT_TRUE(log.contains(
         "Setting [sVTHDSRaidcomMaxRetryCount] has value [0], below 1. Using [50].", 1));
     // With no status round an asynchronous command could never be judged a success.
-    EXPECT_EQ(onLdev100(handler, "modify ldev", " -ldev_name renamed"), 0) << handler.errorText();
+    EXPECT_EQ(rename100(handler), 0) << handler.errorText();
   });
 }
 

@@ -1,8 +1,6 @@
 // Several processes, each with several threads, each thread with a raidcom handler of its own on
-// one simulated array: the named locks must exclude threads as well as processes, and what a
-// process keeps for all its handlers (resource lock count, retry settings, raidqry cache, file
-// name counters) must hold up under its threads. scripts/tsan.sh runs this under
-// ThreadSanitizer.
+// one simulated array: what a process keeps for all its handlers (resource lock count, retry
+// settings, raidqry cache, file name counters) must hold up under its threads.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -11,15 +9,13 @@
 #include "hds/platform/VTPlatformInfo.h"
 #include "tests/support/Leftovers.h"
 #include "tests/support/ProcessHelpers.h"
-#include "tests/support/RaidcomProbe.h"
+#include "tests/support/RaidcomKit.h"
 #include "tests/support/RecordingSnapInfo.h"
-#include "tests/support/SimArray.h"
 #include "tests/support/ToolRun.h"
 
 namespace {
 
 using hdstest::SimArray;
-using hdstest::SimJournalEntry;
 
 constexpr int kProcesses = 4;
 constexpr int kThreads = 4;
@@ -33,17 +29,15 @@ int threadWork(VTSO::SnapInfo& log, int process, int thread) {
   if (h.errorCode() != 0) return 1;
   if (h.lockResource() != 0) return 2;
   const std::string svol = std::to_string(3000 + process * 10 + thread);
-  const std::string pvol = std::to_string(100 + process * kThreads + thread);
   std::map<std::string, hdsLdev_t> pair;
-  hdsLdev_t& l = pair[pvol + "->" + svol];
+  hdsLdev_t& l = pair[std::to_string(100 + process * kThreads + thread) + "->" + svol];
   l.serialNumber = SimArray::kSerial;
   l.ldevId = svol;
   l.capacity = 2097152;
   if (h.createSvol(pair, "0") != 0) return 3;
   if (h.modifySvolLabel(svol, "KS_SVOL_" + svol) != 0) return 4;
   for (int i = 0; i < kScriptsPerThread; ++i) {
-    const std::string word =
-        "p" + std::to_string(process) + "t" + std::to_string(thread) + "i" + std::to_string(i);
+    const std::string word = "w" + std::to_string((process * kThreads + thread) * 10 + i);
     std::string output;
     int exitCode = -1;
     if (h.executeScriptFile("echo " + word + "\n", output, exitCode) != 0) return 5;
@@ -54,31 +48,31 @@ int threadWork(VTSO::SnapInfo& log, int process, int thread) {
   return 0;
 }
 
-bool isRaidcom(const SimJournalEntry& e, const char* verb, const char* object) {
-  return e.tool == "raidcom" && e.args.size() > 1 && e.args[0] == verb && e.args[1] == object;
-}
-
-TEST(SharedHost, ThreadsOfSeveralProcessesShareOneSessionLockAndCounter) {
-  hdstest::TestEnv env;
-  SimArray sim(env);
-  env.writeSettings("[iHarbor]\nsVTHDSHorcmDirectory=" + env.cciDir() +
-                    "\nsClientHostName=testhost\n[~iHarbor]\n");
-  const std::string before = hdstest::arrayState(sim);
-
-  const std::vector<int> codes = hdstest::runInChildren(kProcesses, [](int process) {
+// The exit codes of kProcesses processes that each run work(log, process, thread) in kThreads
+// threads: 0, or a result other than 0 that one of its threads gave.
+std::vector<int> inThreadsOfProcesses(int (*work)(VTSO::SnapInfo&, int, int)) {
+  return hdstest::runInChildren(kProcesses, [work](int process) {
     hdstest::RecordingSnapInfo log;
     std::atomic<int> failed{0};
-    std::vector<std::thread> threads;
+    std::thread threads[kThreads];
     for (int t = 0; t < kThreads; ++t) {
-      threads.emplace_back([&, t] {
-        int stage = threadWork(log, process, t);
-        if (stage != 0) failed = stage;
+      threads[t] = std::thread([&, t] {
+        if (int result = work(log, process, t)) failed = result;
       });
     }
     for (std::thread& t : threads) t.join();
     return failed.load();
   });
-  EXPECT_EQ(codes, std::vector<int>(kProcesses, 0)) << "a stage of threadWork failed";
+}
+
+TEST(SharedHost, ThreadsOfSeveralProcessesShareOneSessionLockAndCounter) {
+  hdstest::TestEnv env;
+  SimArray sim(env);
+  hdstest::writeRaidcomSettings(env);
+  const std::string before = hdstest::arrayState(sim);
+
+  EXPECT_EQ(inThreadsOfProcesses(threadWork), std::vector<int>(kProcesses, 0))
+      << "a stage of threadWork failed";
 
   EXPECT_EQ(hdstest::loginCount(env), 0);
   EXPECT_EQ(hdstest::arrayState(sim), before);
@@ -90,13 +84,13 @@ TEST(SharedHost, ThreadsOfSeveralProcessesShareOneSessionLockAndCounter) {
   // Synchronous commands take no lock and may come in between.
   bool open = false;
   size_t ldevCommands = 0;
-  for (const SimJournalEntry& e : sim.journal()) {
-    if (isRaidcom(e, "reset", "command_status")) {
+  for (const std::string& call : hdstest::simCalls(sim, {})) {
+    if (call.rfind("reset command_status", 0) == 0) {
       EXPECT_FALSE(open) << "two asynchronous commands overlapped";
       open = true;
-    } else if (isRaidcom(e, "get", "command_status")) {
+    } else if (call.rfind("get command_status", 0) == 0) {
       open = false;
-    } else if (isRaidcom(e, "add", "ldev") || isRaidcom(e, "delete", "ldev")) {
+    } else if (call.rfind("add ldev", 0) == 0 || call.rfind("delete ldev", 0) == 0) {
       EXPECT_TRUE(open) << "an LDEV was made or deleted outside its status window";
       ++ldevCommands;
     }
@@ -104,41 +98,34 @@ TEST(SharedHost, ThreadsOfSeveralProcessesShareOneSessionLockAndCounter) {
   EXPECT_EQ(ldevCommands, static_cast<size_t>(2 * kProcesses * kThreads));
 }
 
+constexpr int kRounds = 20;
+
+// Each thread counts a key of its own and one that all share up, kRounds times each.
+int countUp(VTSO::SnapInfo&, int process, int thread) {
+  auto bump = [](bool present, int v) { return present ? v + 1 : 1; };
+  const std::string own = "nOwn" + std::to_string(process * kThreads + thread);
+  for (int r = 0; r < kRounds; ++r) {
+    if (!VTPlatformInfo::updateRegInt("~iHarbor", own.c_str(), bump) ||
+        !VTPlatformInfo::updateRegInt("~iHarbor", "nShared", bump)) {
+      return 1;
+    }
+  }
+  return 0;
+}
+
 // The settings store takes every write under its own lock: threads of one process and other
 // processes updating the same file, some of them the same key, lose nothing.
 TEST(SharedHost, SettingsWritersInThreadsAndProcessesLoseNothing) {
   hdstest::TestEnv env;
-  constexpr int kRounds = 20;
-  auto bump = [](bool present, int v) { return present ? v + 1 : 1; };
-  const std::vector<int> codes = hdstest::runInChildren(kProcesses, [&](int process) {
-    std::atomic<int> failed{0};
-    std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t) {
-      threads.emplace_back([&, t] {
-        const std::string own = "nOwn" + std::to_string(process) + "_" + std::to_string(t);
-        for (int r = 0; r < kRounds; ++r) {
-          if (!VTPlatformInfo::updateRegInt("~iHarbor", own.c_str(), bump) ||
-              !VTPlatformInfo::updateRegInt("~iHarbor", "nShared", bump)) {
-            failed = 1;
-          }
-        }
-      });
-    }
-    for (std::thread& t : threads) t.join();
-    return failed.load();
-  });
-  EXPECT_EQ(codes, std::vector<int>(kProcesses, 0));
-  for (int p = 0; p < kProcesses; ++p) {
-    for (int t = 0; t < kThreads; ++t) {
-      int v = 0;
-      const std::string own = "nOwn" + std::to_string(p) + "_" + std::to_string(t);
-      EXPECT_TRUE(VTPlatformInfo::getRegInt("~iHarbor", own.c_str(), &v));
-      EXPECT_EQ(v, kRounds) << own;
-    }
+  EXPECT_EQ(inThreadsOfProcesses(countUp), std::vector<int>(kProcesses, 0));
+  auto value = [](const std::string& key) {
+    int v = -1;
+    return VTPlatformInfo::getRegInt("~iHarbor", key.c_str(), &v) ? v : -1;
+  };
+  for (int i = 0; i < kProcesses * kThreads; ++i) {
+    EXPECT_EQ(value("nOwn" + std::to_string(i)), kRounds);
   }
-  int shared = 0;
-  EXPECT_TRUE(VTPlatformInfo::getRegInt("~iHarbor", "nShared", &shared));
-  EXPECT_EQ(shared, kProcesses * kThreads * kRounds);
+  EXPECT_EQ(value("nShared"), kProcesses * kThreads * kRounds);
 }
 
 }  // namespace
