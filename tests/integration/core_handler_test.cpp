@@ -3,7 +3,6 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <set>
 #include <thread>
 
 #include "hds/platform/ZoSleep.h"
@@ -53,7 +52,6 @@ TEST_F(Handler, InitialisationFailures) {
       "Failed to get version of CCI command installed. Please check output of 'raidqry -h' "
       "command";
   const std::vector<std::pair<std::string, std::string>> raidqry = {
-      {"", noVersion},
       {"Model  : RAID-Manager\n", noVersion},
       {"FAIL", "Command '" + h.env.cciDir() + "raidqry  -h  returned exit code [1]."}};
   for (const auto& [out, text] : raidqry) {
@@ -83,20 +81,12 @@ TEST_F(Handler, InitialisationFailures) {
               "for more details.");
     EXPECT_TRUE(h.log.contains("Hitachi CCI CLI not found in [/HORCM/usr/bin/]. Ensure", 2));
   });
-
-  h.settings("");
-  hdstest::writeFile(h.env.root() + "/file", "");
-  h.env.setEnv("HDS_TEMP_DIR", (h.env.root() + "/file/tmp").c_str());
-  expectInChild([&] {
-    EXPECT_EQ(h.handler()->ready(), 0);
-    EXPECT_TRUE(h.log.contains("Failed to get Orrery Temp directory", 2));
-  });
 }
 
 TEST_F(Handler, TimeOutAndKeepOutputSettings) {
   expectInChild([&] {
-    for (const auto& [value, timeout] : std::vector<std::pair<std::string, int>>{
-             {"", 300}, {"0", 300}, {"-5", 300}, {"10", 30}, {"30", 30}, {"31", 31}}) {
+    for (const auto& [value, timeout] :
+         std::vector<std::pair<std::string, int>>{{"", 300}, {"-5", 300}, {"10", 30}, {"31", 31}}) {
       h.settings("[~iHarbor]\nnVTHDSCCICommandTimeoutInSec=" + value + "\n");
       EXPECT_EQ(h.handler()->timeout(), timeout) << value;
     }
@@ -136,32 +126,10 @@ TEST_F(Handler, CommandOutcomes) {
   });
 }
 
-// The index of a unique file name <dir>/<pid>_<tid>_<time>_<index>_<suffix>, and its time.
-long long nameIndex(const std::string& path, long long* time = nullptr) {
-  long long pid, tid, t, index = -1;
-  std::sscanf(path.substr(path.rfind('/') + 1).c_str(), "%lld_%lld_%lld_%lld", &pid, &tid, &t,
-              &index);
-  if (time != nullptr) *time = t;
-  return index;
-}
-
 TEST_F(Handler, ScriptsAndTheirFiles) {
   expectInChild([&] {
     auto handler = h.handler();
     hdstest::NoLeaks noLeaks;
-    for (int attempt = 0; attempt < 5; ++attempt) {  // again if a second ends in between
-      long long t1, t3;
-      const long long first = nameIndex(handler->formInputScriptFileName(), &t1);
-      const long long second = nameIndex(handler->formInputScriptFileName());
-      const long long third = nameIndex(handler->formInputScriptFileName(), &t3);
-      if (t1 != t3) continue;
-      EXPECT_EQ(second, first + 1);
-      EXPECT_EQ(third, first + 2);
-      while (time(nullptr) == t3) usleep(10000);
-      EXPECT_EQ(nameIndex(handler->formInputScriptFileName()), 1);
-      break;
-    }
-
     ASSERT_EQ(handler->executeScriptFile("#!/bin/sh\necho one\n", output, exitCode), 0);
     EXPECT_EQ(output, "one\n");
     EXPECT_TRUE(h.tempFiles("_script").empty());
@@ -210,9 +178,10 @@ TEST_F(Handler, PlantedSymlinksAreNotFollowed) {
     ZoSetTimeScale(0.001);
     auto handler = h.handler();
     // Links at every name the next script and response file can get in the next seconds.
-    const std::string last = handler->formInputScriptFileName();
-    long long now;
-    const long long index = nameIndex(last, &now);
+    const std::string last = handler->formInputScriptFileName();  // <pid>_<tid>_<time>_<index>_
+    long long pid, tid, now, index;
+    std::sscanf(last.substr(last.rfind('/') + 1).c_str(), "%lld_%lld_%lld_%lld", &pid, &tid, &now,
+                &index);
     const std::string stem = last.substr(0, last.find("_" + std::to_string(now) + "_"));
     for (long long t = now; t < now + 3; ++t) {
       for (long long i = 1; i <= index + 1; ++i) {
@@ -285,10 +254,6 @@ TEST_F(Handler, CommandDeviceDiscovery) {
     EXPECT_EQ(handler->CheckIfCommandDeviceExist(), 0);
     EXPECT_EQ(handler->commandDevices(), std::vector<std::string>{"\\\\.\\CMD-412345:/dev/sdc"});
 
-    h.tools.add("raidscan", "cmddev of Ser# 412345 = /dev/sdc\n");
-    EXPECT_EQ(handler->CheckIfCommandDeviceExist(), 0);
-    EXPECT_EQ(handler->commandDevices().size(), 1u);
-
     h.tools.add("raidscan", "");
     EXPECT_EQ(handler->CheckIfCommandDeviceExist(), 1);
     EXPECT_EQ(handler->errorText().rfind(
@@ -305,10 +270,8 @@ TEST_F(Handler, CommandDeviceDiscovery) {
 }
 
 TEST_F(Handler, CapabilityThresholds) {
-  const std::set<std::string> supportedVersions = {"01-29-03/05", "02-00-00/00", "1.30.0"};
-  for (const std::string version :
-       {"01-29-03/05", "02-00-00/00", "01-29-03/04", "01-28-99/99", "1.30.0", "1.29.3", "   "}) {
-    const bool supported = supportedVersions.count(version) == 1;
+  for (const std::string version : {"01-29-03/05", "01-29-03/04", "1.30.0", "1.29.3", "   "}) {
+    const bool supported = version == "01-29-03/05" || version == "1.30.0";
     h.tools.addRaidqry(version);
     expectInChild([&] {
       auto handler = h.handler();
