@@ -9,6 +9,7 @@
 #include <nlohmann/json.hpp>
 #include <set>
 #include <sstream>
+#include <tuple>
 
 #include "hds/platform/VtNamedMutex.h"
 #include "tests/support/Leftovers.h"
@@ -276,63 +277,47 @@ TEST(HdsctlCli, SupportBundleHoldsTheHostStateButNoPassword) {
   EXPECT_EQ(all.find("HDSCTL_PASSWORD"), std::string::npos) << all;
 }
 
-// Runs a listing with --json and hands over what it printed.
-json listing(std::vector<std::string> args) {
-  args.push_back("--json");
-  ToolResult r = hdsctl(args);
-  EXPECT_EQ(r.exitCode, 0) << joined(args) << ": " << r.err;
-  json parsed = json::parse(r.out, nullptr, false);
-  EXPECT_FALSE(parsed.is_discarded()) << joined(args) << " printed no JSON: " << r.out;
-  return parsed;
-}
-
-std::set<std::string> values(const json& list, const char* key) {
-  std::set<std::string> found;
-  for (const json& item : list) found.insert(item[key].get<std::string>());
-  return found;
-}
-
 TEST(HdsctlCli, ListingsAndSingleOperationsOnTheSimulatedArray) {
   TestEnv env;
   SimArray sim(env);
   useSimArray(env, sim);
-  std::string before = arrayState(sim);
-
-  json ldevs = listing({"ldevs"});
-  ASSERT_EQ(ldevs.size(), 17u);
-  EXPECT_EQ(ldevs[16]["ldevId"], "4095");
-  EXPECT_EQ(ldevs[16]["lunPaths"][0]["port"], "CL1-A");
-  EXPECT_EQ(ldevs[0]["attributes"], json({"CVS", "HDP"}));
-  EXPECT_EQ(values(listing({"pools"}), "poolName"),
-            std::set<std::string>({"dp_pool_00", "ti_pool_01"}));
-  EXPECT_EQ(listing({"ports", "--logins"})[0]["loginWwns"].size(), 2u);
-  EXPECT_EQ(listing({"host-groups", "--wwns", "--port", "CL1-A"})[1]["wwns"],
-            json({"10000090fa1b2c3d"}));
-  for (const char* empty : {"device-groups", "snapshot-groups", "copy-groups"}) {
-    EXPECT_EQ(listing({empty}), json::array()) << empty;
-  }
-
-  // Two S-VOLs as large as LDEV 100, snapshots of 100 and 101 on them, one presented.
-  auto run = [](std::vector<std::string> args) {
-    ToolResult r = hdsctl(args);
-    EXPECT_EQ(r.exitCode, 0) << joined(args) << ": " << r.err;
+  const std::string before = arrayState(sim);
+  auto run = [](const std::string& line) {
+    ToolResult r = hdsctl(hdstest::lineWords(line));
+    EXPECT_EQ(r.exitCode, 0) << line << ": " << r.err;
+    return json::parse(r.out, nullptr, false);
   };
-  run({"svol", "create", "300", "301", "--pool", "0", "--like", "100", "--label", "KS_SVOL_T"});
-  json svols = listing({"ldevs", "--label", "KS_SVOL_T"});
-  EXPECT_EQ(values(svols, "ldevId"), std::set<std::string>({"300", "301"}));
-  EXPECT_EQ(svols[0]["capacity"], ldevs[0]["capacity"]);
-  run({"snapshot", "add", "KS_SG_T", "--pool", "0", "--pair", "100:300", "--pair", "101:301"});
-  run({"snapshot", "split", "--group", "KS_SG_T"});
-  json pairs = listing({"snapshot-groups", "--group", "KS_SG_T"});
-  ASSERT_EQ(pairs.size(), 2u);
-  EXPECT_EQ(values(pairs, "pairStatus"), std::set<std::string>({"PSUS"}));
-  run({"map", "--port", "CL1-A", "--host-group", "1a-g00", "--ldev", "300"});
-  json luns = listing({"luns", "--port", "CL1-A", "--host-group", "0"});
-  ASSERT_EQ(luns.size(), 1u);
-  EXPECT_EQ(luns[0]["ldevId"], "300");
-  run({"unmap", "--port", "CL1-A", "--host-group", "0", "--ldev", "300"});
-  run({"snapshot", "delete", "300", "301"});
-  run({"svol", "delete", "300", "301"});
+  // Two S-VOLs as large as LDEV 100, snapshots of 100 and 101 on them, one presented.
+  for (const char* line :
+       {"svol create 300 301 --pool 0 --like 100 --label KS_SVOL_T",
+        "snapshot add KS_SG_T --pool 0 --pair 100:300 --pair 101:301",
+        "snapshot split --group KS_SG_T", "map --port CL1-A --host-group 1a-g00 --ldev 300"}) {
+    run(line);
+  }
+  // Each listing with --json, a place in what it printed and what must be there.
+  const std::vector<std::tuple<std::string, std::string, json>> shown = {
+      {"ldevs", "/0/attributes", {"CVS", "QS", "HDP"}},
+      {"ldevs", "/18/ldevId", "4095"},
+      {"ldevs --ldev 4095", "/0/lunPaths/0/port", "CL1-A"},
+      {"ldevs --label KS_SVOL_T", "/1/ldevId", "301"},
+      {"ldevs --label KS_SVOL_T", "/0/capacity", run("ldevs --ldev 100 --json")[0]["capacity"]},
+      {"pools", "/1/poolName", "ti_pool_01"},
+      {"ports --logins", "/0/loginWwns/1", "10000090fa1b2c3e"},
+      {"ports --logins", "/0/loginWwns/2", nullptr},
+      {"host-groups --wwns --port CL1-A", "/1/wwns", {"10000090fa1b2c3d"}},
+      {"snapshot-groups --group KS_SG_T", "/1/pairStatus", "PSUS"},
+      {"luns --port CL1-A --host-group 0", "/0/ldevId", "300"},
+      {"luns --port CL1-A --host-group 0", "/1", nullptr},
+      {"device-groups", "", json::array()},
+      {"copy-groups", "", json::array()}};
+  for (const auto& [line, at, expected] : shown) {
+    const json printed = run(line + " --json");
+    const json::json_pointer place(at);
+    EXPECT_EQ(printed.contains(place) ? printed[place] : json(), expected) << line << " " << at;
+  }
+  run("unmap --port CL1-A --host-group 0 --ldev 300");
+  run("snapshot delete 300 301");
+  run("svol delete 300 301");
   EXPECT_EQ(arrayState(sim), before);
 }
 

@@ -150,38 +150,25 @@ TEST_F(OperatorText, DirectoriesWithShellCharactersWorkEndToEnd) {
 // file; none of it runs.
 TEST_F(OperatorText, HdsctlOptionsEnvironmentAndJobFileRunNothing) {
   hdstest::useSimArray(env, sim);
-  for (const char* name : {"HDSCTL_SERIAL", "HDSCTL_USER", "HDSCTL_PASSWORD", "HDSCTL_CMDDEV"}) {
-    env.setEnv(name, nullptr);
-  }
-  auto pools = [](const std::map<std::string, std::string>& given) {
-    std::map<std::string, std::string> options = {{"--serial", SimArray::kSerial},
-                                                  {"--user", SimArray::kUser},
-                                                  {"--password", SimArray::kPassword},
-                                                  {"--cmddev", "/dev/sdc"}};
-    std::vector<std::string> args = {hdstest::hdsctlPath(), "pools"};
-    for (const auto& [option, value] : given) options[option] = value;
-    for (const auto& [option, value] : options) {
-      if (value.empty()) continue;
-      args.push_back(option);
-      args.push_back(value);
-    }
+  auto pools = [](std::vector<std::string> args) {
+    args.insert(args.begin(), {hdstest::hdsctlPath(), "pools"});
     return hdstest::runTool(args);
   };
   for (const std::string& attack : attacks(marker)) {
-    EXPECT_EQ(pools({{"--password", attack}}).exitCode, 1) << attack;
-    EXPECT_EQ(pools({{"--user", attack}}).exitCode, 1) << attack;
-    pools({{"--cmddev", attack}});
+    EXPECT_EQ(pools({"--user", attack, "--cmddev", attack}).exitCode, 1) << attack;
+    EXPECT_EQ(pools({"--password", attack}).exitCode, 1) << attack;
     env.setEnv("HDSCTL_PASSWORD", attack.c_str());
-    EXPECT_EQ(pools({{"--password", ""}}).exitCode, 1) << attack;
-    env.setEnv("HDSCTL_PASSWORD", nullptr);
+    EXPECT_EQ(pools({}).exitCode, 1) << attack;
+    env.setEnv("HDSCTL_PASSWORD", SimArray::kPassword);
     ASSERT_FALSE(pathExists(marker)) << attack;
   }
-  // Refusals name the field.
-  EXPECT_NE(pools({{"--serial", "412345;id"}}).err.find("Invalid serial number."),
-            std::string::npos);
+  EXPECT_NE(pools({"--serial", "412345;id"}).err.find("Invalid serial number."), std::string::npos);
 
   // The job file alone says how to reach the array; one of its values is the attack.
   env.writeSettings("[iHarbor]\nsClientHostName=testhost\n");
+  for (const char* name : {"HDSCTL_SERIAL", "HDSCTL_USER", "HDSCTL_PASSWORD", "HDSCTL_CMDDEV"}) {
+    env.setEnv(name, nullptr);
+  }
   const nlohmann::json array = {{"serial", SimArray::kSerial},
                                 {"user", SimArray::kUser},
                                 {"password", SimArray::kPassword},
@@ -201,10 +188,10 @@ TEST_F(OperatorText, HdsctlOptionsEnvironmentAndJobFileRunNothing) {
 
   // A password that policy allows logs in through each way of giving it.
   sim.admin({"init", "--user", "admin:" + kPolicyPasswords[1]});
-  env.writeSettings("[iHarbor]\nsVTHDSHorcmDirectory=" + sim.cciDir() + "\n");
-  EXPECT_EQ(pools({{"--password", kPolicyPasswords[1]}}).exitCode, 0);
+  hdstest::useSimArray(env, sim);
+  EXPECT_EQ(pools({"--password", kPolicyPasswords[1]}).exitCode, 0);
   env.setEnv("HDSCTL_PASSWORD", kPolicyPasswords[1].c_str());
-  EXPECT_EQ(pools({{"--password", ""}}).exitCode, 0);
+  EXPECT_EQ(pools({}).exitCode, 0);
   EXPECT_EQ(hdstest::loginCount(env), 0);
 }
 
