@@ -101,23 +101,18 @@ TEST(CciHorcmFiles, WrittenByteForByteRemovedAndAllocatedAroundTakenNumbers) {
   });
 }
 
-TEST(CciHorcmFiles, UnwritableDirectoryLeavesNoInstance) {
+TEST(CciHorcmInstances, StartStopAndPartialFailures) {
   expectInChild([] {
     Rig rig("-1", "-1");
     const std::string missingDir = rig.env.root() + "/gone/";
     rig.env.setEnv("HDS_HORCM_DIR", missingDir.c_str());
-    EXPECT_EQ(rig.handler->createHorcmFiles(), 1);
+    EXPECT_EQ(rig.handler->startHorcm(), 1);
     rig.expectError(62601, "Unable to open horcm file " + missingDir + "horcm3300.conf");
     EXPECT_TRUE(
         rig.log.contains("Unable to create horcm file [" + missingDir + "horcm3300.conf]", 2));
-    EXPECT_EQ(rig.handler->getInstance(), "-1");
-    EXPECT_EQ(rig.handler->getPeerInstance(), "-1");
-  });
-}
+    EXPECT_EQ(rig.handler->getInstance() + rig.handler->getPeerInstance(), "-1-1");
+    rig.env.setEnv("HDS_HORCM_DIR", rig.env.horcmDir().c_str());
 
-TEST(CciHorcmInstances, StartStopAndPartialFailures) {
-  expectInChild([] {
-    Rig rig("-1", "-1");
     rig.tools.add("horcmstart.sh", "HORCM inst 3300 has failed to start.\n", 3);
     rig.tools.add("horcmshutdown.sh", "", 251, "[EX_ATTHOR] Can't be attached to HORC manager\n");
     // Nothing to stop: no shutdown runs and no file is named.
@@ -146,7 +141,7 @@ struct PairCall {
   int errorCode = 62601;
 };
 
-TEST(CciPairCommands, CommandLinesAndFailures) {
+TEST(CciPairCommands, CommandLinesFailuresAndQmarkers) {
   static std::string qMarker;
   static bool committed = false;
   const std::vector<PairCall> calls = {
@@ -205,26 +200,12 @@ TEST(CciPairCommands, CommandLinesAndFailures) {
     EXPECT_EQ(rig.handler->pairEvtWait("PAIR", 1, "Pair_1"), 1);
     rig.expectError(233, "Failed to get pair status on copy group CG1 Pair_1.");
     EXPECT_TRUE(rig.log.contains("Pairevwait command timed out waiting for status.", 2));
-  });
-  // Without an instance number the commands carry no instance option.
-  expectInChild([] {
-    Rig rig("", "");
-    rig.tools.add("pairsplit", "");
-    EXPECT_EQ(rig.handler->pairSplit("", false, false), 0);
-    EXPECT_TRUE(rig.ran("pairsplit   -g CG1"));
-  });
-}
 
-// What pairsyncwait printed decides the marker and whether it is committed.
-TEST(CciPairWaits, QmarkerAndSyncWait) {
-  expectInChild([] {
-    Rig rig;
+    // What pairsyncwait printed decides the marker and whether it is committed.
     const std::string header = "UnitID CTGID  Q-Marker  Status Q-Num\n";
     rig.tools.add("pairsyncwait", header + "     0     3  01003408ef NOWAIT      2\n");
-    std::string qMarker;
     ASSERT_EQ(rig.handler->getQmarker("DR1", qMarker), 0);
     EXPECT_EQ(qMarker, "01003408ef");
-    bool committed = false;
     rig.tools.add("pairsyncwait", header + "     0     3  01003408ef DONE        2\n");
     ASSERT_EQ(rig.handler->pairSyncWait("DR1", "01003408ef", 30, committed), 0);
     EXPECT_TRUE(committed);
@@ -241,6 +222,13 @@ TEST(CciPairWaits, QmarkerAndSyncWait) {
     rig.tools.add("pairsyncwait", header);
     ASSERT_EQ(rig.handler->getQmarker("DR1", qMarker), 0);
     EXPECT_EQ(qMarker, "01003408ef");
+  });
+  // Without an instance number the commands carry no instance option.
+  expectInChild([] {
+    Rig rig("", "");
+    rig.tools.add("pairsplit", "");
+    EXPECT_EQ(rig.handler->pairSplit("", false, false), 0);
+    EXPECT_TRUE(rig.ran("pairsplit   -g CG1"));
   });
 }
 
