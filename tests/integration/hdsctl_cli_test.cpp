@@ -1,6 +1,5 @@
-// hdsctl and ccisim's admin commands as an operator and a script meet them: help, argument
-// errors, check, listings, the single operations, the log, the trace and the support bundle, run
-// as the built binaries against ccisim.
+// hdsctl and ccisim's admin commands as an operator and a script meet them, run as the built
+// binaries against ccisim.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -151,8 +150,9 @@ TEST(HdsctlCli, CheckNamesWhatIsMissingAndDistrustsANegativeLoginCount) {
   ASSERT_EQ(symlink(SimArray::ccisimPath().c_str(), (partial + "raidqry").c_str()), 0);
   r = hdsctl({"check", "--json", "--cci-dir", partial});
   EXPECT_EQ(r.exitCode, 1);
-  EXPECT_FALSE(json::parse(r.out)["ready"].get<bool>());
-  const std::string tools = checkResult(json::parse(r.out), "CCI tools");
+  json report = json::parse(r.out);
+  EXPECT_FALSE(report["ready"].get<bool>());
+  const std::string tools = checkResult(report, "CCI tools");
   for (const char* name : {"raidcom", "horcmshutdown.sh", "pairsyncwait"}) {
     EXPECT_NE(tools.find(name), std::string::npos) << name << " not named in: " << tools;
   }
@@ -170,7 +170,8 @@ TEST(HdsctlCli, CheckNamesWhatIsMissingAndDistrustsANegativeLoginCount) {
                     "\n[~iHarbor]\nsVTHDSRaidcomLockCount_412345 = -3\n");
   r = hdsctl({"check", "--json"});
   EXPECT_EQ(r.exitCode, 1);
-  for (const json& c : json::parse(r.out)["checks"]) {
+  report = json::parse(r.out);
+  for (const json& c : report["checks"]) {
     EXPECT_EQ(c["result"] == "FAIL", c["check"] == "login count") << c.dump();
   }
 }
@@ -218,26 +219,24 @@ TEST(HdsctlCli, LogAndTraceNameEveryLineAndCallButNeverThePassword) {
                                 -1));
   EXPECT_EQ(hdsctl({"--log", logFile, "--trace", traceFile, "ldevs", "--ldev", "100"}).exitCode, 1);
 
-  std::istringstream in(hdstest::readFile(traceFile));
+  const std::string trace = hdstest::readFile(traceFile);
   int calls = 0, logins = 0, rejected = 0;
-  for (std::string line; std::getline(in, line); ++calls) {
-    json call = json::parse(line);
+  for (const std::string& line : hdstest::outputLines(trace)) {
+    const json call = json::parse(line);
+    ++calls;
     for (const char* key : {"start", "ms", "command", "exit", "timedOut", "outBytes", "errBytes"}) {
       EXPECT_TRUE(call.contains(key)) << key << " missing in " << line;
     }
     EXPECT_EQ(call["start"].get<std::string>().back(), 'Z') << line;
-    if (call["command"].get<std::string>().find("-login") != std::string::npos) ++logins;
-    if (call.value("ex", "") == "EX_CMDRJE" && call["ssb"] == json({"2E11", "8301"})) {
-      ++rejected;
-      EXPECT_EQ(call["exit"], 1) << line;
-    }
+    logins += call["command"].get<std::string>().find("-login") != std::string::npos;
+    rejected += call.value("ex", "") == "EX_CMDRJE" && call["ssb"] == json({"2E11", "8301"}) &&
+                call["exit"] == 1;
   }
   EXPECT_GT(calls, 4);
   EXPECT_GT(logins, 0);
   EXPECT_GT(rejected, 0);
-  for (const std::string& text : {log, hdstest::readFile(traceFile)}) {
-    EXPECT_EQ(text.find(SimArray::kPassword), std::string::npos) << text;
-  }
+  EXPECT_EQ(log.find(SimArray::kPassword), std::string::npos) << log;
+  EXPECT_EQ(trace.find(SimArray::kPassword), std::string::npos) << trace;
 }
 
 // The archive a support engineer asks for: everything they need about this host, no password.
