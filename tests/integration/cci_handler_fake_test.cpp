@@ -1,6 +1,5 @@
 // The pair handler against small fake CCI tools: the exact command texts it runs, the HORCM files
-// it writes, and the error state it leaves. Every scenario runs in a child process because the
-// handler keeps per-process caches (CCI directory, host name, version, temporary directory).
+// it writes, and the error state it leaves, each scenario in a child process of its own.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -32,7 +31,6 @@ struct Rig : hdstest::HandlerEnv {
     handler = std::make_unique<CCICommandHandler>(log, param, instance, peer);
   }
 
-  // The command line the handler ran for a tool, as the runner logged it.
   bool ran(const std::string& commandLine) const {
     return log.contains("Command [" + env.cciDir() + commandLine + "] ");
   }
@@ -41,8 +39,7 @@ struct Rig : hdstest::HandlerEnv {
     int actualCode = 0;
     std::string actualText;
     handler->getErrorCodeAndString(actualCode, actualText);
-    EXPECT_EQ(actualCode, code);
-    EXPECT_EQ(actualText, text);
+    EXPECT_EQ(std::to_string(actualCode) + " " + actualText, std::to_string(code) + " " + text);
   }
 
   std::string horcmFile(int n) const {
@@ -133,7 +130,7 @@ TEST(CciHorcmInstances, StartStopAndPartialFailures) {
 }
 
 // Each call, the command line it must run (after the CCI directory) and, when the tool fails
-// with exit status 222, the error code and text it must leave.
+// with exit status 222, the error text and code it must leave (pairevtwait's: its exit status).
 struct PairCall {
   std::function<int(CCICommandHandler&)> call;
   std::string commandLine;
@@ -165,7 +162,6 @@ TEST(CciPairCommands, CommandLinesFailuresAndQmarkers) {
          return h.pairDisplay(pairs);
        },
        "pairdisplay   -g CG1 -fc -CLI  -IM3300", "Failed to get pair status of copy group [CG1]."},
-      // pairevtwait's exit status is the error code.
       {[](CCICommandHandler& h) { return h.pairEvtWait("PSUS", 60, ""); },
        "pairevtwait   -g CG1 -ss psus -t 60 -IM3300",
        "Failed to get pair status on copy group CG1 .", 222},

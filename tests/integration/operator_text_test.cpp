@@ -99,8 +99,7 @@ TEST_F(OperatorText, AttacksThroughEveryFieldRunNothingAndCountNoLogin) {
 TEST_F(OperatorText, PolicyPasswordsLogInAndStayOutOfTheLog) {
   std::vector<std::string> init = {"init", "--user", "admin:admin123"};
   for (size_t i = 0; i < kPolicyPasswords.size(); ++i) {
-    init.push_back("--user");
-    init.push_back("user" + std::to_string(i) + ":" + kPolicyPasswords[i]);
+    init.insert(init.end(), {"--user", "user" + std::to_string(i) + ":" + kPolicyPasswords[i]});
   }
   sim.admin(init);
   for (size_t i = 0; i < kPolicyPasswords.size(); ++i) {
