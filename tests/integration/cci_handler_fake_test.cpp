@@ -69,8 +69,7 @@ TEST(CciHorcmFiles, WrittenByteForByteRemovedAndAllocatedAroundTakenNumbers) {
     EXPECT_EQ(rig.handler->readHorcmFile(), 0);
 
     ASSERT_EQ(rig.handler->removeHorcmFiles(), 0);
-    EXPECT_FALSE(pathExists(rig.horcmFile(3300)));
-    EXPECT_FALSE(pathExists(rig.horcmFile(3301)));
+    EXPECT_FALSE(pathExists(rig.horcmFile(3300)) || pathExists(rig.horcmFile(3301)));
     EXPECT_TRUE(rig.log.contains(
         "Deleted horcm files [" + rig.horcmFile(3300) + "] and [" + rig.horcmFile(3301) + "].", 1));
     // Gone files are not an error the second time round.
@@ -124,8 +123,7 @@ TEST(CciHorcmInstances, StartStopAndPartialFailures) {
     EXPECT_EQ(rig.handler->stopHorcm(), 0);
     EXPECT_EQ(rig.tools.argv("horcmshutdown.sh"), (std::vector<std::string>{"[3300]", "[3301]"}));
     EXPECT_EQ(rig.handler->getInstance() + rig.handler->getPeerInstance(), "33003301");
-    EXPECT_FALSE(pathExists(rig.horcmFile(3301)));
-    EXPECT_FALSE(pathExists(rig.horcmFile(3300)));
+    EXPECT_FALSE(pathExists(rig.horcmFile(3301)) || pathExists(rig.horcmFile(3300)));
   });
 }
 

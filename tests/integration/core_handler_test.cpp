@@ -52,7 +52,23 @@ TEST_F(Handler, InitialisationSettlesProcessWideValuesOnce) {
   });
 }
 
-TEST_F(Handler, InitialisationFailures) {
+TEST_F(Handler, SettingsAndInitialisationFailures) {
+  expectInChild([&] {
+    for (const auto& [value, timeout] :
+         std::vector<std::pair<std::string, int>>{{"", 300}, {"-5", 300}, {"10", 30}, {"31", 31}}) {
+      h.settings("[~iHarbor]\nnVTHDSCCICommandTimeoutInSec=" + value + "\n");
+      EXPECT_EQ(h.handler()->timeout(), timeout) << value;
+    }
+    h.settings("");
+    EXPECT_FALSE(h.handler()->keepOutput());
+    h.log.setConfigInt(SMCONFIG_NAME_ENABLE_COMMAND_LOGGING, 1);
+    EXPECT_TRUE(h.handler()->keepOutput());
+    // The client key wins over the array flag, also when it is 0.
+    h.settings("[~iHarbor]\nnVTHDSKeepCmdOutput=0\n");
+    EXPECT_FALSE(h.handler()->keepOutput());
+    EXPECT_TRUE(h.log.contains("Reg key to keep command output is set to [0].", 0));
+  });
+
   const std::string noVersion =
       "Failed to get version of CCI command installed. Please check output of 'raidqry -h' "
       "command";
@@ -83,24 +99,6 @@ TEST_F(Handler, InitialisationFailures) {
               "at client level. Please refer to Vantrel documentation on Hitachi storage array "
               "for more details.");
     EXPECT_TRUE(h.log.contains("Hitachi CCI CLI not found in [/HORCM/usr/bin/]. Ensure", 2));
-  });
-}
-
-TEST_F(Handler, TimeOutAndKeepOutputSettings) {
-  expectInChild([&] {
-    for (const auto& [value, timeout] :
-         std::vector<std::pair<std::string, int>>{{"", 300}, {"-5", 300}, {"10", 30}, {"31", 31}}) {
-      h.settings("[~iHarbor]\nnVTHDSCCICommandTimeoutInSec=" + value + "\n");
-      EXPECT_EQ(h.handler()->timeout(), timeout) << value;
-    }
-    h.settings("");
-    EXPECT_FALSE(h.handler()->keepOutput());
-    h.log.setConfigInt(SMCONFIG_NAME_ENABLE_COMMAND_LOGGING, 1);
-    EXPECT_TRUE(h.handler()->keepOutput());
-    // The client key wins over the array flag, also when it is 0.
-    h.settings("[~iHarbor]\nnVTHDSKeepCmdOutput=0\n");
-    EXPECT_FALSE(h.handler()->keepOutput());
-    EXPECT_TRUE(h.log.contains("Reg key to keep command output is set to [0].", 0));
   });
 }
 

@@ -63,7 +63,7 @@ std::string helpPaths(const std::string& program, const std::string& name) {
   return all;
 }
 
-TEST(HdsctlCli, EverySubcommandAnswersHelp) {
+TEST(HdsctlCli, HelpEverywhereAndWrongArgumentsInOneLine) {
   TestEnv env;
   EXPECT_EQ(
       helpPaths(hdsctlPath(), "hdsctl"),
@@ -78,10 +78,8 @@ TEST(HdsctlCli, EverySubcommandAnswersHelp) {
             "expire, session list, timing,");
   // The job file format is documented where the job is.
   EXPECT_NE(hdsctl({"job", "--help"}).out.find("\"svol_first\""), std::string::npos);
-}
 
-TEST(HdsctlCli, WrongArgumentsGiveOneLineAndExitTwo) {
-  TestEnv env;
+  // Wrong arguments give one line and exit 2.
   for (const char* name : {"HDSCTL_SERIAL", "HDSCTL_USER", "HDSCTL_PASSWORD", "HDSCTL_CMDDEV"}) {
     env.setEnv(name, nullptr);
   }
