@@ -139,6 +139,7 @@ struct PairCall {
 TEST(CciPairCommands, CommandLinesFailuresAndQmarkers) {
   static std::string qMarker;
   static bool committed = false;
+  static std::vector<hdsCopyGroupInfo> pairs;
   const std::vector<PairCall> calls = {
       {[](CCICommandHandler& h) { return h.pairCreate(true, "Pair_1"); },
        "paircreate   -d Pair_1 -m grp  -g CG1 -vl  -IM3300",
@@ -155,10 +156,7 @@ TEST(CciPairCommands, CommandLinesFailuresAndQmarkers) {
        "Failed to split pair on copy group [CG1 Pair_1]."},
       {[](CCICommandHandler& h) { return h.pairSplit("Pair_1", false, false); },
        "pairsplit   -d Pair_1 -g CG1 -IM3300", "Failed to split pair on copy group [CG1 Pair_1]."},
-      {[](CCICommandHandler& h) {
-         std::vector<hdsCopyGroupInfo> pairs;
-         return h.pairDisplay(pairs);
-       },
+      {[](CCICommandHandler& h) { return h.pairDisplay(pairs); },
        "pairdisplay   -g CG1 -fc -CLI  -IM3300", "Failed to get pair status of copy group [CG1]."},
       {[](CCICommandHandler& h) { return h.pairEvtWait("PSUS", 60, ""); },
        "pairevtwait   -g CG1 -ss psus -t 60 -IM3300",
