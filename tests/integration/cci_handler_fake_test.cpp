@@ -62,8 +62,7 @@ TEST(CciHorcmFiles, WrittenByteForByteRemovedAndAllocatedAroundTakenNumbers) {
     rig.handler->setDeviceGroups("DG_L", "DG_P");
 
     ASSERT_EQ(rig.handler->createHorcmFiles(), 0) << rig.log.dump();
-    EXPECT_EQ(rig.handler->getInstance(), "3300");
-    EXPECT_EQ(rig.handler->getPeerInstance(), "3301");
+    EXPECT_EQ(rig.handler->getInstance() + rig.handler->getPeerInstance(), "33003301");
     EXPECT_EQ(readFile(rig.horcmFile(3300)), expectedHorcmFile(3300, 3301, "DG_L"));
     EXPECT_EQ(readFile(rig.horcmFile(3301)), expectedHorcmFile(3301, 3300, "DG_P"));
     EXPECT_EQ(rig.handler->readHorcmFile(), 0);

@@ -17,7 +17,6 @@
 
 namespace {
 
-using hdstest::arrayState;
 using hdstest::hdsctlPath;
 using hdstest::runTool;
 using hdstest::SimArray;
@@ -79,7 +78,6 @@ TEST(HdsctlCli, HelpEverywhereAndWrongArgumentsInOneLine) {
   // The job file format is documented where the job is.
   EXPECT_NE(hdsctl({"job", "--help"}).out.find("\"svol_first\""), std::string::npos);
 
-  // Wrong arguments give one line and exit 2.
   for (const char* name : {"HDSCTL_SERIAL", "HDSCTL_USER", "HDSCTL_PASSWORD", "HDSCTL_CMDDEV"}) {
     env.setEnv(name, nullptr);
   }
@@ -95,7 +93,6 @@ TEST(HdsctlCli, HelpEverywhereAndWrongArgumentsInOneLine) {
       {R"({"pool": 0, "pvols": [100], "pvol": [101]})", ""},
       {R"({"pool": 0, "pvols": [100, 100]})", ""}};
   std::vector<std::pair<std::string, std::string>> cases = {
-      {"job /dev/zero", "is not a regular file"},
       {"job " + root, "is not a regular file"},
       {"job " + root + "/missing.json", ""},
       {"--log " + root + "/no/such/dir/log pools", ""}};
@@ -106,12 +103,12 @@ TEST(HdsctlCli, HelpEverywhereAndWrongArgumentsInOneLine) {
   // hdsctl's arguments unless the case starts with ccisim, one case between commas (the test's
   // directories hold no blanks); "ldevs" names no array.
   std::istringstream lines(
-      ",--bogus,nosuch,svol,ldevs --pool x,ldevs --mapped --unmapped,ldevs --ldev 100 --pool 0,"
-      "ldevs,svol create 300 --pool 0,svol create 3a0 --pool 0 --capacity 1,snapshot split "
-      "--group g --svol 300,snapshot add g --pool 0 --pair 100-300,luns --port CL1-A,lock --hold "
-      "-1,demo --pvols 0,job,recover a/b,ccisim,ccisim nosuch,ccisim init --help-me,ccisim init "
-      "--serial,ccisim init --copy-ms fast,ccisim init --ldevs 100,ccisim fault,ccisim fault "
-      "add,ccisim install,ccisim resource lock rsg");
+      ",--bogus,nosuch,job /dev/zero,svol,ldevs --pool x,ldevs --mapped --unmapped,ldevs --ldev"
+      " 100 --pool 0,ldevs,svol create 300 --pool 0,svol create 3a0 --pool 0 --capacity 1,snapshot"
+      " split --group g --svol 300,snapshot add g --pool 0 --pair 100-300,luns --port CL1-A,lock"
+      " --hold -1,demo --pvols 0,job,recover a/b,ccisim,ccisim nosuch,ccisim init --help-me,ccisim"
+      " init --serial,ccisim init --copy-ms fast,ccisim init --ldevs 100,ccisim fault,ccisim fault"
+      " add,ccisim install,ccisim resource lock rsg");
   for (std::string line; std::getline(lines, line, ',');) cases.emplace_back(line, "");
   for (const auto& [line, says] : cases) {
     std::vector<std::string> args = hdstest::lineWords(line);
@@ -274,7 +271,7 @@ TEST(HdsctlCli, ListingsAndSingleOperationsOnTheSimulatedArray) {
   TestEnv env;
   SimArray sim(env);
   useSimArray(env, sim);
-  const std::string before = arrayState(sim);
+  const std::string before = hdstest::arrayState(sim);
   auto run = [](const std::string& line) {
     ToolResult r = hdsctl(hdstest::lineWords(line));
     EXPECT_EQ(r.exitCode, 0) << line << ": " << r.err;
@@ -311,7 +308,7 @@ TEST(HdsctlCli, ListingsAndSingleOperationsOnTheSimulatedArray) {
   run("unmap --port CL1-A --host-group 0 --ldev 300");
   run("snapshot delete 300 301");
   run("svol delete 300 301");
-  EXPECT_EQ(arrayState(sim), before);
+  EXPECT_EQ(hdstest::arrayState(sim), before);
 }
 
 }  // namespace
