@@ -17,7 +17,6 @@ namespace {
 
 using hdstest::expectInChild;
 using hdstest::pathExists;
-using hdstest::readFile;
 
 // A host with fake tools as the CCI directory and a pair handler of copy group CG1 on it.
 struct Rig : hdstest::HandlerEnv {
@@ -63,8 +62,8 @@ TEST(CciHorcmFiles, WrittenByteForByteRemovedAndAllocatedAroundTakenNumbers) {
 
     ASSERT_EQ(rig.handler->createHorcmFiles(), 0) << rig.log.dump();
     EXPECT_EQ(rig.handler->getInstance() + rig.handler->getPeerInstance(), "33003301");
-    EXPECT_EQ(readFile(rig.horcmFile(3300)), expectedHorcmFile(3300, 3301, "DG_L"));
-    EXPECT_EQ(readFile(rig.horcmFile(3301)), expectedHorcmFile(3301, 3300, "DG_P"));
+    EXPECT_EQ(hdstest::readFile(rig.horcmFile(3300)), expectedHorcmFile(3300, 3301, "DG_L"));
+    EXPECT_EQ(hdstest::readFile(rig.horcmFile(3301)), expectedHorcmFile(3301, 3300, "DG_P"));
     EXPECT_EQ(rig.handler->readHorcmFile(), 0);
 
     ASSERT_EQ(rig.handler->removeHorcmFiles(), 0);
@@ -81,7 +80,7 @@ TEST(CciHorcmFiles, WrittenByteForByteRemovedAndAllocatedAroundTakenNumbers) {
     hdstest::writeFile(rig.horcmFile(3300), "taken");
     ASSERT_EQ(rig.handler->createHorcmFiles(), 0);
     EXPECT_EQ(rig.handler->getInstance() + rig.handler->getPeerInstance(), "33013302");
-    EXPECT_EQ(readFile(rig.horcmFile(3300)), "taken");
+    EXPECT_EQ(hdstest::readFile(rig.horcmFile(3300)), "taken");
     // 3300 free, 3301 taken: neither [3300, 3301] nor [3301, 3302] is free.
     ASSERT_EQ(rig.handler->removeHorcmFiles(), 0);
     ASSERT_EQ(unlink(rig.horcmFile(3300).c_str()), 0);

@@ -17,7 +17,6 @@
 
 namespace {
 
-using hdstest::hdsctlPath;
 using hdstest::runTool;
 using hdstest::SimArray;
 using hdstest::TestEnv;
@@ -65,7 +64,7 @@ std::string helpPaths(const std::string& program, const std::string& name) {
 TEST(HdsctlCli, HelpEverywhereAndWrongArgumentsInOneLine) {
   TestEnv env;
   EXPECT_EQ(
-      helpPaths(hdsctlPath(), "hdsctl"),
+      helpPaths(hdstest::hdsctlPath(), "hdsctl"),
       ", check, copy-groups, demo, device-groups, host-groups, job, ldevs, lock, luns, map,"
       " pools, ports, recover, resource-groups, snapshot, snapshot add, snapshot clone, snapshot "
       "create, snapshot delete, snapshot restore, snapshot resync, snapshot split, "
@@ -114,7 +113,7 @@ TEST(HdsctlCli, HelpEverywhereAndWrongArgumentsInOneLine) {
     std::vector<std::string> args = hdstest::lineWords(line);
     const std::string program = !args.empty() && args[0] == "ccisim" ? "ccisim" : "hdsctl";
     if (program == "hdsctl") args.insert(args.begin(), program);
-    args[0] = program == "hdsctl" ? hdsctlPath() : SimArray::ccisimPath();
+    args[0] = program == "hdsctl" ? hdstest::hdsctlPath() : SimArray::ccisimPath();
     ToolResult r = runTool(args);
     EXPECT_EQ(r.exitCode, 2) << line << ": " << r.err;
     EXPECT_EQ(r.out, "") << line;
