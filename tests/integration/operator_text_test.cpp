@@ -142,8 +142,8 @@ TEST_F(OperatorText, DirectoriesWithShellCharactersWorkEndToEnd) {
   EXPECT_TRUE(hdstest::filesIn(tempDir).empty());
 }
 
-// What hdsctl takes from a job file rather than handing it on as it came: the job file alone says
-// how to reach the array, and one of its values is the attack.
+// Options and HDSCTL_* variables reach the library as given, where the first test attacks them;
+// a job file hdsctl reads itself, so here it alone says how to reach the array.
 TEST_F(OperatorText, HdsctlOptionsEnvironmentAndJobFileRunNothing) {
   env.writeSettings("[iHarbor]\nsClientHostName=testhost\n");
   for (const char* name : {"HDSCTL_SERIAL", "HDSCTL_USER", "HDSCTL_PASSWORD", "HDSCTL_CMDDEV"}) {
