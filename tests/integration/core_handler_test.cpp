@@ -74,11 +74,11 @@ TEST_F(Handler, SettingsAndInitialisationFailures) {
        "Failed to get version of CCI command installed. Please check output of 'raidqry -h' "
        "command"},
       {"FAIL", "Command '" + h.env.cciDir() + "raidqry  -h  returned exit code [1]."}};
-  for (const auto& [out, text] : raidqry) {
-    h.tools.add("raidqry", out, out == "FAIL" ? 1 : 0);
+  for (const auto& c : raidqry) {
+    h.tools.add("raidqry", c.first, c.first == "FAIL" ? 1 : 0);
     withHandler([&](HandlerProbe& handler) {
       EXPECT_EQ(handler.errorCode(), 62601);
-      EXPECT_EQ(handler.errorText(), text);
+      EXPECT_EQ(handler.errorText(), c.second);
       EXPECT_TRUE(h.log.contains("Failed to get CCI version installed.", 2));
       h.log.clear();
       EXPECT_EQ(handler.initialize(), 1);  // unusable for good, quietly
@@ -169,8 +169,9 @@ TEST_F(Handler, PlantedSymlinksAreNotFollowed) {
     // Links at every name the next script can get in the next seconds.
     const std::string last = handler.formInputScriptFileName();  // <pid>_<tid>_<time>_<index>_
     long long pid, tid, now, index;
-    std::sscanf(last.substr(last.rfind('/') + 1).c_str(), "%lld_%lld_%lld_%lld", &pid, &tid, &now,
-                &index);
+    ASSERT_EQ(std::sscanf(last.substr(last.rfind('/') + 1).c_str(), "%lld_%lld_%lld_%lld", &pid,
+                          &tid, &now, &index),
+              4);
     const std::string stem = last.substr(0, last.find("_" + std::to_string(now) + "_"));
     for (long long t = now; t < now + 3; ++t) {
       for (long long i = 1; i <= index + 1; ++i) {
