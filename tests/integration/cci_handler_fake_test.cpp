@@ -1,6 +1,5 @@
 // The pair handler against small fake CCI tools: the exact command texts it runs, the HORCM files
-// it writes, and the error state it leaves. Every scenario runs in a child process because the
-// handler keeps per-process caches (CCI directory, host name, version, temporary directory).
+// it writes, and the error state it leaves, each scenario in a child process of its own.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -18,7 +17,6 @@ namespace {
 
 using hdstest::expectInChild;
 using hdstest::pathExists;
-using hdstest::readFile;
 
 // A host with fake tools as the CCI directory and a pair handler of copy group CG1 on it.
 struct Rig : hdstest::HandlerEnv {
@@ -32,7 +30,6 @@ struct Rig : hdstest::HandlerEnv {
     handler = std::make_unique<CCICommandHandler>(log, param, instance, peer);
   }
 
-  // The command line the handler ran for a tool, as the runner logged it.
   bool ran(const std::string& commandLine) const {
     return log.contains("Command [" + env.cciDir() + commandLine + "] ");
   }
@@ -41,8 +38,7 @@ struct Rig : hdstest::HandlerEnv {
     int actualCode = 0;
     std::string actualText;
     handler->getErrorCodeAndString(actualCode, actualText);
-    EXPECT_EQ(actualCode, code);
-    EXPECT_EQ(actualText, text);
+    EXPECT_EQ(std::to_string(actualCode) + " " + actualText, std::to_string(code) + " " + text);
   }
 
   std::string horcmFile(int n) const {
@@ -57,7 +53,7 @@ std::string expectedHorcmFile(int own, int other, const std::string& deviceGroup
          std::to_string(other) + "\n\n";
 }
 
-TEST(CciHorcmFiles, WrittenByteForByteAndRemoved) {
+TEST(CciHorcmFiles, WrittenByteForByteRemovedAndAllocatedAroundTakenNumbers) {
   expectInChild([] {
     Rig rig("-1", "-1");
     rig.tools.add("raidscan", "cmddev of Ser# 412345 = \\\\.\\CMD-412345:/dev/sdc\n");
@@ -65,107 +61,83 @@ TEST(CciHorcmFiles, WrittenByteForByteAndRemoved) {
     rig.handler->setDeviceGroups("DG_L", "DG_P");
 
     ASSERT_EQ(rig.handler->createHorcmFiles(), 0) << rig.log.dump();
-    EXPECT_EQ(rig.handler->getInstance(), "3300");
-    EXPECT_EQ(rig.handler->getPeerInstance(), "3301");
-    EXPECT_EQ(readFile(rig.horcmFile(3300)), expectedHorcmFile(3300, 3301, "DG_L"));
-    EXPECT_EQ(readFile(rig.horcmFile(3301)), expectedHorcmFile(3301, 3300, "DG_P"));
+    EXPECT_EQ(rig.handler->getInstance() + rig.handler->getPeerInstance(), "33003301");
+    EXPECT_EQ(hdstest::readFile(rig.horcmFile(3300)), expectedHorcmFile(3300, 3301, "DG_L"));
+    EXPECT_EQ(hdstest::readFile(rig.horcmFile(3301)), expectedHorcmFile(3301, 3300, "DG_P"));
     EXPECT_EQ(rig.handler->readHorcmFile(), 0);
 
     ASSERT_EQ(rig.handler->removeHorcmFiles(), 0);
-    EXPECT_FALSE(pathExists(rig.horcmFile(3300)));
-    EXPECT_FALSE(pathExists(rig.horcmFile(3301)));
+    EXPECT_FALSE(pathExists(rig.horcmFile(3300)) || pathExists(rig.horcmFile(3301)));
     EXPECT_TRUE(rig.log.contains(
         "Deleted horcm files [" + rig.horcmFile(3300) + "] and [" + rig.horcmFile(3301) + "].", 1));
     // Gone files are not an error the second time round.
     EXPECT_EQ(rig.handler->removeHorcmFiles(), 0);
     EXPECT_EQ(rig.handler->readHorcmFile(), 1);
     rig.expectError(62601, "Failed to read horcm file" + rig.horcmFile(3300));
-  });
-}
 
-TEST(CciHorcmFiles, AllocationSkipsTakenNumbersAndMayOverlapByOne) {
-  expectInChild([] {
-    Rig rig("-1", "-1");
     // 3300 taken and 3301 free: the pair starting at 3301 may use the free upper number of an
     // earlier pair whose lower file is gone.
     hdstest::writeFile(rig.horcmFile(3300), "taken");
     ASSERT_EQ(rig.handler->createHorcmFiles(), 0);
-    EXPECT_EQ(rig.handler->getInstance(), "3301");
-    EXPECT_EQ(rig.handler->getPeerInstance(), "3302");
-    EXPECT_EQ(readFile(rig.horcmFile(3300)), "taken");
-
+    EXPECT_EQ(rig.handler->getInstance() + rig.handler->getPeerInstance(), "33013302");
+    EXPECT_EQ(hdstest::readFile(rig.horcmFile(3300)), "taken");
     // 3300 free, 3301 taken: neither [3300, 3301] nor [3301, 3302] is free.
     ASSERT_EQ(rig.handler->removeHorcmFiles(), 0);
     ASSERT_EQ(unlink(rig.horcmFile(3300).c_str()), 0);
     hdstest::writeFile(rig.horcmFile(3301), "taken");
     ASSERT_EQ(rig.handler->createHorcmFiles(), 0);
-    EXPECT_EQ(rig.handler->getInstance(), "3302");
-    EXPECT_EQ(rig.handler->getPeerInstance(), "3303");
-  });
-}
-
-TEST(CciHorcmFiles, FailuresLeaveNoFileAndNoInstance) {
-  expectInChild([] {
-    Rig rig("-1", "-1");
+    EXPECT_EQ(rig.handler->getInstance() + rig.handler->getPeerInstance(), "33023303");
+    ASSERT_EQ(rig.handler->removeHorcmFiles(), 0);
     for (int n = 3300; n < 3500; ++n) hdstest::writeFile(rig.horcmFile(n), "");
     EXPECT_EQ(rig.handler->createHorcmFiles(), 1);
     rig.expectError(62601, "Failed to find free horcm instance.");
     EXPECT_FALSE(pathExists(rig.horcmFile(3500)));
-  });
-  expectInChild([] {
-    Rig rig("-1", "-1");
-    const std::string missingDir = rig.env.root() + "/gone/";
-    rig.env.setEnv("HDS_HORCM_DIR", missingDir.c_str());
-    EXPECT_EQ(rig.handler->createHorcmFiles(), 1);
-    rig.expectError(62601, "Unable to open horcm file " + missingDir + "horcm3300.conf");
-    EXPECT_TRUE(
-        rig.log.contains("Unable to create horcm file [" + missingDir + "horcm3300.conf]", 2));
-    EXPECT_EQ(rig.handler->getInstance(), "-1");
-    EXPECT_EQ(rig.handler->getPeerInstance(), "-1");
   });
 }
 
 TEST(CciHorcmInstances, StartStopAndPartialFailures) {
   expectInChild([] {
     Rig rig("-1", "-1");
-    rig.tools.add("horcmstart.sh", "HORCM inst starts successfully.\n");
-    rig.tools.add("horcmshutdown.sh", "horcmshutdown inst !!!\n");
-    ASSERT_EQ(rig.handler->startHorcm(), 0) << rig.log.dump();
-    EXPECT_EQ(rig.handler->stopHorcm(), 0);
-    const std::vector<std::string> both = {"[3300]", "[3301]"};
-    EXPECT_EQ(rig.tools.argv("horcmstart.sh"), both);
-    EXPECT_EQ(rig.tools.argv("horcmshutdown.sh"), both);
-    EXPECT_FALSE(pathExists(rig.horcmFile(3300)));
-    EXPECT_FALSE(pathExists(rig.horcmFile(3301)));
+    const std::string missingDir = rig.env.root() + "/gone/";
+    rig.env.setEnv("HDS_HORCM_DIR", missingDir.c_str());
+    EXPECT_EQ(rig.handler->startHorcm(), 1);
+    rig.expectError(62601, "Unable to open horcm file " + missingDir + "horcm3300.conf");
+    EXPECT_TRUE(
+        rig.log.contains("Unable to create horcm file [" + missingDir + "horcm3300.conf]", 2));
     EXPECT_EQ(rig.handler->getInstance() + rig.handler->getPeerInstance(), "-1-1");
-    // Nothing left to stop: no shutdown runs and no file is named.
-    EXPECT_EQ(rig.handler->stopHorcm(), 0);
-    EXPECT_EQ(rig.tools.calls("horcmshutdown.sh"), 2);
-    EXPECT_TRUE(rig.log.contains("Deleted horcm files [N/A] and [N/A].", 1));
+    rig.env.setEnv("HDS_HORCM_DIR", rig.env.horcmDir().c_str());
 
+    rig.tools.add("horcmstart.sh", "HORCM inst 3300 has failed to start.\n", 3);
+    rig.tools.add("horcmshutdown.sh", "", 251, "[EX_ATTHOR] Can't be attached to HORC manager\n");
+    // Nothing to stop: no shutdown runs and no file is named.
+    EXPECT_EQ(rig.handler->stopHorcm(), 0);
+    EXPECT_TRUE(rig.log.contains("Deleted horcm files [N/A] and [N/A].", 1));
     // A failed start stops there and undoes nothing; a failed shutdown keeps its number, while
     // the files go all the same.
-    rig.tools.add("horcmstart.sh", "HORCM inst 3300 has failed to start.\n", 3);
     EXPECT_EQ(rig.handler->startHorcm(), 1);
-    EXPECT_EQ(rig.tools.calls("horcmstart.sh"), 3);
+    EXPECT_EQ(rig.tools.argv("horcmstart.sh"), std::vector<std::string>{"[3300]"});
+    EXPECT_EQ(rig.tools.calls("horcmshutdown.sh"), 0);
     EXPECT_TRUE(pathExists(rig.horcmFile(3301)));
-    rig.tools.add("horcmshutdown.sh", "", 251, "[EX_ATTHOR] Can't be attached to HORC manager\n");
     EXPECT_EQ(rig.handler->stopHorcm(), 0);
+    EXPECT_EQ(rig.tools.argv("horcmshutdown.sh"), (std::vector<std::string>{"[3300]", "[3301]"}));
     EXPECT_EQ(rig.handler->getInstance() + rig.handler->getPeerInstance(), "33003301");
-    EXPECT_FALSE(pathExists(rig.horcmFile(3301)));
-    EXPECT_FALSE(pathExists(rig.horcmFile(3300)));
+    EXPECT_FALSE(pathExists(rig.horcmFile(3301)) || pathExists(rig.horcmFile(3300)));
   });
 }
 
 // Each call, the command line it must run (after the CCI directory) and, when the tool fails
-// with exit status 222, the error text it must leave.
+// with exit status 222, the error text and code it must leave (pairevtwait's: its exit status).
 struct PairCall {
   std::function<int(CCICommandHandler&)> call;
   std::string commandLine;
   std::string errorText;
+  int errorCode = 62601;
 };
 
-TEST(CciPairCommands, CommandLinesAndFailures) {
+TEST(CciPairCommands, CommandLinesFailuresAndQmarkers) {
+  static std::string qMarker;
+  static bool committed = false;
+  static std::vector<hdsCopyGroupInfo> pairs;
   const std::vector<PairCall> calls = {
       {[](CCICommandHandler& h) { return h.pairCreate(true, "Pair_1"); },
        "paircreate   -d Pair_1 -m grp  -g CG1 -vl  -IM3300",
@@ -182,74 +154,51 @@ TEST(CciPairCommands, CommandLinesAndFailures) {
        "Failed to split pair on copy group [CG1 Pair_1]."},
       {[](CCICommandHandler& h) { return h.pairSplit("Pair_1", false, false); },
        "pairsplit   -d Pair_1 -g CG1 -IM3300", "Failed to split pair on copy group [CG1 Pair_1]."},
-      {[](CCICommandHandler& h) {
-         std::vector<hdsCopyGroupInfo> pairs;
-         return h.pairDisplay(pairs);
-       },
-       "pairdisplay   -g CG1 -fc -CLI  -IM3300", "Failed to get pair status of copy group [CG1]."}};
-  expectInChild([&calls] {
+      {[](CCICommandHandler& h) { return h.pairDisplay(pairs); },
+       "pairdisplay   -g CG1 -fc -CLI  -IM3300", "Failed to get pair status of copy group [CG1]."},
+      {[](CCICommandHandler& h) { return h.pairEvtWait("PSUS", 60, ""); },
+       "pairevtwait   -g CG1 -ss psus -t 60 -IM3300",
+       "Failed to get pair status on copy group CG1 .", 222},
+      {[](CCICommandHandler& h) { return h.pairEvtWait("Pair", 5, "Pair_2"); },
+       "pairevtwait   -g CG1 -d Pair_2 -ss pair -t 5 -IM3300",
+       "Failed to get pair status on copy group CG1 Pair_2.", 222},
+      {[](CCICommandHandler& h) { return h.getQmarker("DR1", qMarker); },
+       "pairsyncwait   -g DR1 -nowait -t 99999 -IH3300",
+       "Failed to latest Qmarker of copy group [DR1]."},
+      {[](CCICommandHandler& h) { return h.pairSyncWait("DR1", "01003408ef", 30, committed); },
+       "pairsyncwait   -g DR1 -q 01003408ef -t 30 -IH3300",
+       "Failed to check Q-Marker [01003408ef]commit."}};
+  const std::vector<std::string> tools = {"paircreate",  "pairresync",  "pairsplit",
+                                          "pairdisplay", "pairevtwait", "pairsyncwait"};
+  expectInChild([&] {
     Rig rig;
-    for (const char* tool : {"paircreate", "pairresync", "pairsplit", "pairdisplay"}) {
-      rig.tools.add(tool, "");
-    }
+    for (const std::string& tool : tools) rig.tools.add(tool, "");
     for (const PairCall& c : calls) {
       EXPECT_EQ(c.call(*rig.handler), 0) << c.commandLine;
       EXPECT_TRUE(rig.ran(c.commandLine)) << c.commandLine << "\n" << rig.log.dump();
     }
-    for (const char* tool : {"paircreate", "pairresync", "pairsplit", "pairdisplay"}) {
-      rig.tools.add(tool, "", 222, std::string(tool) + ": [EX_INVVOL] Invalid volume status\n");
+    for (const std::string& tool : tools) {
+      rig.tools.add(tool, "", 222, tool + ": [EX_INVVOL] Invalid volume status\n");
     }
     for (const PairCall& c : calls) {
       EXPECT_EQ(c.call(*rig.handler), 1) << c.commandLine;
-      rig.expectError(62601, c.errorText);
+      rig.expectError(c.errorCode, c.errorText);
     }
     // A failed suspend is logged as such, though its error text speaks of a split.
     EXPECT_TRUE(rig.log.contains("Failed to [suspended] pair on copy group [CG1 Pair_1].", 2));
-  });
-  // Without an instance number the commands carry no instance option.
-  expectInChild([] {
-    Rig rig("", "");
-    rig.tools.add("pairsplit", "");
-    EXPECT_EQ(rig.handler->pairSplit("", false, false), 0);
-    EXPECT_TRUE(rig.ran("pairsplit   -g CG1"));
-  });
-}
-
-TEST(CciPairWaits, EvtWaitCommandAndExitStatusAsErrorCode) {
-  expectInChild([] {
-    Rig rig;
-    rig.tools.add("pairevtwait", "pairevtwait : Wait status done.\n");
-    EXPECT_EQ(rig.handler->pairEvtWait("PSUS", 60, ""), 0);
-    EXPECT_TRUE(rig.ran("pairevtwait   -g CG1 -ss psus -t 60 -IM3300"));
-    EXPECT_EQ(rig.handler->pairEvtWait("Pair", 5, "Pair_2"), 0);
-    EXPECT_TRUE(rig.ran("pairevtwait   -g CG1 -d Pair_2 -ss pair -t 5 -IM3300"));
-
     rig.tools.add("pairevtwait", "", 233, "pairevtwait: [EX_EWSTOT] Timeout waiting\n");
     EXPECT_EQ(rig.handler->pairEvtWait("PAIR", 1, "Pair_1"), 1);
     rig.expectError(233, "Failed to get pair status on copy group CG1 Pair_1.");
     EXPECT_TRUE(rig.log.contains("Pairevwait command timed out waiting for status.", 2));
 
-    rig.tools.add("pairevtwait", "", 234, "pairevtwait: [EX_EWSUSE] Pair suspended\n");
-    EXPECT_EQ(rig.handler->pairEvtWait("PAIR", 1, ""), 1);
-    rig.expectError(234, "Failed to get pair status on copy group CG1 .");
-  });
-}
-
-TEST(CciPairWaits, QmarkerAndSyncWait) {
-  expectInChild([] {
-    Rig rig;
+    // What pairsyncwait printed decides the marker and whether it is committed.
     const std::string header = "UnitID CTGID  Q-Marker  Status Q-Num\n";
     rig.tools.add("pairsyncwait", header + "     0     3  01003408ef NOWAIT      2\n");
-    std::string qMarker;
     ASSERT_EQ(rig.handler->getQmarker("DR1", qMarker), 0);
     EXPECT_EQ(qMarker, "01003408ef");
-    EXPECT_TRUE(rig.ran("pairsyncwait   -g DR1 -nowait -t 99999 -IH3300"));
-
-    bool committed = false;
     rig.tools.add("pairsyncwait", header + "     0     3  01003408ef DONE        2\n");
     ASSERT_EQ(rig.handler->pairSyncWait("DR1", "01003408ef", 30, committed), 0);
     EXPECT_TRUE(committed);
-    EXPECT_TRUE(rig.ran("pairsyncwait   -g DR1 -q 01003408ef -t 30 -IH3300"));
 
     // Exit 1 is "not yet": the marker reached so far decides, compared as a number.
     rig.tools.add("pairsyncwait", header + "     0     3  0000000010 TIMEOUT     2\n", 1);
@@ -259,22 +208,17 @@ TEST(CciPairWaits, QmarkerAndSyncWait) {
     ASSERT_EQ(rig.handler->pairSyncWait("DR1", "0000000011", 1, committed), 0);
     EXPECT_FALSE(committed);
 
-    rig.tools.add("pairsyncwait", header, 1);
-    ASSERT_EQ(rig.handler->pairSyncWait("DR1", "0000000001", 1, committed), 0);
-    EXPECT_FALSE(committed);
-
     // No data line: the caller's marker stays as it was.
     rig.tools.add("pairsyncwait", header);
     ASSERT_EQ(rig.handler->getQmarker("DR1", qMarker), 0);
     EXPECT_EQ(qMarker, "01003408ef");
-
-    rig.tools.add("pairsyncwait", header, 2);
-    EXPECT_EQ(rig.handler->pairSyncWait("DR1", "0000000001", 1, committed), 1);
-    rig.expectError(62601, "Failed to check Q-Marker [0000000001]commit.");
-
-    rig.tools.add("pairsyncwait", "", 239, "pairsyncwait: [EX_ENOGRP] No such group\n");
-    EXPECT_EQ(rig.handler->getQmarker("DR1", qMarker), 1);
-    rig.expectError(62601, "Failed to latest Qmarker of copy group [DR1].");
+  });
+  // Without an instance number the commands carry no instance option.
+  expectInChild([] {
+    Rig rig("", "");
+    rig.tools.add("pairsplit", "");
+    EXPECT_EQ(rig.handler->pairSplit("", false, false), 0);
+    EXPECT_TRUE(rig.ran("pairsplit   -g CG1"));
   });
 }
 

@@ -10,7 +10,6 @@
 #include <thread>
 
 #include "hds/cci/CCICommandHandler.h"
-#include "hds/common/internal/HDSText.h"
 #include "tests/support/FakeTools.h"
 #include "tests/support/Leftovers.h"
 #include "tests/support/ProcessHelpers.h"
@@ -21,30 +20,19 @@ namespace {
 // Every process marks its arrival in dir and waits for the others; false if they never come.
 bool arriveAndWait(const std::string& dir, int index, int processes, const std::string& note) {
   hdstest::writeFile(dir + "/" + std::to_string(index), note);
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-  while (hdstest::filesIn(dir).size() < static_cast<size_t>(processes)) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
+  for (int ms = 0; hdstest::filesIn(dir).size() < static_cast<size_t>(processes); ++ms) {
+    if (ms > 60000) return false;
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
   return true;
 }
 
-// The HORCM_MON line names the file's own instance and the HORCM_INST line its peer.
-bool fileNames(const std::string& path, const std::string& own, const std::string& peer) {
-  const std::string content = hdstest::readFile(path);
-  const auto lines = hds::text::splitLines(content);
-  return lines.size() == 17 && lines[3] == "testhost\t\t" + own + "\t1000           3000" &&
-         lines[15] == "CG1  testhost  " + peer;
-}
-
 TEST(CciHorcmConcurrency, EightProcessesGetSixteenDistinctInstances) {
   constexpr int kProcesses = 8;
   hdstest::HandlerEnv h;
-  const hdstest::TestEnv& env = h.env;
   h.tools.add("horcmstart.sh", "HORCM inst starts successfully.\n");
   h.tools.add("horcmshutdown.sh", "horcmshutdown inst !!!\n");
-  const std::string ready = env.root() + "/ready";
-  const std::string allocated = env.root() + "/allocated";
+  const std::string ready = h.env.root() + "/ready", allocated = h.env.root() + "/allocated";
   mkdir(ready.c_str(), 0755);
   mkdir(allocated.c_str(), 0755);
 
@@ -56,12 +44,17 @@ TEST(CciHorcmConcurrency, EightProcessesGetSixteenDistinctInstances) {
     CCICommandHandler handler(log, param, "-1", "-1");
     if (!arriveAndWait(ready, index, kProcesses, "")) return 10;
     if (handler.startHorcm() != 0) return 11;
-    const std::string own = handler.getInstance();
-    const std::string peer = handler.getPeerInstance();
+    const std::string own = handler.getInstance(), peer = handler.getPeerInstance();
     // Every pair stays allocated until all processes have theirs.
     if (!arriveAndWait(allocated, index, kProcesses, own + " " + peer)) return 12;
-    if (!fileNames(env.horcmDir() + "horcm" + own + ".conf", own, peer)) return 13;
-    if (!fileNames(env.horcmDir() + "horcm" + peer + ".conf", peer, own)) return 14;
+    // Each file still names its own instance (HORCM_MON) and its peer (HORCM_INST).
+    for (const auto& [self, other] : {std::pair(own, peer), std::pair(peer, own)}) {
+      const std::string file = hdstest::readFile(h.env.horcmDir() + "horcm" + self + ".conf");
+      if (file.find("\ntesthost\t\t" + self + "\t1000 ") == std::string::npos ||
+          file.find("\nCG1  testhost  " + other + "\n") == std::string::npos) {
+        return 13;
+      }
+    }
     handler.stopHorcm();
     return 0;
   });
@@ -70,17 +63,14 @@ TEST(CciHorcmConcurrency, EightProcessesGetSixteenDistinctInstances) {
   for (int i = 0; i < kProcesses; ++i) {
     EXPECT_EQ(codes[i], 0) << "process " << i;
     std::istringstream in(hdstest::readFile(allocated + "/" + std::to_string(i)));
-    int own = 0;
-    int peer = 0;
+    int own = 0, peer = 0;
     in >> own >> peer;
     EXPECT_EQ(peer, own + 1);
-    EXPECT_GE(own, 3300);
-    EXPECT_LT(own, 3500);
-    numbers.insert(own);
-    numbers.insert(peer);
+    EXPECT_TRUE(own >= 3300 && peer < 3500) << own;
+    numbers.insert({own, peer});
   }
   EXPECT_EQ(numbers.size(), 2u * kProcesses);
-  EXPECT_EQ(hdstest::filesIn(env.horcmDir()), std::set<std::string>{});
+  EXPECT_EQ(hdstest::filesIn(h.env.horcmDir()), std::set<std::string>{});
   EXPECT_EQ(h.tools.calls("horcmstart.sh"), 2 * kProcesses);
 }
 

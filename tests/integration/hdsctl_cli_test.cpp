@@ -1,16 +1,14 @@
-// hdsctl and ccisim's admin commands as an operator and a script meet them: help, argument
-// errors, check, listings, the single operations, the log, the trace and the support bundle, run
-// as the built binaries against ccisim.
+// hdsctl and ccisim's admin commands as an operator and a script meet them, run as the built
+// binaries against ccisim.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <functional>
-#include <map>
 #include <nlohmann/json.hpp>
 #include <set>
 #include <sstream>
+#include <tuple>
 
 #include "hds/platform/VtNamedMutex.h"
 #include "tests/support/Leftovers.h"
@@ -19,8 +17,6 @@
 
 namespace {
 
-using hdstest::arrayState;
-using hdstest::hdsctlPath;
 using hdstest::runTool;
 using hdstest::SimArray;
 using hdstest::TestEnv;
@@ -36,19 +32,6 @@ std::string joined(const std::vector<std::string>& words) {
   return text;
 }
 
-// The names listed under "Subcommands:" in a help text.
-std::vector<std::string> subcommandsIn(const std::string& help) {
-  std::vector<std::string> names;
-  bool inList = false;
-  for (const std::string& line : hdstest::outputLines(help)) {
-    inList = line == "Subcommands:" || (inList && !line.empty());
-    if (inList && line.rfind("  ", 0) == 0 && line[2] != ' ') {
-      names.push_back(hdstest::lineWords(line)[0]);
-    }
-  }
-  return names;
-}
-
 // Every path of subcommands that program's help leads to, each answering --help with exit 0
 // and its own usage line, joined as " a, a b, ...".
 std::string helpPaths(const std::string& program, const std::string& name) {
@@ -62,10 +45,14 @@ std::string helpPaths(const std::string& program, const std::string& name) {
         ASSERT_EQ(r.exitCode, 0) << joined(args) << ": " << r.err;
         EXPECT_NE(r.out.find("Usage: " + name + joined(path)), std::string::npos) << r.out;
         seen.insert(joined(path));
-        for (const std::string& sub : subcommandsIn(r.out)) {
-          std::vector<std::string> deeper = path;
-          deeper.push_back(sub);
-          visit(deeper);
+        bool inList = false;  // the names listed under "Subcommands:"
+        for (const std::string& line : hdstest::outputLines(r.out)) {
+          inList = line == "Subcommands:" || (inList && !line.empty());
+          if (inList && line.rfind("  ", 0) == 0 && line[2] != ' ') {
+            std::vector<std::string> deeper = path;
+            deeper.push_back(hdstest::lineWords(line)[0]);
+            visit(deeper);
+          }
         }
       };
   visit({});
@@ -74,96 +61,65 @@ std::string helpPaths(const std::string& program, const std::string& name) {
   return all;
 }
 
-TEST(HdsctlCli, EverySubcommandAnswersHelp) {
+TEST(HdsctlCli, HelpEverywhereAndWrongArgumentsInOneLine) {
   TestEnv env;
   EXPECT_EQ(
-      helpPaths(hdsctlPath(), "hdsctl"),
+      helpPaths(hdstest::hdsctlPath(), "hdsctl"),
       ", check, copy-groups, demo, device-groups, host-groups, job, ldevs, lock, luns, map,"
       " pools, ports, recover, resource-groups, snapshot, snapshot add, snapshot clone, snapshot "
       "create, snapshot delete, snapshot restore, snapshot resync, snapshot split, "
       "snapshot-groups, support-bundle, svol, svol create, svol delete, svol label, unlock, "
       "unmap,");
-  // The job file format is documented where the job is.
-  EXPECT_NE(hdsctl({"job", "--help"}).out.find("\"svol_first\""), std::string::npos);
-}
-
-TEST(CcisimAdminCli, HelpEverywhereWrongArgumentsOneLineAndPasswordsVerbatim) {
-  TestEnv env;
-  const std::string ccisim = SimArray::ccisimPath();
-  EXPECT_EQ(helpPaths(ccisim, "ccisim"),
+  EXPECT_EQ(helpPaths(SimArray::ccisimPath(), "ccisim"),
             ", dump, fault, fault add, fault clear, fault list, finish, init, install, journal, "
             "load, pair, pair fail, resource, resource lock, resource unlock, session, session "
             "expire, session list, timing,");
-  for (const char* line :
-       {"", "nosuch", "init --help-me", "init --serial", "init --copy-ms fast", "init --ldevs 100",
-        "fault", "fault add", "install", "resource lock rsg"}) {
-    std::vector<std::string> args = hdstest::lineWords(line);
-    args.insert(args.begin(), ccisim);
-    ToolResult r = runTool(args);
-    EXPECT_EQ(r.exitCode, 2) << joined(args);
-    EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << joined(args) << ": " << r.err;
-    EXPECT_EQ(r.err.rfind("ccisim: ", 0), 0u) << r.err;
-  }
-  const std::string password = "p a\"s's $$HOME !x \\y:-z";
-  ToolResult r =
-      runTool({ccisim, "init", "--print", "--user", "admin:" + password, "--user", "-dash:--x"});
-  ASSERT_EQ(r.exitCode, 0) << r.err;
-  const json users = json::parse(r.out)["arrays"][0]["users"];
-  ASSERT_EQ(users.size(), 2u);
-  EXPECT_EQ(users[0]["password"], password);
-  EXPECT_EQ(users[1], json({{"name", "-dash"}, {"password", "--x"}}));
-}
+  // The job file format is documented where the job is.
+  EXPECT_NE(hdsctl({"job", "--help"}).out.find("\"svol_first\""), std::string::npos);
 
-TEST(HdsctlCli, WrongArgumentsGiveOneLineAndExitTwo) {
-  TestEnv env;
   for (const char* name : {"HDSCTL_SERIAL", "HDSCTL_USER", "HDSCTL_PASSWORD", "HDSCTL_CMDDEV"}) {
     env.setEnv(name, nullptr);
   }
-  // Out of range, each refusal naming the key (or the file).
-  const std::map<std::string, std::string> outOfRange = {
-      {"wait_seconds", R"({"pool": 0, "pvols": [100], "wait_seconds": 4294967296})"},
-      {"svol_first", R"({"pool": 0, "pvols": [100], "svol_first": 999999999999})"},
-      {"every P-VOL", R"({"pool": 0, "pvols": [65280]})"},
-      {"pool", R"({"pool": -1, "pvols": [100]})"},
-      {"larger than 1 MiB", "{\"pool\": 0, \"pvols\": [100]}" + std::string(1 << 20, ' ')}};
-  std::vector<std::pair<std::string, std::string>> named = {{"/dev/zero", "is not a regular file"},
-                                                            {env.root(), "is not a regular file"}};
-  for (const auto& c : outOfRange) {
-    const std::string file = env.root() + "/" + std::to_string(named.size()) + ".json";
-    hdstest::writeFile(file, c.second);
-    named.emplace_back(file, c.first);
-  }
-  // Each case as blank-separated arguments (the test's directories hold no blanks); "ldevs"
-  // names no array. Job files: missing, not JSON, with an unknown key, with a P-VOL twice.
   const std::string root = env.root();
-  std::vector<std::string> cases = {"job " + root + "/missing.json",
-                                    "--log " + root + "/no/such/dir/log pools"};
-  for (const char* job : {"{\"pool\": 0,", R"({"pool": 0, "pvols": [100], "pvol": [101]})",
-                          R"({"pool": 0, "pvols": [100, 100]})"}) {
-    cases.push_back("job " + root + "/bad" + std::to_string(cases.size()) + ".json");
-    hdstest::writeFile(cases.back().substr(4), job);
+  // Job files and what the refusal names (the key or the file); "" for any refusal.
+  const std::vector<std::pair<std::string, std::string>> jobs = {
+      {R"({"pool": 0, "pvols": [100], "wait_seconds": 4294967296})", "wait_seconds"},
+      {R"({"pool": 0, "pvols": [100], "svol_first": 999999999999})", "svol_first"},
+      {R"({"pool": 0, "pvols": [65280]})", "every P-VOL"},
+      {R"({"pool": -1, "pvols": [100]})", "pool"},
+      {"{\"pool\": 0, \"pvols\": [100]}" + std::string(1 << 20, ' '), "larger than 1 MiB"},
+      {"{\"pool\": 0,", ""},
+      {R"({"pool": 0, "pvols": [100], "pvol": [101]})", ""},
+      {R"({"pool": 0, "pvols": [100, 100]})", ""}};
+  std::vector<std::pair<std::string, std::string>> cases = {
+      {"job " + root, "is not a regular file"},
+      {"job " + root + "/missing.json", ""},
+      {"--log " + root + "/no/such/dir/log pools", ""}};
+  for (size_t i = 0; i < jobs.size(); ++i) {
+    cases.emplace_back("job " + root + "/" + std::to_string(i) + ".json", jobs[i].second);
+    hdstest::writeFile(cases.back().first.substr(4), jobs[i].first);
   }
-  for (const char* line :
-       {"", "--bogus", "nosuch", "svol", "ldevs --pool x", "ldevs --mapped --unmapped",
-        "ldevs --ldev 100 --pool 0", "ldevs", "svol create 300 --pool 0",
-        "svol create 3a0 --pool 0 --capacity 1", "snapshot split --group g --svol 300",
-        "snapshot add g --pool 0 --pair 100-300", "luns --port CL1-A", "lock --hold -1",
-        "demo --pvols 0", "job", "recover a/b"}) {
-    cases.emplace_back(line);
-  }
-  for (const std::string& line : cases) {
-    const std::vector<std::string> args = hdstest::lineWords(line);
-    ToolResult r = hdsctl(args);
-    EXPECT_EQ(r.exitCode, 2) << joined(args) << ": " << r.err;
-    EXPECT_EQ(r.out, "") << joined(args);
-    ASSERT_FALSE(r.err.empty()) << joined(args);
-    EXPECT_EQ(r.err.rfind("hdsctl: ", 0), 0u) << joined(args) << ": " << r.err;
-    EXPECT_EQ(r.err.find('\n'), r.err.size() - 1) << joined(args) << ": " << r.err;
-  }
-  for (const auto& c : named) {
-    ToolResult r = hdsctl({"job", c.first});
-    EXPECT_EQ(r.exitCode, 2) << c.first << ": " << r.err;
-    EXPECT_NE(r.err.find(c.second), std::string::npos) << c.first << ": " << r.err;
+  // hdsctl's arguments unless the case starts with ccisim, one case between commas (the test's
+  // directories hold no blanks); "ldevs" names no array.
+  std::istringstream lines(
+      ",--bogus,nosuch,job /dev/zero,svol,ldevs --pool x,ldevs --mapped --unmapped,ldevs --ldev"
+      " 100 --pool 0,ldevs,svol create 300 --pool 0,svol create 3a0 --pool 0 --capacity 1,snapshot"
+      " split --group g --svol 300,snapshot add g --pool 0 --pair 100-300,luns --port CL1-A,lock"
+      " --hold -1,demo --pvols 0,job,recover a/b,ccisim,ccisim nosuch,ccisim init --help-me,ccisim"
+      " init --serial,ccisim init --copy-ms fast,ccisim init --ldevs 100,ccisim fault,ccisim fault"
+      " add,ccisim install,ccisim resource lock rsg");
+  for (std::string line; std::getline(lines, line, ',');) cases.emplace_back(line, "");
+  for (const auto& [line, says] : cases) {
+    std::vector<std::string> args = hdstest::lineWords(line);
+    const std::string program = !args.empty() && args[0] == "ccisim" ? "ccisim" : "hdsctl";
+    if (program == "hdsctl") args.insert(args.begin(), program);
+    args[0] = program == "hdsctl" ? hdstest::hdsctlPath() : SimArray::ccisimPath();
+    ToolResult r = runTool(args);
+    EXPECT_EQ(r.exitCode, 2) << line << ": " << r.err;
+    EXPECT_EQ(r.out, "") << line;
+    EXPECT_EQ(r.err.rfind(program + ": ", 0), 0u) << line << ": " << r.err;
+    EXPECT_EQ(r.err.find('\n'), r.err.size() - 1) << line << ": " << r.err;
+    EXPECT_NE(r.err.find(says), std::string::npos) << line << ": " << r.err;
   }
 }
 
@@ -176,9 +132,8 @@ std::string checkResult(const json& report, const std::string& name) {
   return "";
 }
 
-TEST(HdsctlCli, CheckNamesWhatIsMissingAndDistrustsANegativeLoginCount) {
+TEST(HdsctlCli, CheckNamesWhatIsMissing) {
   TestEnv env;
-  // No CCI directory at all.
   const std::string nowhere = env.root() + "/no-cci", partial = env.root() + "/partial/";
   ToolResult r = hdsctl({"check", "--cci-dir", nowhere});
   EXPECT_EQ(r.exitCode, 1);
@@ -192,37 +147,23 @@ TEST(HdsctlCli, CheckNamesWhatIsMissingAndDistrustsANegativeLoginCount) {
   json report = json::parse(r.out);
   EXPECT_FALSE(report["ready"].get<bool>());
   const std::string tools = checkResult(report, "CCI tools");
-  for (const char* name :
-       {"raidcom", "raidscan", "horcmstart.sh", "horcmshutdown.sh", "paircreate", "pairsplit",
-        "pairresync", "pairdisplay", "pairevtwait", "pairsyncwait"}) {
+  for (const char* name : {"raidcom", "horcmshutdown.sh", "pairsyncwait"}) {
     EXPECT_NE(tools.find(name), std::string::npos) << name << " not named in: " << tools;
   }
   EXPECT_EQ(tools.find("raidqry"), std::string::npos) << tools;
   EXPECT_EQ(tools.rfind("FAIL", 0), 0u) << tools;
-
-  // A ready host passes; a negative login count is the one check that fails.
-  SimArray sim(env);
-  useSimArray(env, sim);
-  r = hdsctl({"check"});
-  EXPECT_EQ(r.exitCode, 0) << r.out << r.err;
-  EXPECT_NE(r.out.find("01-74-03/00"), std::string::npos) << r.out;
-  EXPECT_NE(r.out.find("a command device of array 412345 is visible"), std::string::npos);
-  env.writeSettings("[iHarbor]\nsVTHDSHorcmDirectory = " + env.cciDir() +
-                    "\n[~iHarbor]\nsVTHDSRaidcomLockCount_412345 = -3\n");
-  r = hdsctl({"check", "--json"});
-  EXPECT_EQ(r.exitCode, 1);
-  const json checkReport = json::parse(r.out);
-  for (const json& c : checkReport["checks"]) {
-    EXPECT_EQ(c["result"] == "FAIL", c["check"] == "login count") << c.dump();
-  }
 }
 
 // HORCM files of arrays without a session are listed, and removed with --prune; the file of an
-// array with a session stays.
+// array with a session stays. A negative login count is the one check that fails.
 TEST(HdsctlCli, CheckListsAndPrunesHorcmFilesOfArraysWithoutASession) {
   TestEnv env;
   SimArray sim(env);
   useSimArray(env, sim);
+  ToolResult r = hdsctl({"check"});
+  EXPECT_EQ(r.exitCode, 0) << r.out << r.err;
+  EXPECT_NE(r.out.find("01-74-03/00"), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("a command device of array 412345 is visible"), std::string::npos);
   sim.startRaidcomSession(3532);
   env.writeSettings("[iHarbor]\nsVTHDSHorcmDirectory = " + env.cciDir() +
                     "\n[~iHarbor]\nsVTHDSRaidcomLockCount_412345 = 1\n");
@@ -235,6 +176,14 @@ TEST(HdsctlCli, CheckListsAndPrunesHorcmFilesOfArraysWithoutASession) {
   EXPECT_NE(hdsctl({"check", "--prune"}).out.find("removed horcm3531.conf (array 499999)"),
             std::string::npos);
   EXPECT_EQ(hdstest::filesIn(env.horcmDir()), std::set<std::string>{"horcm3532.conf"});
+  env.writeSettings("[iHarbor]\nsVTHDSHorcmDirectory = " + env.cciDir() +
+                    "\n[~iHarbor]\nsVTHDSRaidcomLockCount_412345 = -3\n");
+  r = hdsctl({"check", "--json"});
+  EXPECT_EQ(r.exitCode, 1);
+  const json report = json::parse(r.out);
+  for (const json& c : report["checks"]) {
+    EXPECT_EQ(c["result"] == "FAIL", c["check"] == "login count") << c.dump();
+  }
 }
 
 TEST(HdsctlCli, LogAndTraceNameEveryLineAndCallButNeverThePassword) {
@@ -260,26 +209,24 @@ TEST(HdsctlCli, LogAndTraceNameEveryLineAndCallButNeverThePassword) {
                                 -1));
   EXPECT_EQ(hdsctl({"--log", logFile, "--trace", traceFile, "ldevs", "--ldev", "100"}).exitCode, 1);
 
-  std::istringstream in(hdstest::readFile(traceFile));
+  const std::string trace = hdstest::readFile(traceFile);
   int calls = 0, logins = 0, rejected = 0;
-  for (std::string line; std::getline(in, line); ++calls) {
-    json call = json::parse(line);
+  for (const std::string& line : hdstest::outputLines(trace)) {
+    const json call = json::parse(line);
+    ++calls;
     for (const char* key : {"start", "ms", "command", "exit", "timedOut", "outBytes", "errBytes"}) {
       EXPECT_TRUE(call.contains(key)) << key << " missing in " << line;
     }
     EXPECT_EQ(call["start"].get<std::string>().back(), 'Z') << line;
-    if (call["command"].get<std::string>().find("-login") != std::string::npos) ++logins;
-    if (call.value("ex", "") == "EX_CMDRJE" && call["ssb"] == json({"2E11", "8301"})) {
-      ++rejected;
-      EXPECT_EQ(call["exit"], 1) << line;
-    }
+    logins += call["command"].get<std::string>().find("-login") != std::string::npos;
+    rejected += call.value("ex", "") == "EX_CMDRJE" && call["ssb"] == json({"2E11", "8301"}) &&
+                call["exit"] == 1;
   }
   EXPECT_GT(calls, 4);
   EXPECT_GT(logins, 0);
   EXPECT_GT(rejected, 0);
-  for (const std::string& text : {log, hdstest::readFile(traceFile)}) {
-    EXPECT_EQ(text.find(SimArray::kPassword), std::string::npos) << text;
-  }
+  EXPECT_EQ(log.find(SimArray::kPassword), std::string::npos) << log;
+  EXPECT_EQ(trace.find(SimArray::kPassword), std::string::npos) << trace;
 }
 
 // The archive a support engineer asks for: everything they need about this host, no password.
@@ -319,68 +266,48 @@ TEST(HdsctlCli, SupportBundleHoldsTheHostStateButNoPassword) {
   EXPECT_EQ(all.find("HDSCTL_PASSWORD"), std::string::npos) << all;
 }
 
-// Runs a listing with --json and hands over what it printed.
-json listing(std::vector<std::string> args) {
-  args.push_back("--json");
-  ToolResult r = hdsctl(args);
-  EXPECT_EQ(r.exitCode, 0) << joined(args) << ": " << r.err;
-  json parsed = json::parse(r.out, nullptr, false);
-  EXPECT_FALSE(parsed.is_discarded()) << joined(args) << " printed no JSON: " << r.out;
-  return parsed;
-}
-
-std::set<std::string> values(const json& list, const char* key) {
-  std::set<std::string> found;
-  for (const json& item : list) found.insert(item[key].get<std::string>());
-  return found;
-}
-
 TEST(HdsctlCli, ListingsAndSingleOperationsOnTheSimulatedArray) {
   TestEnv env;
   SimArray sim(env);
   useSimArray(env, sim);
-  std::string before = arrayState(sim);
-
-  json ldevs = listing({"ldevs"});
-  ASSERT_EQ(ldevs.size(), 17u);
-  EXPECT_EQ(ldevs[16]["ldevId"], "4095");
-  EXPECT_EQ(ldevs[16]["lunPaths"][0]["port"], "CL1-A");
-  EXPECT_EQ(ldevs[0]["attributes"], json({"CVS", "HDP"}));
-  EXPECT_EQ(values(listing({"pools"}), "poolName"),
-            std::set<std::string>({"dp_pool_00", "ti_pool_01"}));
-  EXPECT_EQ(listing({"ports", "--logins"})[0]["loginWwns"].size(), 2u);
-  EXPECT_EQ(listing({"host-groups", "--wwns", "--port", "CL1-A"})[1]["wwns"],
-            json({"10000090fa1b2c3d"}));
-  EXPECT_EQ(listing({"resource-groups"})[0]["status"], "Unlocked");
-  for (const char* empty : {"device-groups", "snapshot-groups", "copy-groups"}) {
-    EXPECT_EQ(listing({empty}), json::array()) << empty;
-  }
-
-  // Two S-VOLs as large as LDEV 100, snapshots of 100 and 101 on them, one presented.
-  auto run = [](std::vector<std::string> args) {
-    ToolResult r = hdsctl(args);
-    EXPECT_EQ(r.exitCode, 0) << joined(args) << ": " << r.err;
+  const std::string before = hdstest::arrayState(sim);
+  auto run = [](const std::string& line) {
+    ToolResult r = hdsctl(hdstest::lineWords(line));
+    EXPECT_EQ(r.exitCode, 0) << line << ": " << r.err;
+    return json::parse(r.out, nullptr, false);
   };
-  run({"svol", "create", "300", "301", "--pool", "0", "--like", "100", "--label", "KS_SVOL_T"});
-  json svols = listing({"ldevs", "--label", "KS_SVOL_T"});
-  EXPECT_EQ(values(svols, "ldevId"), std::set<std::string>({"300", "301"}));
-  EXPECT_EQ(svols[0]["capacity"], ldevs[0]["capacity"]);
-  run({"snapshot", "add", "KS_SG_T", "--pool", "0", "--pair", "100:300", "--pair", "101:301"});
-  run({"snapshot", "split", "--group", "KS_SG_T"});
-  json pairs = listing({"snapshot-groups", "--group", "KS_SG_T"});
-  ASSERT_EQ(pairs.size(), 2u);
-  EXPECT_EQ(values(pairs, "pairStatus"), std::set<std::string>({"PSUS"}));
-  run({"map", "--port", "CL1-A", "--host-group", "1a-g00", "--ldev", "300"});
-  json luns = listing({"luns", "--port", "CL1-A", "--host-group", "0"});
-  ASSERT_EQ(luns.size(), 1u);
-  EXPECT_EQ(luns[0]["ldevId"], "300");
-  run({"lock", "--hold", "0"});
-  EXPECT_EQ(listing({"resource-groups"})[0]["status"], "Unlocked");
-
-  run({"unmap", "--port", "CL1-A", "--host-group", "0", "--ldev", "300"});
-  run({"snapshot", "delete", "300", "301"});
-  run({"svol", "delete", "300", "301"});
-  EXPECT_EQ(arrayState(sim), before);
+  // Two S-VOLs as large as LDEV 100, snapshots of 100 and 101 on them, one presented.
+  for (const char* line :
+       {"svol create 300 301 --pool 0 --like 100 --label KS_SVOL_T",
+        "snapshot add KS_SG_T --pool 0 --pair 100:300 --pair 101:301",
+        "snapshot split --group KS_SG_T", "map --port CL1-A --host-group 1a-g00 --ldev 300"}) {
+    run(line);
+  }
+  // Each listing with --json, a place in what it printed and what must be there.
+  const std::vector<std::tuple<std::string, std::string, json>> shown = {
+      {"ldevs", "/0/attributes", {"CVS", "QS", "HDP"}},
+      {"ldevs", "/18/ldevId", "4095"},
+      {"ldevs --ldev 4095", "/0/lunPaths/0/port", "CL1-A"},
+      {"ldevs --label KS_SVOL_T", "/1/ldevId", "301"},
+      {"ldevs --label KS_SVOL_T", "/0/capacity", run("ldevs --ldev 100 --json")[0]["capacity"]},
+      {"pools", "/1/poolName", "ti_pool_01"},
+      {"ports --logins", "/0/loginWwns/1", "10000090fa1b2c3e"},
+      {"ports --logins", "/0/loginWwns/2", nullptr},
+      {"host-groups --wwns --port CL1-A", "/1/wwns", {"10000090fa1b2c3d"}},
+      {"snapshot-groups --group KS_SG_T", "/1/pairStatus", "PSUS"},
+      {"luns --port CL1-A --host-group 0", "/0/ldevId", "300"},
+      {"luns --port CL1-A --host-group 0", "/1", nullptr},
+      {"device-groups", "", json::array()},
+      {"copy-groups", "", json::array()}};
+  for (const auto& [line, at, expected] : shown) {
+    const json printed = run(line + " --json");
+    const json::json_pointer place(at);
+    EXPECT_EQ(printed.contains(place) ? printed[place] : json(), expected) << line << " " << at;
+  }
+  run("unmap --port CL1-A --host-group 0 --ldev 300");
+  run("snapshot delete 300 301");
+  run("svol delete 300 301");
+  EXPECT_EQ(hdstest::arrayState(sim), before);
 }
 
 }  // namespace
