@@ -84,7 +84,9 @@ TEST_F(OperatorText, AttacksThroughEveryFieldRunNothingAndCountNoLogin) {
         }
         // A command device is otherwise only written into the HORCM file, where the simulator
         // takes any name.
-        if (field.name == std::string("password")) EXPECT_EQ(log.count(attack), 0u) << "logged";
+        if (field.name == std::string("password")) {
+          EXPECT_EQ(log.count(attack), 0u) << "logged";
+        }
       });
       ASSERT_FALSE(pathExists(marker)) << field.name << " " << attack;
       for (const std::string& name : hdstest::filesIn(env.horcmDir())) {
@@ -145,7 +147,7 @@ TEST_F(OperatorText, DirectoriesWithShellCharactersWorkEndToEnd) {
 // Options and HDSCTL_* variables reach the library as given, where the first test attacks them;
 // a job file hdsctl reads itself, so here it alone says how to reach the array.
 TEST_F(OperatorText, HdsctlOptionsEnvironmentAndJobFileRunNothing) {
-  env.writeSettings("[iHarbor]\nsClientHostName=testhost\n");
+  hdstest::useSimArray(env, sim);
   for (const char* name : {"HDSCTL_SERIAL", "HDSCTL_USER", "HDSCTL_PASSWORD", "HDSCTL_CMDDEV"}) {
     env.setEnv(name, nullptr);
   }
@@ -155,6 +157,27 @@ TEST_F(OperatorText, HdsctlOptionsEnvironmentAndJobFileRunNothing) {
                                 {"command_devices", {"/dev/sdc"}},
                                 {"cci_dir", sim.cciDir()}};
   const std::string jobFile = env.root() + "/job.json";
+  for (const std::string& attack : attacks(marker)) {
+    // Through each option, and through the password variable when no option gives one.
+    for (const char* option : {"--user", "--password", "--cmddev", "HDSCTL_PASSWORD"}) {
+      std::map<std::string, std::string> given = {{"--serial", SimArray::kSerial},
+                                                  {"--user", SimArray::kUser},
+                                                  {"--password", SimArray::kPassword},
+                                                  {"--cmddev", "/dev/sdc"}};
+      given[option] = attack;
+      env.setEnv("HDSCTL_PASSWORD", given.count("HDSCTL_PASSWORD") ? attack.c_str() : nullptr);
+      if (given.count("HDSCTL_PASSWORD")) given.erase("--password");
+      std::vector<std::string> args = {hdstest::hdsctlPath(), "pools"};
+      for (const auto& [name, value] : given) {
+        if (name[0] == '-') args.insert(args.end(), {name, value});
+      }
+      const int exitCode = hdstest::runTool(args).exitCode;
+      EXPECT_TRUE(option == std::string("--cmddev") || exitCode == 1) << option << " " << attack;
+    }
+    ASSERT_FALSE(pathExists(marker)) << attack;
+  }
+  env.setEnv("HDSCTL_PASSWORD", nullptr);
+  env.writeSettings("[iHarbor]\nsClientHostName=testhost\n");  // the job file alone says where
   for (const std::string& attack : attacks(marker)) {
     for (const char* key : {"serial", "user", "password", "horcm_instance", "cci_dir"}) {
       nlohmann::json job = {{"name", "attack"}, {"pool", 0}, {"pvols", {100}}, {"array", array}};
