@@ -46,11 +46,15 @@ void addSecondArray(const SimArray& sim) {
   sim.load(s.dump());
 }
 
-TEST(HdsctlSafety, CommandLineBeatsEachVariableAndNoChildSeesThePassword) {
+class HdsctlSafety : public ::testing::Test {
+ protected:
   TestEnv env;
-  SimArray sim(env);
+  SimArray sim{env};
+  void SetUp() override { useSimArray(env, sim); }
+};
+
+TEST_F(HdsctlSafety, CommandLineBeatsEachVariableAndNoChildSeesThePassword) {
   addSecondArray(sim);
-  useSimArray(env, sim);
 
   // The variables name 412345; the command line names 499999, and wins.
   ASSERT_EQ(hdsctl({"pools"}).exitCode, 0);
@@ -107,10 +111,7 @@ TEST(HdsctlSafety, CommandLineBeatsEachVariableAndNoChildSeesThePassword) {
   EXPECT_THAT(seen, Not(HasSubstr(SimArray::kPassword)));
 }
 
-TEST(HdsctlSafety, DestructiveCommandsActOnlyOnSvolsUnlessForced) {
-  TestEnv env;
-  SimArray sim(env);
-  useSimArray(env, sim);
+TEST_F(HdsctlSafety, DestructiveCommandsActOnlyOnSvolsUnlessForced) {
   std::string before = arrayState(sim);
 
   // A data volume, a P-VOL's pairs and the command device's path are refused; a list with one
@@ -118,19 +119,15 @@ TEST(HdsctlSafety, DestructiveCommandsActOnlyOnSvolsUnlessForced) {
   expectDone({"svol", "create", "300", "--pool", "0", "--like", "100", "--label", "KS_SVOL_100_t"});
   expectDone({"snapshot", "add", "KS_SNAP_t", "--pool", "0", "--pair", "100:300"});
   std::string made = arrayState(sim);
-  struct Refusal {
-    std::vector<std::string> args;
-    std::string says;
-  };
-  const std::vector<Refusal> refusals = {
-      {{"svol", "delete", "300", "110"}, "LDEV 110 (label data_110, no snapshot pairs"},
-      {{"snapshot", "delete", "100"}, "P-VOL in KS_SNAP_t with S-VOL 300"},
-      {{"unmap", "--port", "CL1-A", "--host-group", "1", "--ldev", "4095"}, "LU paths CL1-A-1-0"},
-      {{"svol", "delete", "301"}, "LDEV 301 (not defined"}};
-  for (const Refusal& c : refusals) {
-    ToolResult r = hdsctl(c.args);
-    EXPECT_EQ(r.exitCode, 1) << c.args[1] << ": " << text(r);
-    EXPECT_THAT(r.err, HasSubstr(c.says));
+  for (const auto& [args, says] : std::vector<std::pair<std::vector<std::string>, std::string>>{
+           {{"svol", "delete", "300", "110"}, "LDEV 110 (label data_110, no snapshot pairs"},
+           {{"snapshot", "delete", "100"}, "P-VOL in KS_SNAP_t with S-VOL 300"},
+           {{"unmap", "--port", "CL1-A", "--host-group", "1", "--ldev", "4095"},
+            "LU paths CL1-A-1-0"},
+           {{"svol", "delete", "301"}, "LDEV 301 (not defined"}}) {
+    ToolResult r = hdsctl(args);
+    EXPECT_EQ(r.exitCode, 1) << args[1] << ": " << text(r);
+    EXPECT_THAT(r.err, HasSubstr(says));
     EXPECT_THAT(r.err, HasSubstr("--force"));
   }
   EXPECT_EQ(arrayState(sim), made);
@@ -152,11 +149,7 @@ json resourceGroup() {
   return json::parse(r.out, nullptr, false)[0];
 }
 
-TEST(HdsctlSafety, TheLockStaysWithTheSessionsThatUseIt) {
-  TestEnv env;
-  SimArray sim(env);
-  useSimArray(env, sim);
-
+TEST_F(HdsctlSafety, TheLockStaysWithTheSessionsThatUseIt) {
   // A holder in another process, as a job holds the lock while it runs.
   ToolRun holder({hdsctlPath(), "lock"});
   ASSERT_TRUE(hdstest::waitUntil([] { return resourceGroup()["status"] == "Locked"; }, 15));
@@ -189,11 +182,7 @@ TEST(HdsctlSafety, TheLockStaysWithTheSessionsThatUseIt) {
   EXPECT_EQ(resourceGroup()["status"], "Unlocked");
 }
 
-TEST(HdsctlSafety, FailuresNameTheirCause) {
-  TestEnv env;
-  SimArray sim(env);
-  useSimArray(env, sim);
-
+TEST_F(HdsctlSafety, FailuresNameTheirCause) {
   // A misspelt group fails before the library's wait for it, naming the groups there are.
   ToolResult r = hdsctl({"lock", "--hold", "0", "--resource-group", "meta_resourse"});
   EXPECT_EQ(r.exitCode, 1);
