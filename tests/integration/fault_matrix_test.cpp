@@ -1,14 +1,12 @@
 // The fault matrix: every CCI call of the demo's snapshot job, made to fail once in the shape the
 // real tool fails in, and made to hang past the command time-out. Every run must end by itself
 // within the time-out and a few seconds: with exit 1 and the library's error text for the step
-// the call belongs to, or with the job done where the library retries the call or falls back by
-// design. The array must be as it was, but for what the job names as left on it; and the host
-// must keep nothing that a successful job does not, beyond what the failed step itself keeps (its
-// script, the copy of a HORCM file that did not start, the session whose logout failed).
-//
+// the call belongs to, or done where the library retries the call or falls back by design. The
+// array must be as it was, but for what the job names as left on it, and the host must keep
+// nothing that a successful job does not, beyond what the failed step itself keeps.
 // HDS_FAULT_MATRIX_PVOLS sets the job's size (the suite runs 1 P-VOL; scripts/fault-matrix.sh the
 // demo's 16), HDS_FAULT_MATRIX_PARALLEL how many hung runs wait at once. Each case runs in a
-// child process of its own, as a host's locations are process-wide environment variables.
+// child process, as a host's locations are process-wide environment variables.
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -143,10 +141,9 @@ class FaultMatrix : public ::testing::Test {
     seconds = std::chrono::duration<double>(Clock::now() - start).count();
     ASSERT_EQ(r.exitCode, 0) << "the job fails without a fault:\n" << r.out << r.err;
     ASSERT_EQ(hdstest::arrayState(sim), arrays);
-    for (const hdstest::SimJournalEntry& e : sim.journal()) calls.push_back({e, "", 0});
-    ASSERT_TRUE(assignSteps(calls, r.err, sim.cciDir())) << "the log and journal differ\n" << r.err;
     std::map<std::string, int> seen;
-    for (Call& c : calls) c.occurrence = seen[callText(c)]++;
+    for (const auto& e : sim.journal()) calls.push_back({e, "", seen[callText(e)]++});
+    ASSERT_TRUE(assignSteps(calls, r.err, sim.cciDir())) << "the log and journal differ\n" << r.err;
     lockFiles = hdstest::filesIn(env.lockDir());
     horcmFiles = hdstest::filesIn(env.horcmDir());
   }
@@ -155,15 +152,9 @@ class FaultMatrix : public ::testing::Test {
   // login, an array rejection for raidcom, a daemon that cannot be reached for raidqry.
   static SimFault failureShape(const Call& c) {
     const std::string& n = c.args[0];
-    if (c.tool == "horcmstart.sh") {
-      SimFault f = hdstest::answering(
-          "", "starting HORCM inst " + n + "\nHORCM inst " + n + " has failed to start.\n", 1,
-          c.tool);
-      f.exitCode = 3;
-      return f;
-    }
     SimFault f =
-        c.tool != "raidcom"
+        c.tool == "horcmstart.sh" ? hdstest::failing("", 3)
+        : c.tool != "raidcom"
             ? hdstest::failing("", 251,
                                c.tool + ": [EX_ATTHOR] Can't be attached to HORC manager\n")
         : n == "-login"
@@ -172,6 +163,9 @@ class FaultMatrix : public ::testing::Test {
                                "raidcom: [EX_CMDRJE] An order to the control/command device was "
                                "rejected\nIt was rejected due to SKEY=0x05, ASC=0x26, ASCQ=0x00, "
                                "SSB=0x2E11,0x8303 on Serial#(412345)\n");
+    if (c.tool == "horcmstart.sh") {
+      f.out = "starting HORCM inst " + n + "\nHORCM inst " + n + " has failed to start.\n";
+    }
     f.tool = c.tool;
     return f;
   }
@@ -188,7 +182,6 @@ class FaultMatrix : public ::testing::Test {
   // holds, else what not.
   std::string runCase(size_t index, bool hang, std::string& outcome) const {
     const Call& c = calls[index];
-    if (c.args.empty()) return "a call without arguments cannot be aimed at";
     TestEnv host;
     SimArray array(host);
     prepare(host, array, pvols);
@@ -210,7 +203,10 @@ class FaultMatrix : public ::testing::Test {
     (void)snprintf(timing, sizeof(timing), "exit %d in %.1f s", r.exitCode, took);
     outcome = timing;
 
-    std::vector<std::string> problems;
+    std::string problems;
+    const auto problem = [&problems](const std::string& p) {
+      problems += (problems.empty() ? "" : "; ") + p;
+    };
     const std::vector<hdstest::SimJournalEntry> made = array.journal();
     size_t hit = made.size(), retried = 0;
     for (size_t i = 0, n = 0; i < made.size(); ++i) {
@@ -219,9 +215,9 @@ class FaultMatrix : public ::testing::Test {
       if (n++ > static_cast<size_t>(c.occurrence)) ++retried;
     }
     if (hit == made.size()) {
-      problems.push_back("the call was never made");
+      problem("the call was never made");
     } else if (hang ? made[hit].exitCode.has_value() : !made[hit].exitCode) {
-      problems.push_back("the call did not meet its fault");
+      problem("the call did not meet its fault");
     }
     // From the faulted call on, the job has the time-out and what the reference took for all of
     // it, thrice over: beside other cases it runs slower than the reference did alone.
@@ -229,7 +225,7 @@ class FaultMatrix : public ::testing::Test {
     const double fromFault =
         hit < made.size() ? static_cast<double>(endMs - made[hit].startMs) / 1000 : took;
     if (fromFault > limit) {
-      problems.push_back("ended " + std::to_string(fromFault) + " s after the faulted call");
+      problem("ended " + std::to_string(fromFault) + " s after the faulted call");
     }
 
     // hdsctl's closing message; the library's error text in it may span several lines.
@@ -237,41 +233,41 @@ class FaultMatrix : public ::testing::Test {
     if (r.exitCode == 1) {
       outcome += ", failed at '" + c.step + "'";
       if (last.rfind("hdsctl: job demo failed at step '" + c.step + "': ", 0) != 0) {
-        problems.push_back("wrong step or text: " + last);
+        problem("wrong step or text: " + last);
       } else if (last.find("(error 626") == std::string::npos) {
-        problems.push_back("no library error text: " + last);
+        problem("no library error text: " + last);
       }
     } else if (r.exitCode == 0 && retried > 0) {
       outcome += ", recovered by a retry";
     } else if (r.exitCode == 0 && fallsBack(c)) {
       outcome += ", absorbed by the library's fallback";
     } else if (r.exitCode == 0) {
-      problems.push_back("the job succeeded although the call failed and was not repeated");
+      problem("the job succeeded although the call failed and was not repeated");
     } else {
-      problems.push_back("unexpected exit: " + r.err);
+      problem("unexpected exit: " + r.err);
     }
 
     // What the job could not give back it names; a clean-up that fails is a fault of its own.
     const json summary = json::parse(r.out, nullptr, false);
-    if (!summary.is_object()) problems.push_back("no summary on stdout");
+    if (!summary.is_object()) problem("no summary on stdout");
     const json leftOver =
         summary.is_object() ? summary.value("leftOnArray", json::array()) : json();
     if (r.err.find("not removed") != std::string::npos) {
-      problems.push_back("clean-up failed: " + leftOver.dump());
+      problem("clean-up failed: " + leftOver.dump());
     } else if (hdstest::arrayState(array) != arrays) {
-      if (leftOver.empty()) problems.push_back("the array is not as it was");
+      if (leftOver.empty()) problem("the array is not as it was");
       outcome += ", left " + leftOver.dump();
     }
     const bool logout = c.tool == "raidcom" && c.args[0] == "-logout";
     if (!logout && array.dump().find("\nsession ") != std::string::npos) {
-      problems.push_back("a session is left open on the array");
+      problem("a session is left open on the array");
     }
     // An absent count: the handler failed before it counted the session.
     const int count = hdstest::loginCount(host);
-    if (count != 0 && count != -1000) problems.push_back("login count " + std::to_string(count));
+    if (count != 0 && count != -1000) problem("login count " + std::to_string(count));
     for (const std::string& p :
          hdstest::processesWithEnvironment("CCISIM_STATE=" + host.simState())) {
-      problems.push_back("process left: " + p);
+      problem("process left: " + p);
     }
 
     // A failed script is kept for the operator, and so is a copy of the HORCM file of an instance
@@ -279,11 +275,11 @@ class FaultMatrix : public ::testing::Test {
     const bool horcmStart = c.tool == "horcmstart.sh";
     for (const std::string& f : hdstest::filesIn(host.lockDir())) {
       if (!lockFiles.count(f) && !(horcmStart && f == "VT_HDS_OUTPUTFILE_LOCK.lock")) {
-        problems.push_back("lock file left: " + f);
+        problem("lock file left: " + f);
       }
     }
     for (const std::string& f : hdstest::filesIn(host.horcmDir())) {
-      if (!horcmFiles.count(f)) problems.push_back("HORCM file left: " + f);
+      if (!horcmFiles.count(f)) problem("HORCM file left: " + f);
     }
     // The journal stays exactly when the job named what it left for hdsctl recover.
     const bool journalKept = summary.is_object() && summary.value("leftForRecover", false);
@@ -294,12 +290,9 @@ class FaultMatrix : public ::testing::Test {
                                 collapse(content).find(collapse(callText(c))) != std::string::npos;
       const bool horcmCopy = horcmStart && f.find("_resp.log") != std::string::npos &&
                              content.find("HORCM_CMD") != std::string::npos;
-      if (!failedScript && !horcmCopy)
-        problems.push_back("file left in the temporary directory: " + f);
+      if (!failedScript && !horcmCopy) problem("file left in the temporary directory: " + f);
     }
-    std::string all;
-    for (const std::string& p : problems) all += (all.empty() ? "" : "; ") + p;
-    return all;
+    return problems;
   }
 
   // Runs every call's case, `workers` at a time, one line per case and a total.

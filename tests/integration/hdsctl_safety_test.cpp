@@ -35,17 +35,6 @@ void expectDone(const std::vector<std::string>& args) {
   EXPECT_EQ(r.exitCode, 0) << text(r);
 }
 
-// A second array, 499999, reached through /dev/sdd, whose LDEVs are named far_<id>.
-void addSecondArray(const SimArray& sim) {
-  json s = json::parse(SimArray::defaultScenario());
-  json far = s["arrays"][0];
-  far["serial"] = "499999";
-  far["command_devices"] = {{{"ldev", 4095}, {"device", "/dev/sdd"}}};
-  far["ldevs"][0]["name"] = "far_{id}";
-  s["arrays"].push_back(far);
-  sim.load(s.dump());
-}
-
 class HdsctlSafety : public ::testing::Test {
  protected:
   TestEnv env;
@@ -54,7 +43,14 @@ class HdsctlSafety : public ::testing::Test {
 };
 
 TEST_F(HdsctlSafety, CommandLineBeatsEachVariableAndNoChildSeesThePassword) {
-  addSecondArray(sim);
+  // A second array, 499999, reached through /dev/sdd, whose LDEVs are named far_<id>.
+  json scenario = json::parse(SimArray::defaultScenario());
+  json far = scenario["arrays"][0];
+  far["serial"] = "499999";
+  far["command_devices"] = {{{"ldev", 4095}, {"device", "/dev/sdd"}}};
+  far["ldevs"][0]["name"] = "far_{id}";
+  scenario["arrays"].push_back(far);
+  sim.load(scenario.dump());
 
   // The variables name 412345; the command line names 499999, and wins.
   ASSERT_EQ(hdsctl({"pools"}).exitCode, 0);
@@ -98,10 +94,9 @@ TEST_F(HdsctlSafety, CommandLineBeatsEachVariableAndNoChildSeesThePassword) {
 
   // raidcom as a script that records its environment before it runs the simulator.
   std::string realDir = env.root() + "/real/";
-  ASSERT_EQ(mkdir(realDir.c_str(), 0755), 0);
-  ASSERT_EQ(symlink(SimArray::ccisimPath().c_str(), (realDir + "raidcom").c_str()), 0);
   std::string dump = env.root() + "/raidcom-env";
-  ASSERT_EQ(unlink(sim.toolPath("raidcom").c_str()), 0);
+  ASSERT_EQ(mkdir(realDir.c_str(), 0755), 0);
+  ASSERT_EQ(rename(sim.toolPath("raidcom").c_str(), (realDir + "raidcom").c_str()), 0);
   hdstest::writeFile(sim.toolPath("raidcom"),
                      "#!/bin/sh\nenv >> " + dump + "\nexec " + realDir + "raidcom \"$@\"\n", 0755);
   ASSERT_EQ(hdsctl({"pools"}).exitCode, 0);

@@ -1,7 +1,6 @@
-// Thirty-two hdsctl jobs on one simulated array at once. They share the host's session and login
-// count, the HORCM instance, the resource group lock and the serialised asynchronous commands;
-// each must succeed, and in the end the array is as it was, no session or process is left and the
-// login count is back at 0. And a job killed outright holds up no job after it.
+// hdsctl jobs on one simulated array at once, sharing the host's session and login count, the
+// HORCM instance, the resource group lock and the serialised asynchronous commands, and jobs after
+// one killed outright.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -34,14 +33,16 @@ class JobStress : public ::testing::Test {
     sim.admin({"init", "--ldevs", "100-" + std::to_string(99 + kJobs)});
     hdstest::useSimArray(env, sim);
   }
-  bool sessionOpen() const { return sim.dump().find("\nsession ") != std::string::npos; }
+  void expectNoSession() const {
+    EXPECT_EQ(loginCount(), 0);
+    EXPECT_EQ(sim.dump().find("\nsession "), std::string::npos) << "a session is open";
+  }
 
   std::string jobFile(const json& job) {
     std::string file = env.root() + "/" + job["name"].get<std::string>() + ".json";
     hdstest::writeFile(file, job.dump());
     return file;
   }
-  // hdsctl's command line for a job of one pair.
   std::vector<std::string> onePair(const std::string& name, int pvol, int svol) {
     return {hdstest::hdsctlPath(), "job",
             jobFile({{"name", name}, {"pool", 0}, {"pvols", {pvol}}, {"svols", {svol}}})};
@@ -98,8 +99,7 @@ TEST_F(JobStress, ThirtyTwoJobsAtOnceAllSucceed) {
       }
     }
     EXPECT_EQ(state.dump(1), before);
-    EXPECT_FALSE(sessionOpen()) << "a session is open";
-    EXPECT_EQ(loginCount(), 0);
+    expectNoSession();
     EXPECT_EQ(liveTools(), std::vector<std::string>{});
     EXPECT_EQ(hdstest::filesIn(env.tempDir()), std::set<std::string>{});
   }
@@ -125,8 +125,7 @@ TEST_F(JobStress, KilledJobHoldsUpNoJobAfterIt) {
   sim.expireSessions();
   ToolResult after = hdstest::runTool(onePair("a", 102, 2002));
   EXPECT_EQ(after.exitCode, 0) << after.out << after.err;
-  EXPECT_EQ(loginCount(), 0);
-  EXPECT_FALSE(sessionOpen()) << "a session is open";
+  expectNoSession();
 
   // The count started anew without the killed job's session: recovering the job beside a live
   // session gives back what the job made, but not a session the count no longer holds, which
@@ -140,8 +139,7 @@ TEST_F(JobStress, KilledJobHoldsUpNoJobAfterIt) {
   EXPECT_THAT(recover.out, HasSubstr("the login count started anew without it"));
   EXPECT_EQ(loginCount(), 1) << "the live session's";
   EXPECT_EQ(live.finish().exitCode, 0);
-  EXPECT_EQ(loginCount(), 0);
-  EXPECT_FALSE(sessionOpen()) << "a session is open";
+  expectNoSession();
 }
 
 }  // namespace
@@ -169,6 +167,5 @@ TEST_F(JobStress, KilledJobThenARebootLocksNoJobOut) {
                                           "the host last started.") != std::string::npos,
               i == 1);
   }
-  EXPECT_EQ(loginCount(), 0);
-  EXPECT_FALSE(sessionOpen());
+  expectNoSession();
 }
