@@ -308,7 +308,7 @@ class FaultMatrix : public ::testing::Test {
         } catch (const std::exception& e) {
           problems = e.what();
         }
-        hdstest::writeFile(resultFile(first + k), outcome + "\n" + problems);
+        hdstest::writeFile(resultFile(first + k), outcome.append("\n").append(problems));
         return 0;
       });
       for (size_t i = first; i < first + n; ++i) {
