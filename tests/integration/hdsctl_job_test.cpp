@@ -5,10 +5,11 @@
 #include <signal.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cctype>
 #include <chrono>
+#include <memory>
 #include <nlohmann/json.hpp>
-#include <thread>
 
 #include "tests/support/Leftovers.h"
 #include "tests/support/TestEnv.h"
@@ -21,36 +22,22 @@ using hdstest::hdsctlPath;
 using hdstest::readFile;
 using hdstest::runTool;
 using hdstest::SimArray;
-using hdstest::SimFault;
 using hdstest::TestEnv;
 using hdstest::ToolResult;
 using hdstest::ToolRun;
 using nlohmann::json;
 using ::testing::HasSubstr;
 using ::testing::Not;
-using ::testing::StartsWith;
-
-// hdsctl's closing message: from "hdsctl: job" to the end, as the library's error text that it
-// carries may span several lines of the tool's own output.
-std::string failureMessage(const std::string& err) {
-  const size_t at = err.rfind("hdsctl: job ");
-  return at == std::string::npos ? "" : err.substr(at);
-}
 
 TEST(HdsctlDemo, RunsSixteenPairsAndLeavesTheArrayAsItFoundIt) {
   TestEnv env;
-  // The demo must find ccisim next to hdsctl by itself.
-  env.setEnv("CCISIM", nullptr);
+  env.setEnv("CCISIM", nullptr);  // the demo must find ccisim next to hdsctl by itself
   const std::string dir = env.root() + "/demo", trace = env.root() + "/trace.jsonl";
   ToolResult r = runTool({hdsctlPath(), "--trace", trace, "demo", "--json", "--dir", dir});
   ASSERT_EQ(r.exitCode, 0) << r.out << r.err;
   json summary = json::parse(r.out);
-  EXPECT_EQ(summary["result"], "ok");
   ASSERT_EQ(summary["pairs"].size(), 16u);
   for (const json& pair : summary["pairs"]) EXPECT_EQ(pair["pairStatus"], "PSUS") << pair;
-  EXPECT_EQ(summary["pairs"][15]["label"], "KS_SVOL_115_demo");
-  EXPECT_THAT(r.err, HasSubstr("[16/16] close session"));
-  EXPECT_THAT(r.err, HasSubstr("the library's log is " + dir + "/hdsctl.log"));
   EXPECT_THAT(readFile(dir + "/hdsctl.log"), HasSubstr("HDS  "));
 
   // The job's calls are the trace's first ones (the demo then stops its HORCM instances); the
@@ -63,14 +50,11 @@ TEST(HdsctlDemo, RunsSixteenPairsAndLeavesTheArrayAsItFoundIt) {
   EXPECT_GT(calls, 10u);
   EXPECT_LE(calls, lines.size());
   EXPECT_NEAR(summary["toolSeconds"].get<double>(), tracedMs / 1000, 0.01);
-  EXPECT_NEAR(summary["toolSeconds"].get<double>() + summary["outsideSeconds"].get<double>(),
-              summary["seconds"].get<double>(), 1e-6);
   EXPECT_GT(summary["outsideSeconds"].get<double>(), 0);
 
   env.setEnv("CCISIM_STATE", (dir + "/ccisim.db").c_str());
   EXPECT_EQ(json::parse(runTool({SimArray::ccisimPath(), "dump", "--json"}).out)["arrays"],
             json::parse(readFile(dir + "/array-before.json"))["arrays"]);
-  // No session, instance or command status of the job is left on the simulator either.
   const std::string dump = runTool({SimArray::ccisimPath(), "dump"}).out;
   for (const char* kind : {"\nsession ", "\ninstance ", "\ncommand_status "}) {
     EXPECT_THAT(dump, Not(HasSubstr(kind)));
@@ -93,11 +77,16 @@ class HdsctlJob : public ::testing::Test {
                                        "wwns": ["10000090fa1b2c4d"]}})");
   }
 
-  static SimFault slow(const std::string& match) { return hdstest::delayed(match, 1500); }
-
-  // Until the job has started a call whose first words are these.
-  void waitForCall(const std::string& words) {
-    ASSERT_TRUE(hdstest::waitUntil([&] { return hdstest::hasCalled(sim, words); })) << words;
+  // hdsctl job --json, once it has started its first call matching `match` (whose first words
+  // are `words`), which the array makes slow.
+  std::unique_ptr<ToolRun> startJobIn(const std::string& match, const std::string& words = "") {
+    sim.admin({"journal", "--clear"});
+    sim.addFault(hdstest::delayed(match, 1500));
+    auto job =
+        std::make_unique<ToolRun>(std::vector<std::string>{hdsctlPath(), "job", jobFile, "--json"});
+    const std::string call = words.empty() ? match : words;
+    EXPECT_TRUE(hdstest::waitUntil([&] { return hdstest::hasCalled(sim, call); })) << call;
+    return job;
   }
 
   // The tool a killed job had started runs to its end on its own.
@@ -107,21 +96,20 @@ class HdsctlJob : public ::testing::Test {
     });
   }
 
-  int loginCount() const { return hdstest::loginCount(env); }
-
-  // The array as before the job, no session counted and no journal left.
   void expectClean() {
     EXPECT_EQ(arrayState(sim), before);
-    EXPECT_EQ(loginCount(), 0);
+    EXPECT_EQ(hdstest::loginCount(env), 0);
     EXPECT_FALSE(hdstest::pathExists(env.tempDir() + "/jobs/t.journal"));
   }
 
-  // hdsctl recover, which must succeed.
-  void recover(const std::vector<std::string>& names = {}) {
-    std::vector<std::string> argv = {hdsctlPath(), "recover"};
-    argv.insert(argv.end(), names.begin(), names.end());
-    ToolResult r = runTool(argv);
+  // hdsctl recover, once the array answers again: it succeeds and leaves all clean. Its output.
+  std::string recoverAll() {
+    sim.admin({"fault", "clear"});
+    waitForTools();
+    ToolResult r = runTool({hdsctlPath(), "recover"});
     EXPECT_EQ(r.exitCode, 0) << r.out << r.err;
+    expectClean();
+    return r.out;
   }
 
   void fault(const std::string& match, int times) {
@@ -146,8 +134,7 @@ TEST_F(HdsctlJob, CompletesAndKeepsAnExistingHostGroup) {
   EXPECT_EQ(arrayState(sim), before);
 }
 
-// A temporary or lock directory that cannot take files stops the job before it opens a session,
-// naming the directory, instead of after S-VOLs were made.
+// Checked before the session opens, not after S-VOLs were made.
 TEST_F(HdsctlJob, UnusableDirectoriesStopTheJobBeforeTheArrayIsTouched) {
   const std::string plain = env.root() + "/plain";
   hdstest::writeFile(plain, "");
@@ -155,29 +142,30 @@ TEST_F(HdsctlJob, UnusableDirectoriesStopTheJobBeforeTheArrayIsTouched) {
   env.setEnv("HDS_LOCK_DIR", (plain + "/lock").c_str());
   ToolResult r = runTool({hdsctlPath(), "job", jobFile});
   EXPECT_EQ(r.exitCode, 1);
-  EXPECT_EQ(failureMessage(r.err), "hdsctl: job t cannot start: Temporary directory [" + plain +
-                                       "] cannot be used: Not a directory; Lock directory [" +
-                                       plain + "/lock] unusable: Not a directory\n");
+  EXPECT_THAT(r.err, HasSubstr("hdsctl: job t cannot start: Temporary directory [" + plain +
+                               "] cannot be used: Not a directory; Lock directory [" + plain +
+                               "/lock] unusable: Not a directory\n"));
   EXPECT_TRUE(sim.journal().empty());
 }
 
+// A step that fails ends the job with the library's error text and removes what it made. These are
+// the failures the fault matrix (each call of a one-P-VOL job failing once) cannot reach: after
+// part of a step's objects were made, a retry failing again, a script line before its last
+// (whose failure shows only in its output, as a script's status is its last line's), and WWNs.
 struct FailurePoint {
   const char* match;
-  int times;  // scripts and retries run a command again: while making, it fails every time
+  int times;  // -1: scripts and retries run a command again
   const char* step;
 };
 
-// A step that fails ends the job with the library's error text, and what the job made up to
-// then is removed: S-VOLs, labels, device groups, snapshot pairs, LUNs and the host group.
 void PrintTo(const FailurePoint& p, std::ostream* os) { *os << "raidcom " << p.match; }
 
 class HdsctlJobFailure : public HdsctlJob, public ::testing::WithParamInterface<FailurePoint> {};
 
 std::string failureName(const ::testing::TestParamInfo<FailurePoint>& info) {
   std::string name = std::to_string(info.index) + "_" + info.param.step;
-  for (char& c : name) {
-    if (!std::isalnum(static_cast<unsigned char>(c))) c = '_';
-  }
+  std::replace_if(
+      name.begin(), name.end(), [](unsigned char c) { return !std::isalnum(c); }, '_');
   return name;
 }
 
@@ -186,9 +174,7 @@ TEST_P(HdsctlJobFailure, LeavesTheArrayAsBefore) {
   fault(c.match, c.times);
   ToolResult r = runTool({hdsctlPath(), "job", jobFile});
   EXPECT_EQ(r.exitCode, 1);
-  EXPECT_THAT(failureMessage(r.err),
-              StartsWith(std::string("hdsctl: job t failed at step '") + c.step + "': "));
-  EXPECT_THAT(r.out, HasSubstr(std::string("] ") + c.step + ": FAILED"));
+  EXPECT_THAT(r.err, HasSubstr(std::string("hdsctl: job t failed at step '") + c.step + "': "));
   EXPECT_THAT(r.out, Not(HasSubstr("not removed")));
   EXPECT_EQ(arrayState(sim), before);
   EXPECT_FALSE(hdstest::pathExists(env.tempDir() + "/jobs")) << "the journal of a clean end";
@@ -197,38 +183,23 @@ TEST_P(HdsctlJobFailure, LeavesTheArrayAsBefore) {
 INSTANTIATE_TEST_SUITE_P(
     WhileMaking, HdsctlJobFailure,
     ::testing::Values(FailurePoint{"add ldev.*-ldev_id 2002", -1, "create S-VOLs"},
-                      FailurePoint{"modify ldev.*-ldev_name", -1, "label S-VOLs"},
+                      FailurePoint{"modify ldev -ldev_id 2001 ", 1, "label S-VOLs"},
+                      FailurePoint{"add device_grp.*KS_DEV_S_t.*-ldev_id 2001 ", 1,
+                                   "device groups"},
                       FailurePoint{"add device_grp.*KS_DEV_P_t", -1, "device groups"},
                       FailurePoint{"add snapshot -ldev_id 102", -1, "snapshot group add"},
-                      FailurePoint{"modify snapshot.*split", -1, "snapshot split"},
                       FailurePoint{"add hba_wwn", -1, "present"},
                       // A failed resource group query leaves the handler's command suffix cut
                       // short; the clean-up that follows must still send well-formed commands.
-                      FailurePoint{"get resource -key opt -IM3532$", 1, "present"},
-                      FailurePoint{"add lun", -1, "present"}),
+                      FailurePoint{"get resource -key opt -IM3532$", 1, "present"}),
     failureName);
 
-// A line of a script before its last: the script's exit status is that of its last line, so the
-// failure shows only in what the line printed.
-INSTANTIATE_TEST_SUITE_P(
-    InsideAScript, HdsctlJobFailure,
-    ::testing::Values(FailurePoint{"modify ldev -ldev_id 2001 ", 1, "label S-VOLs"},
-                      FailurePoint{"add device_grp.*KS_DEV_S_t.*-ldev_id 2001 ", 1,
-                                   "device groups"}),
-    failureName);
-
-// A failure on the way back, once; the clean-up then finishes the work.
-INSTANTIATE_TEST_SUITE_P(
-    OnTheWayBack, HdsctlJobFailure,
-    ::testing::Values(FailurePoint{"delete lun", 1, "withdraw"},
-                      FailurePoint{"delete snapshot -ldev_id 2001", 1, "delete snapshots"},
-                      // A line in the middle of the device group script.
-                      FailurePoint{"delete device_grp.*KS_DEV_P_t.*-ldev_id 101 ", 1,
-                                   "delete device groups"},
-                      FailurePoint{"delete ldev -ldev_id 2002", 1, "delete S-VOLs"},
-                      // The logout: the session's end is reported, not only logged.
-                      FailurePoint{"^-logout", 1, "close session"}),
-    failureName);
+// A line in the middle of the device group script on the way back; the clean-up then finishes.
+INSTANTIATE_TEST_SUITE_P(OnTheWayBack, HdsctlJobFailure,
+                         ::testing::Values(FailurePoint{
+                             "delete device_grp.*KS_DEV_P_t.*-ldev_id 101 ", 1,
+                             "delete device groups"}),
+                         failureName);
 
 // Among several LDEVs read at once, one that could not be read is read once more on its own: the
 // job then goes on, or names it with the library's error.
@@ -241,9 +212,8 @@ TEST_F(HdsctlJob, AnLdevNotReadAmongOthersIsReadAgain) {
   fault("get ldev -ldev_id 101 ", 2);
   r = runTool({hdsctlPath(), "job", jobFile});
   EXPECT_EQ(r.exitCode, 1);
-  EXPECT_THAT(failureMessage(r.err),
-              HasSubstr("failed at step 'read P-VOLs': cannot read LDEV 101: Command"));
-  EXPECT_THAT(failureMessage(r.err), HasSubstr("(error 62601)"));
+  EXPECT_THAT(r.err, HasSubstr("failed at step 'read P-VOLs': cannot read LDEV 101: Command"));
+  EXPECT_THAT(r.err, HasSubstr("(error 62601)"));
 }
 
 // An S-VOL number defined by another between the job's choice and its creation is rejected by the
@@ -251,12 +221,10 @@ TEST_F(HdsctlJob, AnLdevNotReadAmongOthersIsReadAgain) {
 // and the job goes on with the next free number. One that reads back as defined after a creation
 // whose outcome is unknown may be the job's or another's: it is named as such, never deleted.
 TEST_F(HdsctlJob, NumberDefinedMeanwhileIsNeverTakenForTheJobs) {
-  sim.addFault(slow("add ldev.*-ldev_id 2000 "));
-  ToolRun job({hdsctlPath(), "job", jobFile, "--json"});
-  waitForCall("add ldev");
+  auto job = startJobIn("add ldev.*-ldev_id 2000 ", "add ldev");
   sim.startRaidcomSession(3600);  // the other host
   ASSERT_EQ(sim.raidcom("add ldev -ldev_id 2000 -capacity 1024 -pool 0", 3600).exitCode, 0);
-  ToolResult r = job.finish();
+  ToolResult r = job->finish();
   EXPECT_EQ(r.exitCode, 0) << r.err;
   json summary = json::parse(r.out);
   EXPECT_EQ(summary["leftOnArray"], json::array());
@@ -276,24 +244,18 @@ TEST_F(HdsctlJob, NumberDefinedMeanwhileIsNeverTakenForTheJobs) {
   EXPECT_EQ(summary["pairs"][0]["svol"], "2003");
 }
 
-// What the clean-up cannot remove stays in the journal, is named as left for hdsctl recover, and
-// recover removes it once the array lets it.
 TEST_F(HdsctlJob, WhatCannotBeCleanedUpIsLeftForRecover) {
   fault("delete ldev -ldev_id 2002", -1);
   ToolResult r = runTool({hdsctlPath(), "job", jobFile});
   EXPECT_EQ(r.exitCode, 1);
   EXPECT_THAT(r.out, HasSubstr("left on array 412345: S-VOL 2002 (left for `hdsctl recover`)"));
-  EXPECT_THAT(failureMessage(r.err), HasSubstr("failed at step 'delete S-VOLs'"));
+  EXPECT_THAT(r.err, HasSubstr("failed at step 'delete S-VOLs'"));
   EXPECT_TRUE(hdstest::pathExists(env.tempDir() + "/jobs/t.journal"));
   r = runTool({hdsctlPath(), "recover", "t"});
   EXPECT_EQ(r.exitCode, 1) << r.out;
   EXPECT_THAT(r.out, HasSubstr("not removed: S-VOL 2002"));
 
-  sim.admin({"fault", "clear"});
-  r = runTool({hdsctlPath(), "recover"});
-  EXPECT_EQ(r.exitCode, 0) << r.out << r.err;
-  EXPECT_THAT(r.out, HasSubstr("removed: S-VOL 2002"));
-  expectClean();
+  EXPECT_THAT(recoverAll(), HasSubstr("removed: S-VOL 2002"));
 }
 
 // SIGINT, SIGTERM and SIGHUP (a dropped session), however often they come, end the job at the
@@ -301,12 +263,9 @@ TEST_F(HdsctlJob, WhatCannotBeCleanedUpIsLeftForRecover) {
 TEST_F(HdsctlJob, SignalsEndTheJobAtTheNextStepAndCleanUp) {
   for (const std::vector<int>& signals :
        std::vector<std::vector<int>>{{SIGINT}, {SIGHUP}, {SIGINT, SIGINT, SIGTERM}}) {
-    sim.admin({"journal", "--clear"});
-    sim.addFault(slow("add snapshot"));
-    ToolRun job({hdsctlPath(), "job", jobFile, "--json"});
-    waitForCall("add snapshot");
-    for (int signal : signals) kill(job.pid(), signal);
-    ToolResult r = job.finish();
+    auto job = startJobIn("add snapshot");
+    for (int signal : signals) kill(job->pid(), signal);
+    ToolResult r = job->finish();
     EXPECT_EQ(r.exitCode, 1) << r.err;
     json summary = json::parse(r.out);
     EXPECT_EQ(summary["error"], "interrupted by a signal");
@@ -319,34 +278,23 @@ TEST_F(HdsctlJob, SignalsEndTheJobAtTheNextStepAndCleanUp) {
   expectClean();
 }
 
-// A job killed outright inside any step: hdsctl recover leaves the array exactly as before the
-// job, the login count as before and no session open.
 TEST_F(HdsctlJob, KilledInAnyStepIsRecovered) {
   for (const char* call : {"add ldev", "modify ldev", "add device_grp", "add snapshot",
                            "modify snapshot", "add host_grp", "add lun", "delete lun",
                            "delete snapshot", "delete device_grp", "delete ldev"}) {
     SCOPED_TRACE(call);
-    sim.admin({"journal", "--clear"});
-    sim.addFault(slow(call));
-    ToolRun job({hdsctlPath(), "job", jobFile});
-    waitForCall(call);
-    kill(job.pid(), SIGKILL);
-    EXPECT_EQ(job.finish().exitCode, 128 + SIGKILL);
-    waitForTools();
-    ToolResult r = runTool({hdsctlPath(), "recover"});
-    EXPECT_EQ(r.exitCode, 0) << r.out << r.err;
-    EXPECT_THAT(r.out, HasSubstr("given back: the session of the dead job"));
+    auto job = startJobIn(call);
+    kill(job->pid(), SIGKILL);
+    EXPECT_EQ(job->finish().exitCode, 128 + SIGKILL);
+    EXPECT_THAT(recoverAll(), HasSubstr("given back: the session of the dead job"));
     EXPECT_THAT(sim.dump(), Not(HasSubstr("\nsession ")));
-    expectClean();
   }
 }
 
 // One job of a name at a time: a twin of a live job is refused at once, and so is recover; a
 // job of the name of a dead one gives back what that one made first.
 TEST_F(HdsctlJob, TwinsDoNotShareTheirObjects) {
-  sim.addFault(slow("add snapshot"));
-  ToolRun first({hdsctlPath(), "job", jobFile});
-  waitForCall("add snapshot");
+  auto first = startJobIn("add snapshot");
   ToolResult twin = runTool({hdsctlPath(), "job", jobFile});
   EXPECT_EQ(twin.exitCode, 1);
   EXPECT_THAT(twin.err, HasSubstr("hdsctl: job t is already running on this host"));
@@ -354,8 +302,8 @@ TEST_F(HdsctlJob, TwinsDoNotShareTheirObjects) {
   EXPECT_EQ(recover.exitCode, 1);
   EXPECT_THAT(recover.err, HasSubstr("job t is running"));
 
-  kill(first.pid(), SIGKILL);
-  first.finish();
+  kill(first->pid(), SIGKILL);
+  first->finish();
   waitForTools();
   twin = runTool({hdsctlPath(), "job", jobFile});
   EXPECT_EQ(twin.exitCode, 0) << twin.out << twin.err;
@@ -383,28 +331,21 @@ TEST_F(HdsctlJob, GarbageListingsRemoveNothingUnverified) {
                           "`hdsctl recover`)"));
     EXPECT_TRUE(summary["leftForRecover"].get<bool>());
 
-    sim.admin({"fault", "clear"});
-    recover({"t"});
-    expectClean();
+    recoverAll();
   }
 
   // The list of device groups answers one line of garbage once the job has read it for its
   // P-VOLs; the groups' removal then cannot be read back.
-  sim.admin({"journal", "--clear"});
-  sim.addFault(slow("add ldev"));
   fault("add snapshot", -1);
-  ToolRun job({hdsctlPath(), "job", jobFile, "--json"});
-  waitForCall("add ldev");
+  auto job = startJobIn("add ldev");
   sim.addFault(hdstest::answering("^get device_grp -I", "garbage\n"));
-  ToolResult r = job.finish();
+  ToolResult r = job->finish();
   EXPECT_EQ(r.exitCode, 1);
   json summary = json::parse(r.out);
   EXPECT_EQ(summary["failedStep"], "snapshot group add");
   EXPECT_THAT(summary["removed"].dump(), Not(HasSubstr("device groups")));
   EXPECT_THAT(summary["leftOnArray"].dump(), HasSubstr("device groups"));
-  sim.admin({"fault", "clear"});
-  recover({"t"});
-  expectClean();
+  recoverAll();
 }
 
 // An array that stops answering: the clean-up stops at its first call that meets the command
@@ -414,12 +355,10 @@ TEST_F(HdsctlJob, DeadArrayEndsTheJobWithinTheCleanUpDeadline) {
   env.writeSettings("[iHarbor]\nsVTHDSHorcmDirectory = " + sim.cciDir() +
                     "\n[~iHarbor]\nnVTHDSCCICommandTimeoutInSec = 30\n");
   hdstest::writeFile(jobFile, R"({"name": "t", "pool": 0, "pvols": [100, 101, 102, 103]})");
-  sim.addFault(slow("add snapshot"));
-  ToolRun job({hdsctlPath(), "job", jobFile, "--json"});
-  waitForCall("add snapshot");
+  auto job = startJobIn("add snapshot");
   sim.addFault(hdstest::delayed("", 120 * 1000, -1, "*"));
   const auto start = std::chrono::steady_clock::now();
-  ToolResult r = job.finish();
+  ToolResult r = job->finish();
   const double seconds =
       std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   EXPECT_EQ(r.exitCode, 1) << r.err;
@@ -428,21 +367,15 @@ TEST_F(HdsctlJob, DeadArrayEndsTheJobWithinTheCleanUpDeadline) {
   json summary = json::parse(r.out);
   EXPECT_TRUE(summary["leftForRecover"].get<bool>());
   EXPECT_EQ(summary["removed"], json::array());
-
-  sim.admin({"fault", "clear"});
-  waitForTools();
-  recover();
-  expectClean();
+  recoverAll();
 }
 
 // The journal: a torn last line is the write its runner died in; any other unreadable line is
 // an error that names the file.
 TEST_F(HdsctlJob, JournalTornAndUnreadable) {
   const std::string journal = env.tempDir() + "/jobs/t.journal";
-  const std::string header =
-      json({{"job", "t"}, {"pid", 1}, {"boot", "x"}, {"array", {{"serial", SimArray::kSerial}}}})
-          .dump() +
-      "\n";
+  const std::string header = R"({"job": "t", "pid": 1, "boot": "x", "array": {"serial": "412345"}})"
+                             "\n";
   mkdir((env.tempDir() + "/jobs").c_str(), 0700);
   // Its session was counted in another boot ("x"), whose count is void: it is not given back.
   hdstest::writeFile(journal, header + R"({"do": "session", "id": 1, "serial": "412345"})" + "\n" +
@@ -450,7 +383,7 @@ TEST_F(HdsctlJob, JournalTornAndUnreadable) {
   ToolResult r = runTool({hdsctlPath(), "recover", "t"});
   EXPECT_EQ(r.exitCode, 0) << r.out << r.err;
   EXPECT_THAT(r.out, HasSubstr("counted in an earlier boot"));
-  EXPECT_EQ(loginCount(), 0);
+  EXPECT_EQ(hdstest::loginCount(env), 0);
   EXPECT_FALSE(hdstest::pathExists(journal));
 
   mkdir((env.tempDir() + "/jobs").c_str(), 0700);

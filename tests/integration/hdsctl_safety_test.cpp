@@ -6,9 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <nlohmann/json.hpp>
-#include <thread>
 
 #include "tests/support/Leftovers.h"
 #include "tests/support/TestEnv.h"
@@ -37,29 +35,22 @@ void expectDone(const std::vector<std::string>& args) {
   EXPECT_EQ(r.exitCode, 0) << text(r);
 }
 
-// A second array, 499999, reached through /dev/sdd, whose LDEVs are named far_<id>.
-void addSecondArray(const SimArray& sim) {
-  json s = json::parse(SimArray::defaultScenario());
-  json far = s["arrays"][0];
+class HdsctlSafety : public ::testing::Test {
+ protected:
+  TestEnv env;
+  SimArray sim{env};
+  void SetUp() override { useSimArray(env, sim); }
+};
+
+TEST_F(HdsctlSafety, CommandLineBeatsEachVariableAndNoChildSeesThePassword) {
+  // A second array, 499999, reached through /dev/sdd, whose LDEVs are named far_<id>.
+  json scenario = json::parse(SimArray::defaultScenario());
+  json far = scenario["arrays"][0];
   far["serial"] = "499999";
   far["command_devices"] = {{{"ldev", 4095}, {"device", "/dev/sdd"}}};
   far["ldevs"][0]["name"] = "far_{id}";
-  s["arrays"].push_back(far);
-  sim.load(s.dump());
-}
-
-// "3532" of "horcm3532.conf".
-std::string instanceNumber(const std::string& horcmFile) {
-  return horcmFile.substr(5, horcmFile.find('.') - 5);
-}
-
-TEST(HdsctlSafety, CommandLineBeatsEachVariableAndNoChildSeesThePassword) {
-  TestEnv env;
-  SimArray sim(env);
-  addSecondArray(sim);
-  useSimArray(env, sim);
-  EXPECT_THAT(hdsctl({"--help"}).out,
-              HasSubstr("an option on the command line beats its variable"));
+  scenario["arrays"].push_back(far);
+  sim.load(scenario.dump());
 
   // The variables name 412345; the command line names 499999, and wins.
   ASSERT_EQ(hdsctl({"pools"}).exitCode, 0);
@@ -67,11 +58,12 @@ TEST(HdsctlSafety, CommandLineBeatsEachVariableAndNoChildSeesThePassword) {
       hdsctl({"ldevs", "--ldev", "110", "--json", "--serial", "499999", "--cmddev", "/dev/sdd"});
   ASSERT_EQ(r.exitCode, 0) << r.err;
   EXPECT_EQ(json::parse(r.out)[0]["label"], "far_110");
-  std::string farInstance, nearInstance;
+  std::string farInstance, nearInstance;  // "3532" of "horcm3532.conf"
   for (const std::string& name : hdstest::filesIn(env.horcmDir())) {
     std::string conf = hdstest::readFile(env.horcmDir() + name);
-    if (conf.find("CMD-499999\n/dev/sdd") != std::string::npos) farInstance = name;
-    if (conf.find("CMD-412345\n/dev/sdc") != std::string::npos) nearInstance = name;
+    const std::string number = name.substr(5, name.find('.') - 5);
+    if (conf.find("CMD-499999\n/dev/sdd") != std::string::npos) farInstance = number;
+    if (conf.find("CMD-412345\n/dev/sdc") != std::string::npos) nearInstance = number;
   }
   EXPECT_NE(farInstance, "") << "no HORCM file names the command device of the command line";
   // A job file's array beats the variables too.
@@ -84,38 +76,27 @@ TEST(HdsctlSafety, CommandLineBeatsEachVariableAndNoChildSeesThePassword) {
   EXPECT_THAT(r.out, HasSubstr("every object the job made on array 499999"));
 
   // Each variable set wrong breaks the command, and the option set right mends it.
-  struct Case {
-    const char* variable;
-    const char* wrong;
-    std::vector<std::string> option;
-  };
-  const std::vector<Case> cases = {
-      {"HDSCTL_SERIAL", "499998", {"--serial", "412345"}},
-      {"HDSCTL_USER", "nobody", {"--user", "admin"}},
-      {"HDSCTL_PASSWORD", "wrong", {"--password", "admin123"}},
-      {"HDSCTL_HORCM_INSTANCE", "x1", {"--horcm-instance", instanceNumber(nearInstance)}},
-      {"HDSCTL_RESOURCE_GROUP", "no_such_group", {"--resource-group", "meta_resource"}},
-      {"HDSCTL_CCI_DIR", "/nonexistent/cci", {"--cci-dir", sim.cciDir()}}};
   env.writeSettings("");  // the CCI directory comes from the options alone
   env.setEnv("HDSCTL_CCI_DIR", sim.cciDir().c_str());
-  for (const Case& c : cases) {
-    const char* right = getenv(c.variable);
-    std::string kept = right == nullptr ? "" : right;
-    env.setEnv(c.variable, c.wrong);
-    EXPECT_EQ(hdsctl({"pools"}).exitCode, 1) << c.variable;
-    std::vector<std::string> args = {"pools"};
-    args.insert(args.end(), c.option.begin(), c.option.end());
-    r = hdsctl(args);
-    EXPECT_EQ(r.exitCode, 0) << c.variable << ": " << r.err;
-    env.setEnv(c.variable, kept.empty() ? nullptr : kept.c_str());
+  for (const std::vector<std::string>& c : std::vector<std::vector<std::string>>{
+           {"HDSCTL_SERIAL", "499998", "--serial", "412345"},
+           {"HDSCTL_USER", "nobody", "--user", "admin"},
+           {"HDSCTL_PASSWORD", "wrong", "--password", "admin123"},
+           {"HDSCTL_HORCM_INSTANCE", "x1", "--horcm-instance", nearInstance},
+           {"HDSCTL_RESOURCE_GROUP", "no_such_group", "--resource-group", "meta_resource"},
+           {"HDSCTL_CCI_DIR", "/nonexistent/cci", "--cci-dir", sim.cciDir()}}) {
+    env.setEnv(c[0], c[1].c_str());
+    EXPECT_EQ(hdsctl({"pools"}).exitCode, 1) << c[0];
+    r = hdsctl({"pools", c[2], c[3]});
+    EXPECT_EQ(r.exitCode, 0) << c[0] << ": " << r.err;
+    env.setEnv(c[0], c[3].c_str());  // the right value, as the option gave it
   }
 
   // raidcom as a script that records its environment before it runs the simulator.
   std::string realDir = env.root() + "/real/";
-  ASSERT_EQ(mkdir(realDir.c_str(), 0755), 0);
-  ASSERT_EQ(symlink(SimArray::ccisimPath().c_str(), (realDir + "raidcom").c_str()), 0);
   std::string dump = env.root() + "/raidcom-env";
-  ASSERT_EQ(unlink(sim.toolPath("raidcom").c_str()), 0);
+  ASSERT_EQ(mkdir(realDir.c_str(), 0755), 0);
+  ASSERT_EQ(rename(sim.toolPath("raidcom").c_str(), (realDir + "raidcom").c_str()), 0);
   hdstest::writeFile(sim.toolPath("raidcom"),
                      "#!/bin/sh\nenv >> " + dump + "\nexec " + realDir + "raidcom \"$@\"\n", 0755);
   ASSERT_EQ(hdsctl({"pools"}).exitCode, 0);
@@ -125,10 +106,7 @@ TEST(HdsctlSafety, CommandLineBeatsEachVariableAndNoChildSeesThePassword) {
   EXPECT_THAT(seen, Not(HasSubstr(SimArray::kPassword)));
 }
 
-TEST(HdsctlSafety, DestructiveCommandsActOnlyOnSvolsUnlessForced) {
-  TestEnv env;
-  SimArray sim(env);
-  useSimArray(env, sim);
+TEST_F(HdsctlSafety, DestructiveCommandsActOnlyOnSvolsUnlessForced) {
   std::string before = arrayState(sim);
 
   // A data volume, a P-VOL's pairs and the command device's path are refused; a list with one
@@ -136,19 +114,15 @@ TEST(HdsctlSafety, DestructiveCommandsActOnlyOnSvolsUnlessForced) {
   expectDone({"svol", "create", "300", "--pool", "0", "--like", "100", "--label", "KS_SVOL_100_t"});
   expectDone({"snapshot", "add", "KS_SNAP_t", "--pool", "0", "--pair", "100:300"});
   std::string made = arrayState(sim);
-  struct Refusal {
-    std::vector<std::string> args;
-    std::string says;
-  };
-  const std::vector<Refusal> refusals = {
-      {{"svol", "delete", "300", "110"}, "LDEV 110 (label data_110, no snapshot pairs"},
-      {{"snapshot", "delete", "100"}, "P-VOL in KS_SNAP_t with S-VOL 300"},
-      {{"unmap", "--port", "CL1-A", "--host-group", "1", "--ldev", "4095"}, "LU paths CL1-A-1-0"},
-      {{"svol", "delete", "301"}, "LDEV 301 (not defined"}};
-  for (const Refusal& c : refusals) {
-    ToolResult r = hdsctl(c.args);
-    EXPECT_EQ(r.exitCode, 1) << c.args[1] << ": " << text(r);
-    EXPECT_THAT(r.err, HasSubstr(c.says));
+  for (const auto& [args, says] : std::vector<std::pair<std::vector<std::string>, std::string>>{
+           {{"svol", "delete", "300", "110"}, "LDEV 110 (label data_110, no snapshot pairs"},
+           {{"snapshot", "delete", "100"}, "P-VOL in KS_SNAP_t with S-VOL 300"},
+           {{"unmap", "--port", "CL1-A", "--host-group", "1", "--ldev", "4095"},
+            "LU paths CL1-A-1-0"},
+           {{"svol", "delete", "301"}, "LDEV 301 (not defined"}}) {
+    ToolResult r = hdsctl(args);
+    EXPECT_EQ(r.exitCode, 1) << args[1] << ": " << text(r);
+    EXPECT_THAT(r.err, HasSubstr(says));
     EXPECT_THAT(r.err, HasSubstr("--force"));
   }
   EXPECT_EQ(arrayState(sim), made);
@@ -170,17 +144,10 @@ json resourceGroup() {
   return json::parse(r.out, nullptr, false)[0];
 }
 
-TEST(HdsctlSafety, TheLockStaysWithTheSessionsThatUseIt) {
-  TestEnv env;
-  SimArray sim(env);
-  useSimArray(env, sim);
-
+TEST_F(HdsctlSafety, TheLockStaysWithTheSessionsThatUseIt) {
   // A holder in another process, as a job holds the lock while it runs.
   ToolRun holder({hdsctlPath(), "lock"});
-  for (int i = 0; i < 300 && resourceGroup()["status"] != "Locked"; ++i) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-  }
-  ASSERT_EQ(resourceGroup()["status"], "Locked");
+  ASSERT_TRUE(hdstest::waitUntil([] { return resourceGroup()["status"] == "Locked"; }, 15));
   ToolResult r = hdsctl({"unlock"});
   EXPECT_EQ(r.exitCode, 1);
   EXPECT_THAT(r.err, HasSubstr("1 other session(s) of this host use array 412345 (login count 2)"));
@@ -210,11 +177,7 @@ TEST(HdsctlSafety, TheLockStaysWithTheSessionsThatUseIt) {
   EXPECT_EQ(resourceGroup()["status"], "Unlocked");
 }
 
-TEST(HdsctlSafety, FailuresNameTheirCause) {
-  TestEnv env;
-  SimArray sim(env);
-  useSimArray(env, sim);
-
+TEST_F(HdsctlSafety, FailuresNameTheirCause) {
   // A misspelt group fails before the library's wait for it, naming the groups there are.
   ToolResult r = hdsctl({"lock", "--hold", "0", "--resource-group", "meta_resourse"});
   EXPECT_EQ(r.exitCode, 1);
