@@ -1,5 +1,6 @@
 #include "tests/support/SimArray.h"
 
+#include <algorithm>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 
@@ -198,6 +199,24 @@ std::string SimArray::instanceArgs(int instance) {
 
 ToolResult SimArray::raidcom(const std::string& arguments, int instance) const {
   return shell(toolPath("raidcom") + " " + arguments + instanceArgs(instance));
+}
+
+std::vector<std::string> simCalls(const SimArray& sim, const std::vector<std::string>& words,
+                                  const std::string& tool) {
+  std::vector<std::string> calls;
+  for (const SimJournalEntry& e : sim.journal()) {
+    const bool match = e.tool == tool && e.args.size() >= words.size() &&
+                       std::equal(words.begin(), words.end(), e.args.begin());
+    if (!match) continue;
+    std::string joined;
+    for (size_t i = words.size(); i < e.args.size() && e.args[i].rfind("-I", 0) != 0; ++i) {
+      const std::string& a = e.args[i];
+      joined +=
+          (i == words.size() ? "" : " ") + (a.find(' ') == std::string::npos ? a : "'" + a + "'");
+    }
+    calls.push_back(joined);
+  }
+  return calls;
 }
 
 }  // namespace hdstest

@@ -120,4 +120,9 @@ class SimArray {
   const TestEnv& m_rEnv;
 };
 
+// The calls of `tool` whose arguments begin with `words`, in order, each as the arguments after
+// those words and before the instance's, blank-joined, an argument holding a blank in quotes.
+std::vector<std::string> simCalls(const SimArray& sim, const std::vector<std::string>& words,
+                                  const std::string& tool = "raidcom");
+
 }  // namespace hdstest

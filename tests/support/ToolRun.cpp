@@ -77,10 +77,7 @@ bool waitUntil(const std::function<bool()>& done, int seconds) {
 }
 
 bool hasCalled(const SimArray& sim, const std::string& words) {
-  for (const SimJournalEntry& e : sim.journal()) {
-    if (e.args.size() > 1 && e.args[0] + " " + e.args[1] == words) return true;
-  }
-  return false;
+  return !simCalls(sim, lineWords(words)).empty();
 }
 
 }  // namespace hdstest
